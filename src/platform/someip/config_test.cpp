@@ -1,0 +1,198 @@
+#include "platform/someip/config.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+namespace platform::someip {
+namespace {
+
+std::string testdata(const std::string& name) {
+  return std::string(WIRE_TESTDATA_DIR) + "/" + name;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Writes `text` to a fresh file under the test temp dir and returns its path.
+std::string writeTemp(const std::string& name, const std::string& text) {
+  const std::string path = ::testing::TempDir() + "wire_config_" + name + ".json";
+  std::ofstream(path, std::ios::trunc) << text;
+  return path;
+}
+
+// The valid file with the first occurrence of `from` replaced by `to`.
+std::string edited(const std::string& from, const std::string& to) {
+  std::string text = readFile(testdata("host.json"));
+  const auto at = text.find(from);
+  EXPECT_NE(at, std::string::npos) << from;
+  if (at != std::string::npos)
+    text.replace(at, from.size(), to);
+  return text;
+}
+
+TEST(HostConfig, ValidFileLoads) {
+  HostConfig config;
+  std::string error;
+  ASSERT_TRUE(loadHostConfig(testdata("host.json"), config, error)) << error;
+  EXPECT_EQ(config.sd.multicast, 0xE0F4E0F5u);
+  EXPECT_EQ(config.sd.port, 30490);
+  EXPECT_EQ(config.sd.initialDelayMinMs, 10u);
+  EXPECT_EQ(config.sd.initialDelayMaxMs, 50u);
+  EXPECT_EQ(config.sd.repetitionBaseDelayMs, 30u);
+  EXPECT_EQ(config.sd.repetitionsMax, 3u);
+  EXPECT_EQ(config.sd.cyclicOfferDelayMs, 1000u);
+  EXPECT_EQ(config.sd.ttlSeconds, 3u);
+  EXPECT_EQ(config.processes.at("lum-sim"), 0x7F000002u);
+  EXPECT_EQ(config.processes.size(), 3u);
+
+  const InterfaceConfig* sample = config.findInterface("Sample_v1");
+  ASSERT_NE(sample, nullptr);
+  EXPECT_EQ(sample->name, "Sample_v1");
+  EXPECT_EQ(sample->serviceId, 0x1234);
+  EXPECT_EQ(sample->instanceId, 1);
+  EXPECT_EQ(sample->majorVersion, 11);
+  EXPECT_EQ(sample->server, "lum-sim");
+  EXPECT_EQ(sample->tcpPort, 30501);
+  EXPECT_EQ(sample->methods.at("stop"), 2);
+  EXPECT_EQ(sample->events.at("progress").id, 0x8001);
+  EXPECT_EQ(sample->events.at("progress").eventgroup, 1);
+  EXPECT_EQ(sample->fields.at("state").getter, 40);
+  EXPECT_FALSE(sample->fields.at("state").setter.has_value());
+  EXPECT_EQ(sample->fields.at("mode").setter, 42);
+  EXPECT_EQ(sample->fields.at("mode").notifier, 32775);
+
+  const InterfaceConfig* other = config.findInterface("Other_v2");
+  ASSERT_NE(other, nullptr);
+  EXPECT_EQ(other->minorVersion, 7u);
+  EXPECT_TRUE(other->events.empty());
+  EXPECT_EQ(config.findInterface("Missing"), nullptr);
+}
+
+TEST(HostConfig, BadFilesNameFileAndKey) {
+  struct Row {
+    const char* proves;
+    std::string text;
+    const char* error;  // after "<path>: "
+  };
+  const Row rows[] = {
+      {"syntax error with line and column", edited("\"port\": 30490,", "\"port\": 30490,,"),
+       "line 4 column 19: expected a key in double quotes"},
+      {"truncated file", readFile(testdata("host.json")).substr(0, 40),
+       "line 3 column 29: unterminated string"},
+      {"empty file", "", "line 1 column 1: unexpected end of file"},
+      {"text after the document", readFile(testdata("host.json")) + "}",
+       "line 43 column 1: unexpected text after the document"},
+      {"duplicate key", edited("\"stop\": 2", "\"stop\": 2, \"stop\": 3"),
+       "line 25 column 43: duplicate key \"stop\""},
+      {"document is not an object", "[1, 2]", "(document): expected an object"},
+      {"missing section", "{\"processes\": {}, \"interfaces\": {}}", "sd: missing"},
+      {"unknown top-level key", edited("\"sd\":", "\"extra\": 1, \"sd\":"), "extra: unknown key"},
+      {"port out of range", edited("30490", "70000"), "sd.port: expected an integer 1..65535"},
+      {"port as text", edited("30490", "\"30490\""), "sd.port: expected an integer 1..65535"},
+      {"multicast outside 224/4", edited("224.244.224.245", "10.0.0.1"),
+       "sd.multicast: expected an IPv4 address in 224.0.0.0/4"},
+      {"initial delay min above max",
+       edited("\"initialDelayMinMs\": 10", "\"initialDelayMinMs\": 60"),
+       "sd.initialDelayMinMs: must not exceed sd.initialDelayMaxMs"},
+      {"ttl of 0 would withdraw every offer", edited("\"ttlSeconds\": 3", "\"ttlSeconds\": 0"),
+       "sd.ttlSeconds: expected an integer 1..16777215"},
+      {"unicast outside loopback", edited("127.0.0.2", "192.168.1.2"),
+       "processes.lum-sim.unicast: expected an IPv4 address in 127.0.0.0/8"},
+      {"unicast octet above 255", edited("127.0.0.2", "127.0.0.256"),
+       "processes.lum-sim.unicast: expected an IPv4 address in 127.0.0.0/8"},
+      {"two processes on one address", edited("127.0.0.3", "127.0.0.1"),
+       "processes.orvane.unicast: 127.0.0.1 is already the address of processes.diag-tester"},
+      {"server names no process", edited("\"server\": \"lum-sim\"", "\"server\": \"lum\""),
+       "interfaces.Sample_v1.server: expected the name of a process in processes"},
+      {"method id 0", edited("\"start\": 1", "\"start\": 0"),
+       "interfaces.Sample_v1.methods.start: expected an integer 1..32767"},
+      {"method id with the event bit", edited("\"start\": 1", "\"start\": 32769"),
+       "interfaces.Sample_v1.methods.start: expected an integer 1..32767"},
+      {"method id as a float", edited("\"start\": 1", "\"start\": 1.0"),
+       "interfaces.Sample_v1.methods.start: expected an integer 1..32767"},
+      {"duplicate method id", edited("\"stop\": 2", "\"stop\": 1"),
+       "interfaces.Sample_v1.methods.stop: id 1 is already used by "
+       "interfaces.Sample_v1.methods.start"},
+      {"getter reuses a method id", edited("\"getter\": 40", "\"getter\": 2"),
+       "interfaces.Sample_v1.fields.state.getter: id 2 is already used by "
+       "interfaces.Sample_v1.methods.stop"},
+      {"notifier reuses an event id", edited("\"notifier\": 32774", "\"notifier\": 32769"),
+       "interfaces.Sample_v1.fields.state.notifier: id 32769 is already used by "
+       "interfaces.Sample_v1.events.progress.id"},
+      {"event id without the event bit", edited("\"id\": 32769", "\"id\": 5"),
+       "interfaces.Sample_v1.events.progress.id: expected an integer 32768..65535"},
+      {"misspelt optional key", edited("\"setter\": 42", "\"settr\": 42"),
+       "interfaces.Sample_v1.fields.mode.settr: unknown key"},
+      {"missing eventgroup", edited(", \"eventgroup\": 1", ""),
+       "interfaces.Sample_v1.events.progress.eventgroup: missing"},
+      {"service id of SD", edited("4660", "65535"),
+       "interfaces.Sample_v1.serviceId: expected an integer 1..65534"},
+      {"major version wildcard", edited("\"majorVersion\": 11", "\"majorVersion\": 255"),
+       "interfaces.Sample_v1.majorVersion: expected an integer 0..254"},
+      {"one service instance twice", edited("4661", "4660"),
+       "interfaces.Sample_v1.serviceId: service 4660 instance 1 is already used by "
+       "interfaces.Other_v2"},
+  };
+  int index = 0;
+  for (const Row& row : rows) {
+    const std::string path = writeTemp(std::to_string(index++), row.text);
+    HostConfig config;
+    config.processes["untouched"] = 1;
+    std::string error;
+    EXPECT_FALSE(loadHostConfig(path, config, error)) << row.proves;
+    EXPECT_EQ(error, path + ": " + row.error) << row.proves;
+    EXPECT_EQ(config.processes.count("untouched"), 1u) << row.proves << ": out was changed";
+    std::remove(path.c_str());
+  }
+
+  HostConfig config;
+  std::string error;
+  EXPECT_FALSE(loadHostConfig("/nonexistent/host.json", config, error));
+  EXPECT_EQ(error, "/nonexistent/host.json: cannot open the file");
+}
+
+TEST(HostConfig, EnvironmentOverridesThePath) {
+  ::unsetenv("ORVANE_MIDDLEWARE_CONFIG");
+  const std::string fallback = hostConfigPath();
+  EXPECT_NE(fallback.find("config/host.json"), std::string::npos);
+  ::setenv("ORVANE_MIDDLEWARE_CONFIG", "/tmp/other.json", 1);
+  EXPECT_EQ(hostConfigPath(), "/tmp/other.json");
+  ::setenv("ORVANE_MIDDLEWARE_CONFIG", "", 1);
+  EXPECT_EQ(hostConfigPath(), fallback);
+  ::unsetenv("ORVANE_MIDDLEWARE_CONFIG");
+}
+
+TEST(HostConfig, Ipv4Parsing) {
+  struct Row {
+    const char* text;
+    bool ok;
+    uint32_t value;
+  };
+  const Row rows[] = {
+      {"127.0.0.1", true, 0x7F000001},
+      {"255.255.255.255", true, 0xFFFFFFFF},
+      {"0.0.0.0", true, 0},
+      {"127.0.0", false, 0},
+      {"127.0.0.1.", false, 0},
+      {"127.0.0.01", false, 0},  // leading zero: octal elsewhere
+      {"127.0.0.1000", false, 0},
+      {"1.2.3.-4", false, 0},
+      {"", false, 0},
+      {" 127.0.0.1", false, 0},
+  };
+  for (const Row& row : rows) {
+    uint32_t value = 0;
+    EXPECT_EQ(parseIpv4(row.text, value), row.ok) << row.text;
+    if (row.ok) {
+      EXPECT_EQ(value, row.value) << row.text;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace platform::someip
