@@ -1,0 +1,129 @@
+#pragma once
+// Test visitors for the LUM interface types:
+//  - Filler puts a distinct, non-default value into every field that marshal() visits and
+//    gives every sequence a chosen number of elements, so a round trip exercises every field;
+//  - LayoutRecorder writes down the shape that marshal() visits ("{ u16 str [ u16 ] }") and
+//    whether the fields of one object are visited in declaration order (their addresses rise).
+//    Only fields inside that object count: sequence elements live elsewhere (their record type
+//    is checked on its own), and enums reach the visitor as a copy of their underlying value.
+//
+// Threading: a visitor is used by one thread.
+
+#include <cctype>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/middleware/marshal.h"
+
+namespace orv::lum::testing {
+
+class Filler final : public platform::middleware::FieldVisitor {
+ public:
+  explicit Filler(int elementsPerSequence) : elements_(elementsPerSequence) {}
+
+  bool writing() const override { return false; }
+  void value(bool& v) override { v = true; }
+  void value(uint8_t& v) override { v = static_cast<uint8_t>(next()); }
+  void value(uint16_t& v) override { v = static_cast<uint16_t>(next() * 0x0101); }
+  void value(uint32_t& v) override { v = next() * 0x01010101u; }
+  void value(uint64_t& v) override { v = next() * 0x0101010101010101ull; }
+  void value(int8_t& v) override { v = static_cast<int8_t>(-static_cast<int>(next() % 100)); }
+  void value(int16_t& v) override { v = static_cast<int16_t>(-static_cast<int>(next()) * 257); }
+  void value(int32_t& v) override { v = -static_cast<int32_t>(next()) * 0x01010101; }
+  void value(int64_t& v) override { v = -static_cast<int64_t>(next()) * 0x0101010101010101ll; }
+  void value(float& v) override { v = static_cast<float>(next()) + 0.5f; }
+  void value(double& v) override { v = static_cast<double>(next()) + 0.25; }
+  void value(std::string& v) override { v = "value-" + std::to_string(next()); }
+  void beginSequence() override { remaining_.push_back(elements_); }
+  bool moreElements() override { return remaining_.back()-- > 0; }
+  void endSequence() override { remaining_.pop_back(); }
+  bool ok() const override { return true; }
+  std::string error() const override { return {}; }
+
+ private:
+  // 1..126: never zero (the default) and small enough for any width.
+  uint32_t next() { return counter_++ % 126 + 1; }
+
+  int elements_;
+  uint32_t counter_ = 0;
+  std::vector<int> remaining_;
+};
+
+class LayoutRecorder final : public platform::middleware::FieldVisitor {
+ public:
+  template <typename T>
+  explicit LayoutRecorder(const T& object)
+      : begin_(reinterpret_cast<const char*>(&object)), end_(begin_ + sizeof(T)) {}
+
+  const std::string& layout() const { return layout_; }
+  // Empty when every field of the object was visited after the one declared before it.
+  const std::string& orderError() const { return orderError_; }
+
+  bool writing() const override { return true; }
+  void value(bool& v) override { add("b", &v); }
+  void value(uint8_t& v) override { add("u8", &v); }
+  void value(uint16_t& v) override { add("u16", &v); }
+  void value(uint32_t& v) override { add("u32", &v); }
+  void value(uint64_t& v) override { add("u64", &v); }
+  void value(int8_t& v) override { add("i8", &v); }
+  void value(int16_t& v) override { add("i16", &v); }
+  void value(int32_t& v) override { add("i32", &v); }
+  void value(int64_t& v) override { add("i64", &v); }
+  void value(float& v) override { add("f32", &v); }
+  void value(double& v) override { add("f64", &v); }
+  void value(std::string& v) override { add("str", &v); }
+  void beginSequence() override { token("["); }
+  bool moreElements() override { return false; }
+  void endSequence() override { token("]"); }
+  void beginStruct() override { token("{"); }
+  void endStruct() override { token("}"); }
+  bool ok() const override { return true; }
+  std::string error() const override { return {}; }
+
+ private:
+  void token(const char* t) {
+    if (!layout_.empty())
+      layout_ += ' ';
+    layout_ += t;
+  }
+  void add(const char* t, const void* address) {
+    token(t);
+    ++count_;
+    auto* at = static_cast<const char*>(address);
+    if (at < begin_ || at >= end_)
+      return;
+    if (last_ && at <= last_ && orderError_.empty())
+      orderError_ = "value " + std::to_string(count_) + " (" + t + ") is visited out of order";
+    last_ = at;
+  }
+
+  const char* begin_;
+  const char* end_;
+  const char* last_ = nullptr;
+  std::string layout_;
+  std::string orderError_;
+  int count_ = 0;
+};
+
+// "0000 0006 efbbbf" -> bytes; blanks and '|' only help the eye.
+inline std::vector<uint8_t> fromHex(const std::string& text) {
+  std::vector<uint8_t> out;
+  int high = -1;
+  for (char c : text) {
+    if (!std::isxdigit(static_cast<unsigned char>(c)))
+      continue;
+    const int nibble = std::isdigit(static_cast<unsigned char>(c))
+                           ? c - '0'
+                           : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
+    if (high < 0) {
+      high = nibble;
+    } else {
+      out.push_back(static_cast<uint8_t>(high << 4 | nibble));
+      high = -1;
+    }
+  }
+  return out;
+}
+
+}  // namespace orv::lum::testing
