@@ -1,0 +1,458 @@
+#include "minfw/testing/fault_file_system.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "minfw/str.h"
+
+namespace kel::vxp3::minfw::testing {
+
+namespace {
+
+// Whole content through a descriptor of our own, so the caller's offset stays untouched.
+std::optional<std::string> readAll(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    return std::nullopt;
+  std::string data;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof(buffer));
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      break;
+    data.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return data;
+}
+
+std::string procPath(int fd) {
+  return cat("/proc/self/fd/", fd);
+}
+
+bool writeFresh(const std::string& path, const std::string& data, mode_t mode) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  if (fd < 0)
+    return false;
+  std::size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+    if (n <= 0)
+      break;
+    done += static_cast<std::size_t>(n);
+  }
+  ::fchmod(fd, mode);
+  ::close(fd);
+  return done == data.size();
+}
+
+std::string normalDirectory(std::string directory) {
+  while (directory.size() > 1 && directory.back() == '/')
+    directory.pop_back();
+  return directory;
+}
+
+bool writes(int flags) {
+  return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
+}
+
+}  // namespace
+
+FaultFileSystem::FaultFileSystem(NameDurability names) : real_(posixFileSystem()), names_(names) {}
+
+FaultFileSystem::~FaultFileSystem() = default;
+
+const char* FaultFileSystem::name(Op op) {
+  switch (op) {
+    case Op::kOpen:
+      return "openat";
+    case Op::kOpenDir:
+      return "openat-dir";
+    case Op::kRead:
+      return "read";
+    case Op::kPread:
+      return "pread";
+    case Op::kWrite:
+      return "write";
+    case Op::kPwrite:
+      return "pwrite";
+    case Op::kLseek:
+      return "lseek";
+    case Op::kFsync:
+      return "fsync";
+    case Op::kFsyncDir:
+      return "fsync-dir";
+    case Op::kClose:
+      return "close";
+    case Op::kFchmodat:
+      return "fchmodat";
+    case Op::kFtruncate:
+      return "ftruncate";
+    case Op::kTruncate:
+      return "truncate";
+    case Op::kFstat:
+      return "fstat";
+    case Op::kStat:
+      return "stat";
+    case Op::kFadvise:
+      return "posix_fadvise";
+    case Op::kChmod:
+      return "chmod";
+    case Op::kChown:
+      return "chown";
+    case Op::kRename:
+      return "rename";
+  }
+  return "?";
+}
+
+void FaultFileSystem::failCall(Op op, uint32_t nth, int error, uint32_t times) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const uint32_t last = times == kAlways || nth > UINT32_MAX - times ? UINT32_MAX : nth + times - 1;
+  faults_.push_back(Fault{op, nth, last, error});
+}
+
+void FaultFileSystem::shortWrite(uint32_t nth, std::size_t maxBytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  shortWrites_[nth] = maxBytes;
+}
+
+void FaultFileSystem::crashAtStep(uint64_t step) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  crashStep_ = step;
+}
+
+void FaultFileSystem::crash() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!crashed_)
+    powerCutLocked();
+}
+
+bool FaultFileSystem::crashed() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return crashed_;
+}
+
+uint64_t FaultFileSystem::steps() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return steps_;
+}
+
+uint32_t FaultFileSystem::calls(Op op) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = calls_.find(op);
+  return it == calls_.end() ? 0 : it->second;
+}
+
+std::vector<std::string> FaultFileSystem::trace() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return trace_;
+}
+
+std::string FaultFileSystem::describe(int fd) const {
+  const auto file = files_.find(fd);
+  if (file != files_.end())
+    return cat("fd ", fd, " ", file->second);
+  const auto dir = directories_.find(fd);
+  if (dir != directories_.end())
+    return cat("fd ", fd, " ", dir->second);
+  return cat("fd ", fd);
+}
+
+bool FaultFileSystem::enter(Op op, const std::string& what,
+                            const std::function<void()>& beforeCrash) {
+  ++steps_;
+  const uint32_t nth = ++calls_[op];
+  trace_.push_back(cat(steps_, " ", name(op), " ", what));
+  if (crashed_) {
+    errno = EIO;
+    return false;
+  }
+  if (crashStep_ != 0 && steps_ == crashStep_) {
+    if (beforeCrash)
+      beforeCrash();
+    powerCutLocked();
+    errno = EIO;
+    return false;
+  }
+  for (const Fault& fault : faults_) {
+    if (fault.op == op && nth >= fault.first && nth <= fault.last) {
+      errno = fault.error;
+      return false;
+    }
+  }
+  return true;
+}
+
+uint64_t FaultFileSystem::newId(ino_t inode, std::string data) {
+  const uint64_t id = nextId_++;
+  idOf_[inode] = id;
+  durableData_[id] = std::move(data);
+  return id;
+}
+
+uint64_t FaultFileSystem::idOfPath(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+    return 0;
+  const auto it = idOf_.find(status.st_ino);
+  if (it != idOf_.end())
+    return it->second;
+  // A file we have not seen change: what is on disk now counts as durable.
+  return newId(status.st_ino, readAll(path).value_or(""));
+}
+
+uint64_t FaultFileSystem::idOfFd(int fd) {
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
+    return 0;
+  const auto it = idOf_.find(status.st_ino);
+  if (it != idOf_.end())
+    return it->second;
+  return newId(status.st_ino, readAll(procPath(fd)).value_or(""));
+}
+
+void FaultFileSystem::touchPath(const std::string& path) {
+  if (durableNames_.count(path) != 0)
+    return;
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+    modes_[path] = status.st_mode & 07777;
+    durableNames_[path] = idOfPath(path);
+  } else {
+    durableNames_[path] = std::nullopt;
+  }
+}
+
+void FaultFileSystem::commitDirectory(const std::string& directory) {
+  const std::string dir = normalDirectory(directory);
+  for (auto& [path, binding] : durableNames_) {
+    if (normalDirectory(parentDirectory(path)) != dir)
+      continue;
+    const uint64_t id = idOfPath(path);
+    binding = id == 0 ? std::nullopt : std::optional<uint64_t>(id);
+  }
+}
+
+void FaultFileSystem::truncated(uint64_t id, off_t length) {
+  if (id == 0 || names_ != NameDurability::kImmediate || length < 0)
+    return;
+  std::string& data = durableData_[id];
+  if (static_cast<std::size_t>(length) < data.size())
+    data.resize(static_cast<std::size_t>(length));
+}
+
+void FaultFileSystem::powerCutLocked() {
+  crashed_ = true;
+  for (const auto& [path, binding] : durableNames_) {
+    struct stat status {};
+    mode_t mode = 0644;
+    const auto known = modes_.find(path);
+    if (known != modes_.end())
+      mode = known->second;
+    if (::stat(path.c_str(), &status) == 0) {
+      if (!S_ISREG(status.st_mode))
+        continue;
+      mode = status.st_mode & 07777;
+      ::unlink(path.c_str());
+    }
+    if (binding)
+      writeFresh(path, durableData_[*binding], mode);
+  }
+}
+
+int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const bool directory = (flags & O_DIRECTORY) != 0;
+  if (!enter(directory ? Op::kOpenDir : Op::kOpen, path))
+    return -1;
+  const bool modelled = dirfd == AT_FDCWD && !directory && writes(flags);
+  bool existed = false;
+  if (modelled) {
+    touchPath(path);
+    existed = idOfPath(path) != 0;
+  }
+  const int fd = real_.openat(dirfd, path, flags, mode);
+  if (fd < 0)
+    return fd;
+  const int savedErrno = errno;
+  if (directory) {
+    directories_[fd] = path;
+  } else {
+    files_[fd] = path;
+    if (modelled && !existed && (flags & O_CREAT) != 0) {
+      struct stat status {};
+      if (::fstat(fd, &status) == 0) {
+        const uint64_t id = newId(status.st_ino, "");
+        if (names_ == NameDurability::kImmediate)
+          durableNames_[path] = id;
+      }
+    } else if (modelled && (flags & O_TRUNC) != 0) {
+      truncated(idOfFd(fd), 0);
+    }
+  }
+  errno = savedErrno;
+  return fd;
+}
+
+ssize_t FaultFileSystem::read(int fd, void* buffer, std::size_t count) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kRead, describe(fd)))
+    return -1;
+  return real_.read(fd, buffer, count);
+}
+
+ssize_t FaultFileSystem::pread(int fd, void* buffer, std::size_t count, off_t offset) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kPread, describe(fd)))
+    return -1;
+  return real_.pread(fd, buffer, count, offset);
+}
+
+ssize_t FaultFileSystem::write(int fd, const void* buffer, std::size_t count) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kWrite, describe(fd) + cat(" ", count),
+             [&] { real_.write(fd, buffer, count / 2); }))
+    return -1;
+  const auto cut = shortWrites_.find(calls_[Op::kWrite]);
+  if (cut != shortWrites_.end() && cut->second < count)
+    count = cut->second;
+  return real_.write(fd, buffer, count);
+}
+
+ssize_t FaultFileSystem::pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kPwrite, describe(fd) + cat(" ", count),
+             [&] { real_.pwrite(fd, buffer, count / 2, offset); }))
+    return -1;
+  return real_.pwrite(fd, buffer, count, offset);
+}
+
+off_t FaultFileSystem::lseek(int fd, off_t offset, int whence) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kLseek, describe(fd)))
+    return -1;
+  return real_.lseek(fd, offset, whence);
+}
+
+int FaultFileSystem::fsync(int fd) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto dir = directories_.find(fd);
+  const bool directory = dir != directories_.end();
+  if (!enter(directory ? Op::kFsyncDir : Op::kFsync, describe(fd)))
+    return -1;
+  const int result = real_.fsync(fd);
+  if (result != 0)
+    return result;
+  if (directory) {
+    commitDirectory(dir->second);
+  } else {
+    const uint64_t id = idOfFd(fd);
+    if (id != 0)
+      durableData_[id] = readAll(procPath(fd)).value_or("");
+  }
+  return 0;
+}
+
+int FaultFileSystem::close(int fd) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::string what = describe(fd);
+  files_.erase(fd);
+  directories_.erase(fd);
+  if (!enter(Op::kClose, what)) {
+    const int error = errno;
+    ::close(fd);  // Linux frees the descriptor even when close reports an error
+    errno = error;
+    return -1;
+  }
+  return real_.close(fd);
+}
+
+int FaultFileSystem::fchmodat(int dirfd, const char* path, mode_t mode, int flags) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kFchmodat, path))
+    return -1;
+  return real_.fchmodat(dirfd, path, mode, flags);
+}
+
+int FaultFileSystem::ftruncate(int fd, off_t length) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kFtruncate, describe(fd)))
+    return -1;
+  const uint64_t id = idOfFd(fd);
+  const int result = real_.ftruncate(fd, length);
+  if (result == 0)
+    truncated(id, length);
+  return result;
+}
+
+int FaultFileSystem::truncate(const char* path, off_t length) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kTruncate, path))
+    return -1;
+  touchPath(path);
+  const uint64_t id = idOfPath(path);
+  const int result = real_.truncate(path, length);
+  if (result == 0)
+    truncated(id, length);
+  return result;
+}
+
+int FaultFileSystem::fstat(int fd, struct stat* status) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kFstat, describe(fd)))
+    return -1;
+  return real_.fstat(fd, status);
+}
+
+int FaultFileSystem::stat(const char* path, struct stat* status) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kStat, path))
+    return -1;
+  return real_.stat(path, status);
+}
+
+int FaultFileSystem::posix_fadvise(int fd, off_t offset, off_t length, int advice) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kFadvise, describe(fd)))
+    return errno;
+  return real_.posix_fadvise(fd, offset, length, advice);
+}
+
+int FaultFileSystem::chmod(const char* path, mode_t mode) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kChmod, path))
+    return -1;
+  return real_.chmod(path, mode);
+}
+
+int FaultFileSystem::chown(const char* path, uid_t owner, gid_t group) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kChown, path))
+    return -1;
+  return real_.chown(path, owner, group);
+}
+
+int FaultFileSystem::rename(const char* from, const char* to) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!enter(Op::kRename, cat(from, " -> ", to)))
+    return -1;
+  touchPath(from);
+  touchPath(to);
+  idOfPath(to);
+  const uint64_t moved = idOfPath(from);
+  const int result = real_.rename(from, to);
+  if (result == 0 && names_ == NameDurability::kImmediate) {
+    durableNames_[to] = moved == 0 ? std::nullopt : std::optional<uint64_t>(moved);
+    durableNames_[from] = std::nullopt;
+  }
+  return result;
+}
+
+}  // namespace kel::vxp3::minfw::testing

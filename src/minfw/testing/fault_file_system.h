@@ -1,0 +1,159 @@
+#pragma once
+// FaultFileSystem: the real POSIX file system with faults injected on request, for tests.
+//
+// Failures: the nth call (counted from 1) of one operation fails with a chosen errno, once or
+// for a number of consecutive calls; the nth write can be cut short. Every call is numbered
+// ("steps", counted from 1 across all operations) and recorded, so a test can first run an
+// operation once to learn its steps and then crash at each of them.
+//
+// Power cut: crash() (or crashAtStep(n), which crashes instead of performing step n) makes
+// every later call fail with EIO and rewrites the touched files on disk to what a real disk
+// would hold after the power came back, so a fresh file system sees the state after a reboot:
+//  - file data is durable only up to its last fsync; a file's content from before this object
+//    first touched it counts as durable; unsynced writes (and truncations) are dropped;
+//  - names: with NameDurability::kOnDirectorySync (the default, what POSIX promises) a file
+//    creation or rename becomes durable only when its directory is fsynced; until then a crash
+//    reverts it (a new file disappears, a renamed file is back under its old name and the
+//    replaced target is back). With kImmediate creations and renames are durable at once, as
+//    on a journalling file system that commits metadata in order; a created file that was never
+//    fsynced then survives empty.
+// A crashing write first writes half of its bytes, so torn data really reaches the file before
+// it is dropped. With kImmediate a truncation (O_TRUNC, truncate, ftruncate) is metadata and
+// durable at once too, which is how the classic zero-length file after a crash comes about. Only
+// files touched through this object are restored; only paths opened relative to AT_FDCWD are
+// modelled; a directory is matched to its files by the text of their paths (the part before
+// the last "/").
+//
+// Threading: thread-safe; one mutex guards the fault plan, the counters and the durability
+// model, and is held across each call (tests need order, not speed).
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "minfw/file_system.h"
+
+namespace kel::vxp3::minfw::testing {
+
+class FaultFileSystem : public FileSystem {
+ public:
+  enum class Op {
+    kOpen,     // openat of a file
+    kOpenDir,  // openat with O_DIRECTORY
+    kRead,
+    kPread,
+    kWrite,
+    kPwrite,
+    kLseek,
+    kFsync,     // fsync of a file
+    kFsyncDir,  // fsync of a descriptor opened with O_DIRECTORY
+    kClose,
+    kFchmodat,
+    kFtruncate,
+    kTruncate,
+    kFstat,
+    kStat,
+    kFadvise,
+    kChmod,
+    kChown,
+    kRename,
+  };
+  enum class NameDurability { kOnDirectorySync, kImmediate };
+
+  static constexpr uint32_t kAlways = UINT32_MAX;
+
+  explicit FaultFileSystem(NameDurability names = NameDurability::kOnDirectorySync);
+  ~FaultFileSystem() override;
+
+  // Calls nth .. nth+times-1 of `op` fail with `error` (kAlways: every call from nth on).
+  void failCall(Op op, uint32_t nth, int error, uint32_t times = 1);
+  // The nth write writes at most `maxBytes` bytes.
+  void shortWrite(uint32_t nth, std::size_t maxBytes);
+  // Step n (counted from 1 over all calls) is not performed: the power fails instead.
+  void crashAtStep(uint64_t step);
+  // The power fails now.
+  void crash();
+
+  bool crashed() const;
+  // Calls made so far (the crashing call included).
+  uint64_t steps() const;
+  uint32_t calls(Op op) const;
+  // One line per call: "<step> <op> <path>" or "<step> <op> fd <n> <path>".
+  std::vector<std::string> trace() const;
+
+  static const char* name(Op op);
+
+  int openat(int dirfd, const char* path, int flags, mode_t mode) override;
+  ssize_t read(int fd, void* buffer, std::size_t count) override;
+  ssize_t pread(int fd, void* buffer, std::size_t count, off_t offset) override;
+  ssize_t write(int fd, const void* buffer, std::size_t count) override;
+  ssize_t pwrite(int fd, const void* buffer, std::size_t count, off_t offset) override;
+  off_t lseek(int fd, off_t offset, int whence) override;
+  int fsync(int fd) override;
+  int close(int fd) override;
+  int fchmodat(int dirfd, const char* path, mode_t mode, int flags) override;
+  int ftruncate(int fd, off_t length) override;
+  int truncate(const char* path, off_t length) override;
+  int fstat(int fd, struct stat* status) override;
+  int stat(const char* path, struct stat* status) override;
+  int posix_fadvise(int fd, off_t offset, off_t length, int advice) override;
+  int chmod(const char* path, mode_t mode) override;
+  int chown(const char* path, uid_t owner, gid_t group) override;
+  int rename(const char* from, const char* to) override;
+
+ private:
+  struct Fault {
+    Op op;
+    uint32_t first;
+    uint32_t last;
+    int error;
+  };
+  // Counts and records the call; false (with errno set) when it fails or the power fails at
+  // it, in which case `beforeCrash` runs first. Caller holds mutex_.
+  bool enter(Op op, const std::string& what, const std::function<void()>& beforeCrash = {});
+  // "fd <n> <path at open>" for the trace. Caller holds mutex_.
+  std::string describe(int fd) const;
+  // Durability model; callers hold mutex_.
+  void touchPath(const std::string& path);
+  // The id of the live file `path` or `fd` (one of them is used to snapshot a file first seen);
+  // 0 if it cannot be examined.
+  uint64_t idOfPath(const std::string& path);
+  uint64_t idOfFd(int fd);
+  uint64_t newId(ino_t inode, std::string data);
+  void commitDirectory(const std::string& directory);
+  // A successful truncation of file `id`: durable at once with kImmediate, else dropped.
+  void truncated(uint64_t id, off_t length);
+  void powerCutLocked();
+
+  FileSystem& real_;
+  const NameDurability names_;
+  mutable std::mutex mutex_;  // guards everything below
+  std::vector<Fault> faults_;
+  std::map<uint32_t, std::size_t> shortWrites_;
+  uint64_t crashStep_ = 0;
+  bool crashed_ = false;
+  uint64_t steps_ = 0;
+  std::map<Op, uint32_t> calls_;
+  std::vector<std::string> trace_;
+  std::map<int, std::string> files_;        // open file descriptors -> path at open
+  std::map<int, std::string> directories_;  // open directory descriptors -> path
+  // Durable state. Files are identified by our own ids, not inode numbers, because a freed
+  // inode number is reused by the next creation while the old file may still be the durable
+  // one. idOf_ maps live inodes to ids; durableNames_ says which file each touched path names
+  // after a crash (nullopt: none); durableData_ holds each file's synced content.
+  std::map<ino_t, uint64_t> idOf_;
+  uint64_t nextId_ = 1;
+  std::map<std::string, std::optional<uint64_t>> durableNames_;
+  std::map<uint64_t, std::string> durableData_;
+  std::map<std::string, mode_t> modes_;
+};
+
+}  // namespace kel::vxp3::minfw::testing
