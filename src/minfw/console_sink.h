@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "minfw/log.h"
 
@@ -29,12 +30,19 @@ class Console : public Sink {
   // Formats one line into the reused buffer and returns it (valid until the next call).
   const char* formatLine(const std::string& name, const std::string& location,
                          const std::string& message, uint8_t level);
+  // The length of the line formatLine() returned last.
+  std::size_t lineLength() const { return lineLength_; }
 
  private:
   void formatTime();
+  char* putPadded(char* out, std::string_view text, std::size_t width);
 
   char timeBuffer_[25];
+  // The "%H:%M:%S" text is made once per second; only the milliseconds change within it.
+  long timeSecond_ = -1;
+  std::size_t timeSecondsLength_ = 0;
   std::string line_;  // reused line buffer; only grows
+  std::size_t lineLength_ = 0;
 };
 
 }  // namespace kel::vxp3::minfw

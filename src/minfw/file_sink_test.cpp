@@ -1,0 +1,247 @@
+// File sink: rotation of the ten generations, the size limit, the fallback for a path that cannot
+// be opened, and whole lines from many threads through the logger.
+
+#include "minfw/file_sink.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "minfw/log.h"
+
+namespace kel::vxp3::minfw {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string templ = (fs::temp_directory_path() / "orvane-file-sink-XXXXXX").string();
+    if (mkdtemp(templ.data()) != nullptr)
+      path_ = templ + "/";
+  }
+  ~TempDir() {
+    std::error_code ec;
+    if (!path_.empty())
+      fs::remove_all(path_, ec);
+  }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream(path) << text;
+}
+
+// Standard error goes to a file while it lives.
+class StderrCapture {
+ public:
+  explicit StderrCapture(std::string path) : path_(std::move(path)) {
+    std::fflush(stderr);
+    saved_ = dup(2);
+    const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(fd, 2);
+    close(fd);
+  }
+  ~StderrCapture() { restore(); }
+  std::string text() {
+    restore();
+    return readFile(path_);
+  }
+
+ private:
+  void restore() {
+    if (saved_ < 0)
+      return;
+    std::fflush(stderr);
+    dup2(saved_, 2);
+    close(saved_);
+    saved_ = -1;
+  }
+  std::string path_;
+  int saved_ = -1;
+};
+
+// The console line of a record, its time text aside.
+std::string lineTail(const std::string& name, const std::string& location,
+                     const std::string& message) {
+  char tail[512];
+  std::snprintf(tail, sizeof(tail), "] %10s %25s | %s\033[0m\n", name.c_str(), location.c_str(),
+                message.c_str());
+  return tail;
+}
+
+TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
+  struct Row {
+    std::vector<int> present;  // generations on disk before the first write (0 = the bare file)
+    std::map<int, int> after;  // generation -> which old generation it holds afterwards
+    const char* proves;
+  };
+  const Row rows[] = {
+      {{}, {}, "no file: nothing to shift"},
+      {{0}, {{1, 0}}, "the previous run's log becomes .01"},
+      {{0, 1, 2}, {{1, 0}, {2, 1}, {3, 2}}, "every generation moves up by one"},
+      {{0, 3}, {{1, 0}, {4, 3}}, "a gap is kept as a gap"},
+      {{1, 2}, {{1, 1}, {2, 2}}, "without a bare file nothing moves"},
+      {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10},
+       {{1, 0}, {2, 1}, {3, 2}, {4, 3}, {5, 4}, {6, 5}, {7, 6}, {8, 7}, {9, 8}, {10, 9}},
+       "with all ten present, the old .10 is lost"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    TempDir dir;
+    const std::string path = dir.path() + "Orvane.log";
+    auto generation = [&](int i) {
+      char suffix[8];
+      std::snprintf(suffix, sizeof(suffix), ".%02d", i);
+      return i == 0 ? path : path + suffix;
+    };
+    for (int i : row.present)
+      writeFile(generation(i), "generation " + std::to_string(i) + "\n");
+
+    File sink(dir.path());
+    sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "fresh", 2);
+    EXPECT_EQ(sink.path(), path);
+
+    const std::string fresh = readFile(path);
+    EXPECT_THAT(fresh, ::testing::EndsWith(lineTail("Orvane", "main(1)", "fresh")));
+    EXPECT_EQ(std::count(fresh.begin(), fresh.end(), '\n'), 1) << "a fresh file";
+    for (int i = 1; i <= File::kGenerations; ++i) {
+      const auto held = row.after.find(i);
+      if (held == row.after.end()) {
+        EXPECT_FALSE(fs::exists(generation(i))) << generation(i);
+      } else {
+        EXPECT_EQ(readFile(generation(i)), "generation " + std::to_string(held->second) + "\n");
+      }
+    }
+    EXPECT_FALSE(fs::exists(generation(11))) << "no eleventh generation";
+  }
+}
+
+TEST(FileSinkRotation, CrossingTheLimitRotatesBeforeTheNextLine) {
+  TempDir dir;
+  const std::string path = dir.path() + "Orvane.log";
+  File sink(dir.path());
+  const std::string message(1000, 'x');
+  int lines = 0;
+  // Until the file has grown past the limit (the line that crosses it is still written here).
+  while (!fs::exists(path) || fs::file_size(path) <= 0x100000) {
+    sink.write("LUM", "Orvane", "GLOBAL", "main(1)", message, 2);
+    ++lines;
+  }
+  const auto full = fs::file_size(path);
+  EXPECT_FALSE(fs::exists(path + ".01")) << "not rotated while at most 1 MiB";
+  sink.write("LUM", "Orvane", "GLOBAL", "main(2)", "next", 2);
+
+  ASSERT_TRUE(fs::exists(path + ".01"));
+  EXPECT_EQ(fs::file_size(path + ".01"), full) << "the full file moved whole";
+  EXPECT_GT(full, 0x100000u);
+  EXPECT_LT(full - 0x100000u, full / lines) << "it exceeds the limit by less than one line";
+  const std::string fresh = readFile(path);
+  EXPECT_THAT(fresh, ::testing::EndsWith(lineTail("Orvane", "main(2)", "next")));
+  EXPECT_EQ(std::count(fresh.begin(), fresh.end(), '\n'), 1);
+}
+
+TEST(FileSink, ANewNameOpensItsOwnFile) {
+  TempDir dir;
+  File sink(dir.path());
+  sink.write("LUM", "First", "GLOBAL", "main(1)", "one", 2);
+  sink.write("LUM", "Second", "GLOBAL", "main(2)", "two", 3);
+  EXPECT_THAT(readFile(dir.path() + "First.log"),
+              ::testing::EndsWith(lineTail("First", "main(1)", "one")));
+  EXPECT_THAT(readFile(dir.path() + "Second.log"), ::testing::StartsWith("\033[36m["))
+      << "the warn colour, escapes kept in the file";
+  EXPECT_EQ(sink.path(), dir.path() + "Second.log");
+}
+
+TEST(FileSink, DefaultDirectoryIsTmp) {
+  const std::string name = "orvane-file-sink-test-" + std::to_string(getpid());
+  const std::string path = "/tmp/" + name + ".log";
+  {
+    File sink;
+    sink.write("LUM", name, "GLOBAL", "main(1)", "in tmp", 2);
+    EXPECT_EQ(sink.path(), path);
+  }
+  EXPECT_THAT(readFile(path), ::testing::EndsWith(lineTail(name, "main(1)", "in tmp")));
+  std::remove(path.c_str());
+}
+
+TEST(FileSink, UnopenablePathFallsBackToDevNull) {
+  TempDir dir;
+  const std::string missing = dir.path() + "no/such/dir/";
+  StderrCapture err(dir.path() + "stderr.txt");
+  {
+    File sink(missing);
+    sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "lost", 4);
+    sink.write("LUM", "Orvane", "GLOBAL", "main(2)", "lost too", 4);
+  }
+  EXPECT_EQ(err.text(),
+            "Unable to open the file [" + missing + "Orvane.log]: No such file or directory (2)\n")
+      << "reported once, then written to /dev/null";
+  EXPECT_FALSE(fs::exists(missing));
+}
+
+TEST(FileSinkThroughLogger, ConcurrentWritersNeverInterleaveLines) {
+  constexpr int kThreads = 8;
+  constexpr int kRecords = 400;
+  TempDir dir;
+  Logger& logger = Logger::instance();
+  logger.init("Many", "LUM", 0);
+  logger.setSink(std::make_shared<File>(dir.path()));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      pthread_setname_np(pthread_self(), "log-writer");
+      for (int i = 0; i < kRecords; ++i)
+        MLOG_INFO("GLOBAL", "writer ", t, " record ", i, " ",
+                  std::string(static_cast<size_t>(t * 7), '.'));
+    });
+  }
+  for (std::thread& t : threads)
+    t.join();
+  logger.setSink(nullptr);
+
+  const std::regex line(
+      "\033\\[32m\\[\\d\\d:\\d\\d:\\d\\d:\\d\\d\\d\\]       Many +\\S+\\(\\d+\\) \\| "
+      "writer (\\d) record (\\d+) \\.*\033\\[0m");
+  std::ifstream in(dir.path() + "Many.log");
+  std::string text;
+  std::vector<int> next(kThreads, 0);
+  int count = 0;
+  while (std::getline(in, text)) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(text, m, line)) << "line " << count << ": " << text;
+    const int writer = std::stoi(m[1]);
+    EXPECT_EQ(std::stoi(m[2]), next[writer]++) << "each writer's records in order";
+    ++count;
+  }
+  EXPECT_EQ(count, kThreads * kRecords);
+}
+
+}  // namespace
+}  // namespace kel::vxp3::minfw

@@ -1,10 +1,12 @@
 #include "minfw/log.h"
 
 #include <cctype>
+#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <new>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -99,23 +101,49 @@ void Logger::setMinLevel(uint8_t level) {
   minLevel_.store(level, std::memory_order_relaxed);
 }
 
+namespace {
+
+// The location rule on views, so a record costs no copies of the signature.
+std::string locationOf(std::string_view pretty, std::string_view function, int32_t line) {
+  // The first "::function": the first occurrence of the name that follows "::".
+  std::size_t p = std::string_view::npos;
+  if (!function.empty()) {
+    for (std::size_t at = pretty.find(function); at != std::string_view::npos;
+         at = pretty.find(function, at + 1)) {
+      if (at >= 2 && pretty.compare(at - 2, 2, "::") == 0) {
+        p = at - 2;
+        break;
+      }
+    }
+  }
+  char number[16];
+  const auto digits = std::to_chars(number, number + sizeof(number), line);
+  std::string loc;
+  if (p != std::string_view::npos) {
+    const std::size_t blank = p == 0 ? std::string_view::npos : pretty.rfind(' ', p - 1);
+    const std::size_t start = blank == std::string_view::npos ? 0 : blank;
+    const std::string_view qualified = pretty.substr(start, p + 2 + function.size() - start);
+    loc.reserve(qualified.size() + (digits.ptr - number) + 2);
+    loc.append(qualified);
+  } else if (!function.empty() && pretty.find(function) != std::string_view::npos) {
+    loc.reserve(function.size() + (digits.ptr - number) + 2);
+    loc.append(function);
+  } else {
+    loc.reserve(9 + function.size() + (digits.ptr - number) + 2);
+    loc.append("Unknown::");
+    loc.append(function);
+  }
+  loc.push_back('(');
+  loc.append(number, digits.ptr);
+  loc.push_back(')');
+  return loc;
+}
+
+}  // namespace
+
 std::string Logger::location(const std::string& prettyFunction, const std::string& function,
                              int32_t line) {
-  std::string loc;
-  const std::size_t p = prettyFunction.find("::" + function);
-  if (!function.empty() && p != std::string::npos) {
-    const std::size_t blank = p == 0 ? std::string::npos : prettyFunction.rfind(' ', p - 1);
-    const std::size_t start = blank == std::string::npos ? 0 : blank;
-    loc = prettyFunction.substr(start, p + 2 + function.size() - start);
-  } else if (!function.empty() && prettyFunction.find(function) != std::string::npos) {
-    loc = function;
-  } else {
-    loc = "Unknown::" + function;
-  }
-  loc += "(";
-  loc += std::to_string(line);
-  loc += ")";
-  return loc;
+  return locationOf(prettyFunction, function, line);
 }
 
 void Logger::log(const std::string& message, const std::string& tag, uint8_t level,
@@ -132,12 +160,32 @@ void Logger::log(const std::string& message, const std::string& tag, uint8_t lev
   }
 }
 
+const std::string& Logger::cachedLocation(const char* prettyFunction, const char* function,
+                                          int32_t line) {
+  const auto site = reinterpret_cast<std::uintptr_t>(prettyFunction);
+  LocationEntry& entry =
+      locations_[((site >> 4) ^ static_cast<std::uint32_t>(line)) % locations_.size()];
+  if (entry.prettyFunction != prettyFunction || entry.function != function || entry.line != line ||
+      entry.prettyText != prettyFunction || entry.functionText != function) {
+    std::string location = locationOf(prettyFunction, function, line);
+    // Invalid while refilled, so an exception half way leaves no stale entry behind.
+    entry.prettyFunction = nullptr;
+    entry.prettyText = prettyFunction;
+    entry.functionText = function;
+    entry.location = std::move(location);
+    entry.function = function;
+    entry.line = line;
+    entry.prettyFunction = prettyFunction;
+  }
+  return entry.location;
+}
+
 void Logger::logLocked(const std::string& message, const std::string& tag, uint8_t level,
                        const char* prettyFunction, const char* function, int32_t line) {
   if (level < minLevel_.load(std::memory_order_relaxed))
     return;
-  const std::string loc =
-      location(prettyFunction ? prettyFunction : "", function ? function : "", line);
+  const std::string& loc =
+      cachedLocation(prettyFunction ? prettyFunction : "", function ? function : "", line);
   if (sink_) {
     sink_->write(traceApp_, name_, tag, loc, message, level);
   } else {

@@ -9,6 +9,7 @@
 // sink call, so a sink is called by one thread at a time and lines never interleave. Replacing
 // the sink is atomic with respect to records (the record in flight keeps the old sink alive).
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -92,10 +93,23 @@ class Logger {
   void logLocked(const std::string& message, const std::string& tag, uint8_t level,
                  const char* prettyFunction, const char* function, int32_t line);
 
-  mutable std::mutex mutex_;  // guards every record, the sink pointer and the names
+  // Locations of recent call sites, so that a record from a known site costs no search of its
+  // signature. An entry is used only when pointers, line and both texts still match.
+  struct LocationEntry {
+    const char* prettyFunction = nullptr;
+    const char* function = nullptr;
+    int32_t line = 0;
+    std::string prettyText;
+    std::string functionText;
+    std::string location;
+  };
+  const std::string& cachedLocation(const char* prettyFunction, const char* function, int32_t line);
+
+  mutable std::mutex mutex_;  // guards every record, the sink pointer, the names, locations_
   std::string name_;
   std::string traceApp_;
   std::shared_ptr<Sink> sink_;
+  std::array<LocationEntry, 64> locations_;
   std::atomic<uint8_t> minLevel_{0};  // read without the mutex by enabled()
 };
 

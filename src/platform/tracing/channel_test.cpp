@@ -1,0 +1,360 @@
+// Trace channel against a real, private dlt-daemon, read back with dlt-receive.
+//
+// The daemon gets its own run directory, port and control socket, listens on ::1 only and has
+// UDP multicast switched off, so a test never meets a system daemon or leaves loopback. libdlt
+// reads DLT_PIPE_DIR when it starts, so the logging runs in channel_probe, a child process with
+// that environment. Waiting for the external processes is bounded; the bound is never the thing
+// under test except for the exit of a process that logged without a daemon.
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <dlt.h>
+
+#include "platform/tracing/channel.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string templ = (fs::temp_directory_path() / "orvane-dlt-XXXXXX").string();
+    if (mkdtemp(templ.data()) != nullptr)
+      path_ = templ;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    if (!path_.empty())
+      fs::remove_all(path_, ec);
+  }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+bool waitUntil(std::chrono::milliseconds bound, const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + bound;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline)
+      return false;
+    // Polls an external process; nothing in this process could wake us.
+    std::this_thread::sleep_for(20ms);
+  }
+  return true;
+}
+
+// A started program; killed (SIGTERM) and reaped when it goes out of scope.
+class Child {
+ public:
+  Child(std::vector<std::string> argv, const std::vector<std::string>& extraEnv,
+        const std::string& outPath, const std::string& errPath) {
+    std::vector<std::string> env = extraEnv;
+    for (char** e = environ; *e != nullptr; ++e) {
+      const std::string entry(*e);
+      bool overridden = false;
+      for (const std::string& extra : extraEnv)
+        overridden |= entry.compare(0, extra.find('=') + 1, extra, 0, extra.find('=') + 1) == 0;
+      if (!overridden)
+        env.push_back(entry);
+    }
+    std::vector<char*> args;
+    for (std::string& a : argv)
+      args.push_back(a.data());
+    args.push_back(nullptr);
+    std::vector<char*> envp;
+    for (std::string& e : env)
+      envp.push_back(e.data());
+    envp.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (out < 0 || err < 0)
+        _exit(126);
+      dup2(out, 1);
+      dup2(err, 2);
+      execvpe(args[0], args.data(), envp.data());
+      _exit(127);
+    }
+  }
+  ~Child() {
+    if (pid_ > 0 && !exited_) {
+      kill(pid_, SIGTERM);
+      if (!waitExit(5000ms)) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status_, 0);
+      }
+    }
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  bool started() const { return pid_ > 0; }
+  bool waitExit(std::chrono::milliseconds bound) {
+    return exited_ || waitUntil(bound, [this] {
+             exited_ = waitpid(pid_, &status_, WNOHANG) == pid_;
+             return exited_;
+           });
+  }
+  // The exit code, or -1 when it did not exit normally.
+  int exitCode() const { return exited_ && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1; }
+
+ private:
+  pid_t pid_ = -1;
+  bool exited_ = false;
+  int status_ = 0;
+};
+
+int freeLoopbackPort() {
+  const int fd = socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 addr{};
+  addr.sin6_family = AF_INET6;
+  addr.sin6_addr = in6addr_loopback;
+  socklen_t len = sizeof(addr);
+  int port = -1;
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
+    port = ntohs(addr.sin6_port);
+  if (fd >= 0)
+    close(fd);
+  return port;
+}
+
+bool accepts(int port) {
+  const int fd = socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 addr{};
+  addr.sin6_family = AF_INET6;
+  addr.sin6_addr = in6addr_loopback;
+  addr.sin6_port = htons(static_cast<uint16_t>(port));
+  const bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+  if (fd >= 0)
+    close(fd);
+  return ok;
+}
+
+bool onPath(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  std::stringstream dirs(path ? path : "/usr/bin:/bin");
+  std::string dir;
+  while (std::getline(dirs, dir, ':')) {
+    if (access((fs::path(dir) / program).c_str(), X_OK) == 0)
+      return true;
+  }
+  return false;
+}
+
+// In-process channels talk to an empty pipe directory, never to a daemon of the host.
+void useEmptyPipeDir() {
+  static TempDir dir;
+  setenv("DLT_PIPE_DIR", dir.path().c_str(), 0);
+}
+
+TEST(ChannelLevels, LoggerLevelsMapOntoDltLevels) {
+  struct Row {
+    int16_t level;
+    int dlt;
+    const char* proves;
+  };
+  const Row rows[] = {
+      {0, DLT_LOG_VERBOSE, "trace is verbose"},
+      {1, DLT_LOG_DEBUG, "debug"},
+      {2, DLT_LOG_INFO, "info"},
+      {3, DLT_LOG_WARN, "warn"},
+      {4, DLT_LOG_ERROR, "error"},
+      {5, DLT_LOG_FATAL, "fatal"},
+      {6, DLT_LOG_INFO, "above fatal is info"},
+      {-1, DLT_LOG_INFO, "negative is info"},
+  };
+  for (const Row& row : rows)
+    EXPECT_EQ(tracing::Channel::dltLevel(row.level), row.dlt) << row.proves;
+}
+
+TEST(ChannelIds, EachNameGetsItsOwnFourCharacterId) {
+  useEmptyPipeDir();
+  tracing::Channel global("LUM_Orvane_GLOBAL", 7, 2);
+  tracing::Channel pers("LUM_Orvane_pers", 7, 2);
+  tracing::Channel otherGlobal("LUM_Other_GLOBAL", 7, 2);
+  tracing::Channel sameAsFirst("LUM_Orvane_GLOBAL", 7, 2);
+  tracing::Channel shortTag("LUM_Orvane_io", 7, 2);
+  tracing::Channel trailing("Trailing_", 7, 2);
+  struct Row {
+    const tracing::Channel& channel;
+    const char* id;
+    const char* proves;
+  };
+  const Row rows[] = {
+      {global, "GLOB", "the last part of the name, cut to four"},
+      {pers, "PERS", "same first four characters as GLOBAL, still distinct; upper-cased"},
+      {otherGlobal, "GLO1", "a colliding last part gets a counter"},
+      {sameAsFirst, "GLOB", "the same name shares its context"},
+      {shortTag, "IO", "a short part stays short"},
+      {trailing, "TRAI", "an empty last part falls back to the whole name"},
+  };
+  for (const Row& row : rows)
+    EXPECT_EQ(row.channel.contextId(), row.id) << row.proves;
+  EXPECT_EQ(global.option(), 2);
+}
+
+TEST(ChannelIds, IdIsFreedWhenTheLastChannelOfItsNameGoes) {
+  useEmptyPipeDir();
+  {
+    tracing::Channel first("A_NETWORK", 7, 2);
+    tracing::Channel second("B_NETWORK", 7, 2);
+    EXPECT_EQ(second.contextId(), "NET1");
+  }
+  tracing::Channel again("B_NETWORK", 7, 2);
+  EXPECT_EQ(again.contextId(), "NETW");
+}
+
+TEST(ChannelFilter, DisabledOrBelowFilterLevelIsDropped) {
+  useEmptyPipeDir();
+  tracing::Channel channel("LUM_Orvane_FILTER", 7, 2);
+  EXPECT_FALSE(channel.log(5, "not enabled yet")) << "a new channel is silent";
+  channel.enable();
+  EXPECT_FALSE(channel.log(5, "below the default level 7"));
+  channel.setFilterLevel(3);
+  EXPECT_FALSE(channel.log(2, "below the filter level"));
+  EXPECT_TRUE(channel.log(3, "at the filter level")) << "buffered by libdlt without a daemon";
+}
+
+class DltDaemonTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(run_.path().empty());
+    ASSERT_TRUE(onPath("dlt-daemon") && onPath("dlt-receive") && onPath("stdbuf"))
+        << "dlt-daemon, dlt-receive or stdbuf missing: run scripts/setup";
+  }
+  std::string file(const std::string& name) const { return run_.path() + "/" + name; }
+
+  TempDir run_;
+};
+
+TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
+  const int port = freeLoopbackPort();
+  ASSERT_GT(port, 0);
+  {
+    std::ofstream conf(file("dlt.conf"));
+    conf << "SendContextRegistration = 1\nECUId = ECU1\nSharedMemorySize = 100000\n"
+         << "LoggingMode = 0\nLoggingLevel = 6\nLoggingFilename = " << file("daemon-own.log")
+         << "\nTimeOutOnSend = 4\nRingbufferMinSize = 500000\nRingbufferMaxSize = 10000000\n"
+         << "RingbufferStepSize = 500000\nBindAddress = ::1\nUDPConnectionSetup = 0\n"
+         << "ControlSocketPath = " << file("dlt-ctrl.sock")
+         << "\nPersistanceStoragePath = " << run_.path() << "\n";
+  }
+  Child daemon(
+      {"dlt-daemon", "-c", file("dlt.conf"), "-t", run_.path(), "-p", std::to_string(port)}, {},
+      file("daemon.out"), file("daemon.out"));
+  ASSERT_TRUE(daemon.started());
+  ASSERT_TRUE(waitUntil(10s, [&] { return accepts(port); }))
+      << "dlt-daemon did not listen on [::1]:" << port << "\n"
+      << readFile(file("daemon.out"));
+
+  Child receiver({"stdbuf", "-oL", "dlt-receive", "-a", "::1", "-p", std::to_string(port)}, {},
+                 file("received.txt"), file("receive.err"));
+  ASSERT_TRUE(receiver.started());
+
+  Child probe({CHANNEL_PROBE_PATH, "records"}, {"DLT_PIPE_DIR=" + run_.path()}, file("probe.out"),
+              file("probe.err"));
+  ASSERT_TRUE(probe.waitExit(8s)) << "the probe did not finish";
+  EXPECT_EQ(probe.exitCode(), 0) << readFile(file("probe.err"));
+  EXPECT_EQ(readFile(file("probe.out")), "ids GLOB PERS GLO1\n");
+
+  struct Row {
+    const char* context;
+    const char* level;
+    std::string text;  // a regular expression
+    const char* proves;
+  };
+  const Row rows[] = {
+      {"GLOB", "verbose", "global level 0", "trace is sent as verbose"},
+      {"GLOB", "debug", "global level 1", "debug"},
+      {"GLOB", "info", "global level 2", "info"},
+      {"GLOB", "warn", "global level 3", "warn"},
+      {"GLOB", "error", "global level 4", "error"},
+      {"GLOB", "fatal", "global level 5", "fatal"},
+      {"GLOB", "info", "global level 6", "above fatal is sent as info"},
+      {"PERS", "warn", "pers warn", "a name sharing the first four characters has its own id"},
+      {"GLO1", "error", "other error", "a colliding last part has its own id"},
+      {"PERS", "info", "long y{1375}\\.\\.\\.", "a long text arrives cut to 1383 bytes"},
+  };
+  auto lineOf = [](const Row& row) {
+    return std::regex(std::string(" ECU1 CHAN ") + row.context + " log " + row.level + " V 1 \\[" +
+                      row.text + "\\]");
+  };
+  auto allArrived = [&] {
+    const std::string received = readFile(file("received.txt"));
+    for (const Row& row : rows) {
+      if (!std::regex_search(received, lineOf(row)))
+        return false;
+    }
+    return true;
+  };
+  waitUntil(20s, allArrived);
+  const std::string received = readFile(file("received.txt"));
+  for (const Row& row : rows)
+    EXPECT_TRUE(std::regex_search(received, lineOf(row))) << row.proves << "\n" << received;
+  // The context descriptions carry the full names (hex in the daemon's log-info answers).
+  for (const char* name : {"LUM_Orvane_GLOBAL", "LUM_Orvane_pers", "LUM_Other_GLOBAL"}) {
+    std::string hex;
+    for (const char* c = name; *c != '\0'; ++c) {
+      char byte[4];
+      std::snprintf(byte, sizeof(byte), " %02x", static_cast<unsigned char>(*c));
+      hex += byte;
+    }
+    EXPECT_NE(received.find(hex), std::string::npos) << name;
+  }
+}
+
+TEST_F(DltDaemonTest, WithoutDaemonLoggingNeitherBlocksNorHoldsTheExit) {
+  // The pipe directory exists but no daemon serves it.
+  Child probe({CHANNEL_PROBE_PATH, "flood"}, {"DLT_PIPE_DIR=" + run_.path()}, file("probe.out"),
+              file("probe.err"));
+  ASSERT_TRUE(probe.started());
+  // libdlt would wait 10 s at exit for a daemon; 8 s is generous for the rest.
+  ASSERT_TRUE(probe.waitExit(8s)) << "a process that logged without a daemon did not exit";
+  EXPECT_EQ(probe.exitCode(), 0) << readFile(file("probe.err"));
+  EXPECT_EQ(readFile(file("probe.out")), "logged 10000\n")
+      << "all records returned, and nothing of libdlt's on standard output";
+  const std::string err = readFile(file("probe.err"));
+  EXPECT_THAT(err, ::testing::HasSubstr("~DLT~")) << "libdlt's notes went to standard error";
+  // libdlt notes once per start that it found no daemon; a second note would mean that the
+  // channel destroyed during exit started libdlt again after its own exit handler.
+  std::size_t starts = 0;
+  for (std::size_t p = err.find("cannot be opened"); p != std::string::npos;
+       p = err.find("cannot be opened", p + 1))
+    ++starts;
+  EXPECT_EQ(starts, 1u) << err;
+}
+
+}  // namespace
