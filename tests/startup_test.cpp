@@ -1,0 +1,85 @@
+// Start-up of the real orvane binary: sink selection, banner, and the failure path.
+
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <string>
+
+#include "process.h"
+
+namespace orvane::testing {
+namespace {
+
+using std::chrono::seconds;
+
+// One banner line of the console sink: green, time, name, location, the banner, colour reset.
+const std::regex kBanner(
+    "\x1b\\[32m\\[\\d\\d:\\d\\d:\\d\\d:\\d{3}\\]     Orvane +main\\(\\d+\\) \\| "
+    ">>>>>>>>>>>>    LumOrvane \\(ORVANE_R1\\.0, [A-Z][a-z]{2} [ \\d]\\d "
+    "\\d{4}-\\d\\d:\\d\\d:\\d\\d\\)"
+    "   <<<<<<<<<<<<<<\x1b\\[0m\n");
+
+TEST(StartupTest, ConsoleOptionSelectsTheConsoleSink) {
+  struct Row {
+    const char* proves;
+    std::vector<std::string> args;
+    bool console;
+  } rows[] = {
+      {"-console alone", {"-console"}, true},
+      {"-console among other arguments, any position", {"x", "-console", "--y"}, true},
+      {"no arguments: trace sink", {}, false},
+      {"double dash is not the option", {"--console"}, false},
+      {"capitalised is not the option", {"-Console"}, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    TempDir dir;
+    ChildProcess orvane;
+    ASSERT_TRUE(orvane.start(ORVANE_BIN, row.args, {{"ORVANE_PERSISTENCE_DIR", dir.path()}}));
+    if (row.console) {
+      ASSERT_TRUE(orvane.waitForOutput("<<<<<<<<<<<<<<", seconds(20))) << orvane.output();
+      const std::string out = orvane.output();
+      std::smatch match;
+      ASSERT_TRUE(std::regex_search(out, match, kBanner)) << out;
+      EXPECT_EQ(match.position(0), 0) << "the banner is the first line: " << out;
+      // It keeps running: the main thread only parks.
+      EXPECT_FALSE(orvane.wait(std::chrono::milliseconds(300)));
+    } else {
+      // Without the console sink nothing reaches standard output, not even libdlt's own notes.
+      EXPECT_FALSE(orvane.waitForOutput("LumOrvane", std::chrono::milliseconds(1500)));
+      EXPECT_EQ(orvane.output(), "");
+      EXPECT_FALSE(orvane.wait(std::chrono::milliseconds(10)));
+    }
+    orvane.kill(SIGKILL);
+    EXPECT_EQ(orvane.wait(seconds(10)), 128 + SIGKILL);
+  }
+}
+
+TEST(StartupTest, MissingPersistenceDirectoryExitsWithStatusOne) {
+  TempDir dir;
+  const std::string missing = dir.path() + "/does-not-exist";
+  for (const bool console : {true, false}) {
+    SCOPED_TRACE(console ? "console sink" : "trace sink");
+    ChildProcess orvane;
+    ASSERT_TRUE(orvane.start(
+        ORVANE_BIN, console ? std::vector<std::string>{"-console"} : std::vector<std::string>{},
+        {{"ORVANE_PERSISTENCE_DIR", missing}}));
+    EXPECT_EQ(orvane.wait(seconds(20)), 1);
+    const std::string text = "Persistence directory does not exist [" + missing + "]!";
+    const std::string out = orvane.output();
+    // Printed as a plain line; with the console sink also logged by "main" at error level.
+    if (console) {
+      EXPECT_NE(out.find("\n" + text + "\n"), std::string::npos) << out;
+      EXPECT_NE(out.find("\x1b[31m["), std::string::npos) << out;
+      EXPECT_NE(out.find("main("), std::string::npos) << out;
+    } else {
+      EXPECT_EQ(out, text + "\n");
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orvane::testing
