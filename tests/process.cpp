@@ -46,7 +46,7 @@ bool ChildProcess::start(const std::string& path, const std::vector<std::string>
   for (char** e = environ; *e; ++e) {
     const char* eq = std::strchr(*e, '=');
     if (eq)
-      merged[std::string(*e, eq)] = eq + 1;
+      merged[std::string(*e, static_cast<std::size_t>(eq - *e))] = eq + 1;
   }
   for (const auto& [k, v] : env)
     merged[k] = v;
