@@ -141,16 +141,4 @@ std::string ChildProcess::errorOutput() const {
   return err_;
 }
 
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "orvane-test-XXXXXX").string();
-  if (mkdtemp(pattern.data()) != nullptr)
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  if (!path_.empty())
-    std::filesystem::remove_all(path_, ignored);
-}
-
 }  // namespace orvane::testing

@@ -58,18 +58,4 @@ class ChildProcess {
   std::vector<std::thread> collectors_;
 };
 
-// A fresh directory under the test's temporary directory, removed with its content on
-// destruction.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
 }  // namespace orvane::testing

@@ -8,11 +8,13 @@
 #include <regex>
 #include <string>
 
+#include "minfw/testing/temp_dir.h"
 #include "process.h"
 
 namespace orvane::testing {
 namespace {
 
+using kel::vxp3::minfw::testing::TempDir;
 using std::chrono::seconds;
 
 // One banner line of the console sink: green, time, name, location, the banner, colour reset.

@@ -1,4 +1,5 @@
 #include "logic/persistence.h"
+#include "minfw/testing/temp_dir.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -31,33 +32,11 @@ using kel::vxp3::minfw::ScopedClock;
 using kel::vxp3::minfw::ScopedFileSystem;
 using kel::vxp3::minfw::json::JSON;
 using kel::vxp3::minfw::testing::FaultFileSystem;
+using kel::vxp3::minfw::testing::readFile;
 using kel::vxp3::minfw::testing::ScopedLogCapture;
 using kel::vxp3::minfw::testing::SimulatedClock;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pers_XXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void put(const std::string& path, const std::string& data) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << data;
-}
+using kel::vxp3::minfw::testing::TempDir;
+using kel::vxp3::minfw::testing::writeFile;
 
 // The member names of an object, in order.
 std::set<std::string> keys(const JSON& object) {
@@ -71,7 +50,7 @@ class PersistenceTest : public ::testing::Test {
  protected:
   PersistenceTest() : record_(dir_.path(), "persistence.json") {}
 
-  JSON onDisk() const { return JSON::Load(slurp(record_.path())); }
+  JSON onDisk() const { return JSON::Load(readFile(record_.path())); }
 
   ScopedLogCapture log_;
   SimulatedClock clock_{SimulatedClock::Mode::kAutoAdvance};
@@ -193,7 +172,7 @@ TEST_F(PersistenceTest, BadContentReadsAsDefaultsAndIsReplacedOnWrite) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    put(record_.path(), row.file);
+    writeFile(record_.path(), row.file);
     EXPECT_EQ(record_.getUpdateType(7), row.updateType);
     EXPECT_EQ(record_.getStartDate(), row.startDate);
     EXPECT_EQ(record_.getChannel(2), 2u);
@@ -208,7 +187,7 @@ TEST_F(PersistenceTest, BadContentReadsAsDefaultsAndIsReplacedOnWrite) {
 }
 
 TEST_F(PersistenceTest, NegativeNumbersFromOutsideSurviveTheNextWrite) {
-  put(record_.path(), R"({"errorcode": -5, "statelum": 3, "other": [{"x": -7}]})");
+  writeFile(record_.path(), R"({"errorcode": -5, "statelum": 3, "other": [{"x": -7}]})");
   EXPECT_EQ(record_.getErrorCode(0), -5);
   record_.setChannel(1);
   EXPECT_EQ(record_.getErrorCode(0), -5);
@@ -218,7 +197,7 @@ TEST_F(PersistenceTest, NegativeNumbersFromOutsideSurviveTheNextWrite) {
 }
 
 TEST_F(PersistenceTest, WrongTimestampsAreReplacedByAnObjectOnWrite) {
-  put(record_.path(), R"({"timestamps": "yesterday", "channel": 0})");
+  writeFile(record_.path(), R"({"timestamps": "yesterday", "channel": 0})");
   record_.setEndTime("12:00:00");
   const JSON root = onDisk();
   EXPECT_EQ(keys(root), (std::set<std::string>{"channel", "timestamps"}));
@@ -226,7 +205,7 @@ TEST_F(PersistenceTest, WrongTimestampsAreReplacedByAnObjectOnWrite) {
 }
 
 TEST_F(PersistenceTest, KeysInOtherCaseAreReadAndRewrittenCanonically) {
-  put(record_.path(), R"({"UpdateType": 4, "keymanifest": "km", "TrainName": "train",
+  writeFile(record_.path(), R"({"UpdateType": 4, "keymanifest": "km", "TrainName": "train",
                         "Timestamps": {"Start-Date": "01.01.2026", "END-TIME": "10:00:00"}})");
   EXPECT_EQ(record_.getUpdateType(0), 4u);
   EXPECT_EQ(record_.getKeyManifest(), "km");

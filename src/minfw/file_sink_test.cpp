@@ -2,6 +2,7 @@
 // be opened, and whole lines from many threads through the logger.
 
 #include "minfw/file_sink.h"
+#include "minfw/testing/temp_dir.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -28,35 +29,9 @@ namespace kel::vxp3::minfw {
 namespace {
 
 namespace fs = std::filesystem;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string templ = (fs::temp_directory_path() / "orvane-file-sink-XXXXXX").string();
-    if (mkdtemp(templ.data()) != nullptr)
-      path_ = templ + "/";
-  }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty())
-      fs::remove_all(path_, ec);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-  std::ofstream(path) << text;
-}
+using kel::vxp3::minfw::testing::readFile;
+using kel::vxp3::minfw::testing::TempDir;
+using kel::vxp3::minfw::testing::writeFile;
 
 // Standard error goes to a file while it lives.
 class StderrCapture {

@@ -1,4 +1,5 @@
 #include "minfw/file_with_backup.h"
+#include "minfw/testing/temp_dir.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -23,44 +24,18 @@ namespace kel::vxp3::minfw {
 namespace {
 
 using testing::FaultFileSystem;
+using testing::readFile;
 using testing::ScopedLogCapture;
 using testing::SimulatedClock;
+using testing::TempDir;
+using testing::writeFile;
 using Op = FaultFileSystem::Op;
 using Names = FaultFileSystem::NameDurability;
 using std::chrono::milliseconds;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "fwb_XXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
 bool exists(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0;
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void put(const std::string& path, const std::string& data) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << data;
-}
-
-// A record whose every byte depends on its seed and position, so any tear or mix shows.
+}  // A record whose every byte depends on its seed and position, so any tear or mix shows.
 std::string record(char seed, std::size_t size) {
   std::string text;
   for (std::size_t i = 0; i < size; ++i)
@@ -266,7 +241,7 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
     const std::string path = dir.file("p.json");
     const std::string oldRecord = record('o', 100);
     const std::string newRecord = record('n', 200);
-    put(path, oldRecord);
+    writeFile(path, oldRecord);
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
     FaultFileSystem fs;
@@ -275,7 +250,7 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
     log_->clear();
 
     EXPECT_EQ(FileWithBackup::Write(path, newRecord, getuid(), getgid(), 0644), row.written);
-    EXPECT_EQ(slurp(path), row.written ? newRecord : oldRecord);
+    EXPECT_EQ(readFile(path), row.written ? newRecord : oldRecord);
     const std::vector<Clock::Duration> expected(row.sleeps.begin(), row.sleeps.end());
     EXPECT_EQ(clock.sleeps(), expected);
     for (const std::string& message : row.messages) {
@@ -292,7 +267,7 @@ TEST_F(FileWithBackupTest, ShortWritesStillStoreTheWholeRecord) {
   fs.shortWrite(2, 4095);
   ScopedFileSystem scoped(fs);
   EXPECT_TRUE(FileWithBackup::Write(path, data, getuid(), getgid(), 0644));
-  EXPECT_EQ(slurp(path), data);
+  EXPECT_EQ(readFile(path), data);
   EXPECT_EQ(fs.calls(Op::kWrite), 3u);
   EXPECT_TRUE(clock_.sleeps().empty());
 }
@@ -338,9 +313,9 @@ TEST_F(FileWithBackupTest, ReadFallsBackToTheSibling) {
     TempDir dir;
     const std::string path = dir.file("r.json");
     if (row.target)
-      put(path, *row.target);
+      writeFile(path, *row.target);
     if (row.sibling)
-      put(path + ".new", *row.sibling);
+      writeFile(path + ".new", *row.sibling);
     EXPECT_EQ(readBack(path), row.result);
     // Read never repairs: the sibling stays for the next Write to replace.
     EXPECT_EQ(exists(path + ".new"), row.sibling.has_value());
@@ -393,7 +368,7 @@ TEST_F(FileWithBackupTest, ReadOfAFifoFailsInsteadOfBlocking) {
 
 TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {
   const std::string path = dir_.file("slow.json");
-  put(path, "content");
+  writeFile(path, "content");
   FaultFileSystem fs;
   fs.failCall(Op::kPread, 1, EIO, 2);
   ScopedFileSystem scoped(fs);

@@ -1,4 +1,5 @@
 #include "minfw/smart_file_handle.h"
+#include "minfw/testing/temp_dir.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -24,27 +25,9 @@ using testing::ScopedLogCapture;
 using testing::SimulatedClock;
 using Op = FaultFileSystem::Op;
 using std::chrono::milliseconds;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "sfh_XXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using testing::readFile;
+using testing::TempDir;
+using testing::writeFile;
 
 std::vector<Clock::Duration> pauses(std::size_t count, int ms) {
   return std::vector<Clock::Duration>(count, milliseconds(ms));
@@ -200,7 +183,7 @@ TEST_F(SmartFileHandleTest, WriteSurvivesShortAndFailedWrites) {
     handle.Close();
     EXPECT_EQ(clock.sleeps(), pauses(row.sleeps, 1000));
     if (row.written) {
-      EXPECT_EQ(slurp(path), data);
+      EXPECT_EQ(readFile(path), data);
     }
     for (const std::string& message : row.messages) {
       EXPECT_TRUE(log_->contains(message)) << message;
@@ -215,7 +198,7 @@ TEST_F(SmartFileHandleTest, WriteAtOffsetKeepsWhatIsBefore) {
   ASSERT_TRUE(handle.Write("hello world", 11, 0));
   fs_.failCall(Op::kWrite, 2, EIO);
   ASSERT_TRUE(handle.Write("WORLD", 5, 6));
-  EXPECT_EQ(slurp(path), "hello WORLD");
+  EXPECT_EQ(readFile(path), "hello WORLD");
   EXPECT_EQ(handle.Size(), 11u);
   EXPECT_GT(handle.BlockSize(), 0u);
 }
@@ -254,7 +237,7 @@ TEST_F(SmartFileHandleTest, TruncateSizeAndAdviceFailuresAreRetriedAndReported) 
 
   fs_.failCall(Op::kTruncate, 1, EINTR);
   EXPECT_TRUE(handle.Truncate(4));
-  EXPECT_EQ(slurp(path), "0123");
+  EXPECT_EQ(readFile(path), "0123");
   EXPECT_TRUE(log_->contains("truncate(" + path + ") try [1], errno[4]"));
 
   fs_.failCall(Op::kFstat, 1, EIO, FaultFileSystem::kAlways);

@@ -29,6 +29,7 @@
 
 #include <dlt.h>
 
+#include "minfw/testing/temp_dir.h"
 #include "platform/tracing/channel.h"
 
 extern char** environ;
@@ -36,32 +37,10 @@ extern char** environ;
 namespace {
 
 namespace fs = std::filesystem;
+using kel::vxp3::minfw::testing::readFile;
+using kel::vxp3::minfw::testing::TempDir;
+using kel::vxp3::minfw::testing::writeFile;
 using namespace std::chrono_literals;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string templ = (fs::temp_directory_path() / "orvane-dlt-XXXXXX").string();
-    if (mkdtemp(templ.data()) != nullptr)
-      path_ = templ;
-  }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty())
-      fs::remove_all(path_, ec);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 bool waitUntil(std::chrono::milliseconds bound, const std::function<bool()>& done) {
   const auto deadline = std::chrono::steady_clock::now() + bound;
