@@ -1,0 +1,137 @@
+#include "platform/middleware/future.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "minfw/testing/simulated_clock.h"
+
+namespace platform::middleware {
+namespace {
+
+using kel::vxp3::minfw::ScopedClock;
+using kel::vxp3::minfw::testing::SimulatedClock;
+
+TEST(FutureTest, EveryWayOfSettlingReachesTheWaiterAndTheContinuation) {
+  struct Row {
+    const char* proves;
+    void (*settle)(Promise<int>&);
+    bool thenFirst;  // continuation attached before the result is set
+    ErrorCode error;
+    int value;
+  };
+  const Row rows[] = {
+      {"a value reaches get() and a continuation attached earlier",
+       [](Promise<int>& p) { p.set_value(7); }, true, ErrorCode::kOk, 7},
+      {"a value reaches a continuation attached afterwards",
+       [](Promise<int>& p) { p.set_value(8); }, false, ErrorCode::kOk, 8},
+      {"an error is kept with its code", [](Promise<int>& p) { p.set_error(ErrorCode::kTimeout); },
+       true, ErrorCode::kTimeout, 0},
+      {"the first result wins; later ones are refused",
+       [](Promise<int>& p) {
+         p.set_value(1);
+         EXPECT_FALSE(p.set_value(2));
+         EXPECT_FALSE(p.set_error(ErrorCode::kRemoteError));
+       },
+       false, ErrorCode::kOk, 1},
+      {"a dropped promise breaks instead of leaving the waiter hanging",
+       [](Promise<int>& p) { Promise<int> gone = std::move(p); }, true, ErrorCode::kBrokenPromise,
+       0},
+      {"a promise assigned over an unanswered one breaks the old answer",
+       [](Promise<int>& p) { p = Promise<int>(); }, true, ErrorCode::kBrokenPromise, 0},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    Promise<int> promise;
+    Future<int> future = promise.get_future();
+    int seen = -1;
+    ErrorCode seenError = ErrorCode::kWrongState;
+    auto continuation = [&](const Result<int>& r) {
+      seenError = r.error();
+      seen = r ? r.value() : 0;
+    };
+    if (row.thenFirst)
+      future.then(continuation);
+    row.settle(promise);
+    if (!row.thenFirst)
+      future.then(continuation);
+    ASSERT_TRUE(future.is_ready());
+    EXPECT_EQ(future.get().error(), row.error);
+    EXPECT_EQ(seenError, row.error);
+    if (row.error == ErrorCode::kOk) {
+      EXPECT_EQ(future.get().value(), row.value);
+      EXPECT_EQ(seen, row.value);
+    }
+  }
+}
+
+TEST(FutureTest, InvalidFutureGivesAnErrorInsteadOfBlocking) {
+  Future<int> future;
+  EXPECT_EQ(future.wait_for(std::chrono::milliseconds(1000)), FutureStatus::kReady);
+  future.wait();
+  EXPECT_EQ(future.get().error(), ErrorCode::kWrongState);
+}
+
+TEST(FutureTest, TimedWaitEndsWhenVirtualTimePassesTheLimit) {
+  SimulatedClock clock;
+  ScopedClock scoped(clock);
+  Promise<int> promise;
+  Future<int> future = promise.get_future();
+  std::atomic<bool> done{false};
+  FutureStatus status = FutureStatus::kReady;
+  std::thread waiter([&] {
+    status = future.wait_for(std::chrono::milliseconds(1000));
+    done = true;
+  });
+  // The waiter may read the clock only after the first step; keep stepping until it gives up.
+  while (!done) {
+    clock.advance(std::chrono::milliseconds(600));
+    std::this_thread::yield();
+  }
+  waiter.join();
+  EXPECT_EQ(status, FutureStatus::kTimeout);
+  // A late answer still lands in the future; whoever gave up simply does not read it.
+  promise.set_value(5);
+  EXPECT_EQ(future.get().value(), 5);
+}
+
+TEST(FutureTest, TimedWaitReturnsAtOnceWhenTheAnswerArrivesBeforeTheLimit) {
+  SimulatedClock clock;
+  ScopedClock scoped(clock);
+  Promise<int> promise;
+  Future<int> future = promise.get_future();
+  std::thread answer([&] { promise.set_value(3); });
+  EXPECT_EQ(future.wait_for(std::chrono::hours(1)), FutureStatus::kReady);
+  answer.join();
+  EXPECT_EQ(future.get().value(), 3);
+}
+
+TEST(FutureTest, ConcurrentSettersAndWaitersAgreeOnOneResult) {
+  for (int round = 0; round < 50; ++round) {
+    Promise<int> promise;
+    Future<int> future = promise.get_future();
+    std::atomic<int> continuationRuns{0};
+    std::atomic<int> winners{0};
+    std::vector<std::thread> threads;
+    std::vector<int> seen(4, -1);
+    for (int i = 0; i < 4; ++i)
+      threads.emplace_back([&, i] { seen[i] = future.get().value(); });
+    for (int i = 0; i < 4; ++i)
+      threads.emplace_back([&, i] {
+        if (promise.set_value(100 + i))
+          ++winners;
+      });
+    future.then([&](const Result<int>&) { ++continuationRuns; });
+    for (auto& t : threads)
+      t.join();
+    EXPECT_EQ(winners.load(), 1);
+    EXPECT_EQ(continuationRuns.load(), 1);
+    for (int v : seen)
+      EXPECT_EQ(v, future.get().value());
+  }
+}
+
+}  // namespace
+}  // namespace platform::middleware

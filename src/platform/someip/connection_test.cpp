@@ -1,0 +1,158 @@
+// Stream framing and buffered sending of Connection, over a socket pair.
+#include "platform/someip/connection.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <vector>
+
+#include "minfw/testing/capture_sink.h"
+
+namespace platform::someip {
+namespace {
+
+std::vector<uint8_t> frame(uint16_t method, std::vector<uint8_t> payload = {}) {
+  Header h;
+  h.serviceId = 0x1234;
+  h.methodId = method;
+  h.sessionId = method;
+  h.messageType = MessageType::kRequest;
+  return encodeMessage(h, payload);
+}
+
+struct Pair {
+  std::unique_ptr<Connection> conn;
+  int peer = -1;
+  Pair() {
+    int fds[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
+    conn =
+        std::make_unique<Connection>(fds[0], Connection::State::kConnected, Endpoint{}, Endpoint{});
+    peer = fds[1];
+  }
+  ~Pair() { ::close(peer); }
+  void write(const std::vector<uint8_t>& bytes) {
+    ASSERT_EQ(::write(peer, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+};
+
+TEST(ConnectionTest, FramesTheStreamByTheLengthField) {
+  auto a = frame(1, {1, 2, 3});
+  auto b = frame(2);
+  auto badVersion = frame(3);
+  badVersion[12] = 7;
+  auto shortLength = frame(4);
+  shortLength[7] = 3;
+  auto huge = frame(5);
+  huge[4] = 0x7F;  // announces about 2 GiB
+
+  struct Row {
+    const char* proves;
+    std::vector<std::vector<uint8_t>> writes;  // each written, then receive() called
+    std::vector<uint16_t> delivered;           // method ids, in order
+    bool alive;
+    const char* log;
+  };
+  auto concat = [](std::vector<std::vector<uint8_t>> parts) {
+    std::vector<uint8_t> all;
+    for (auto& p : parts)
+      all.insert(all.end(), p.begin(), p.end());
+    return all;
+  };
+  std::vector<std::vector<uint8_t>> bytewise;
+  for (uint8_t byte : concat({a, b}))
+    bytewise.push_back({byte});
+  const Row rows[] = {
+      {"several messages in one read are all delivered, in order",
+       {concat({a, b, a})},
+       {1, 2, 1},
+       true,
+       ""},
+      {"a message that arrives byte by byte is delivered once, when whole",
+       bytewise,
+       {1, 2},
+       true,
+       ""},
+      {"a frame of an unknown protocol version is skipped and the stream goes on",
+       {concat({a, badVersion, b})},
+       {1, 2},
+       true,
+       "bytes skipped"},
+      {"a length field below 8 cannot be resynchronised: the connection ends",
+       {concat({a, shortLength, b})},
+       {1},
+       false,
+       "resetting the connection"},
+      {"an oversized length ends the connection without waiting for (or reading) the bytes",
+       {concat({huge})},
+       {},
+       false,
+       "resetting the connection"},
+      {"a message cut short stays pending and is not read past",
+       {concat({a, {b.begin(), b.end() - 1}})},
+       {1},
+       true,
+       ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    kel::vxp3::minfw::testing::ScopedLogCapture logs;
+    Pair p;
+    std::vector<uint16_t> delivered;
+    bool alive = true;
+    for (auto& w : row.writes) {
+      p.write(w);
+      alive = p.conn->receive([&](Message& m) { delivered.push_back(m.header.methodId); });
+      if (!alive)
+        break;
+    }
+    EXPECT_EQ(delivered, row.delivered);
+    EXPECT_EQ(alive, row.alive);
+    if (*row.log) {
+      EXPECT_TRUE(logs->contains(row.log)) << row.log;
+    }
+  }
+}
+
+TEST(ConnectionTest, PeerCloseEndsTheConnectionAndSendsFailAfterClose) {
+  Pair p;
+  ::shutdown(p.peer, SHUT_WR);
+  EXPECT_FALSE(p.conn->receive([](Message&) { ADD_FAILURE() << "nothing was sent"; }));
+  p.conn->close();
+  EXPECT_EQ(p.conn->state(), Connection::State::kClosed);
+  EXPECT_FALSE(p.conn->send(frame(1)));
+}
+
+TEST(ConnectionTest, WhatTheSocketDoesNotTakeWaitsForFlushInOrder) {
+  Pair p;
+  int small = 4096;
+  ::setsockopt(p.peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  // Far more than the socket holds: the rest must wait in the buffer.
+  std::vector<uint8_t> payload(512 * 1024);
+  for (std::size_t i = 0; i < payload.size(); ++i)
+    payload[i] = static_cast<uint8_t>(i * 7);
+  auto big = frame(9, payload);
+  auto next = frame(10);
+  bool leftover = false;
+  ASSERT_TRUE(p.conn->send(big, &leftover));
+  EXPECT_TRUE(leftover);
+  EXPECT_TRUE(p.conn->wantsWrite());
+  ASSERT_TRUE(p.conn->send(next, &leftover));  // queued behind, never interleaved
+  std::vector<uint8_t> received;
+  std::vector<uint8_t> chunk(65536);
+  while (received.size() < big.size() + next.size()) {
+    ssize_t n = ::read(p.peer, chunk.data(), chunk.size());
+    if (n > 0)
+      received.insert(received.end(), chunk.begin(), chunk.begin() + n);
+    ASSERT_TRUE(p.conn->flush());
+  }
+  EXPECT_FALSE(p.conn->wantsWrite());
+  std::vector<uint8_t> expected = big;
+  expected.insert(expected.end(), next.begin(), next.end());
+  EXPECT_TRUE(received == expected);
+}
+
+}  // namespace
+}  // namespace platform::someip

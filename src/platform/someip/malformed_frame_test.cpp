@@ -1,0 +1,185 @@
+// Bad frames on a service's TCP connection: each is logged and skipped or answered with the
+// right error, or, when the stream cannot be resynchronised, the connection is reset; the
+// server keeps serving either way.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <optional>
+
+#include "minfw/testing/capture_sink.h"
+#include "platform/someip/header.h"
+#include "platform/someip/serializer.h"
+#include "platform/someip/testing/pair.h"
+#include "platform/someip/testing/test_interface.h"
+
+namespace platform::someip {
+namespace {
+
+namespace mw = platform::middleware;
+using namespace testing;
+
+// A blocking client socket with a receive limit that only guards against hangs.
+class RawClient {
+ public:
+  RawClient() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    timeval limit{static_cast<time_t>(kPatience.count()), 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    sockaddr_in a = toSockaddr(Endpoint{0x7F000002, 30501});
+    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  }
+  ~RawClient() { ::close(fd_); }
+  bool connected() const { return connected_; }
+  void send(const std::vector<uint8_t>& bytes) {
+    ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+  }
+  // The next whole message; nothing when the connection ended.
+  std::optional<Message> receive() {
+    for (;;) {
+      Message m;
+      if (!buffer_.empty()) {
+        ParseResult r = parseMessage(buffer_.data(), buffer_.size(), m);
+        if (r.status == ParseResult::Status::kOk) {
+          buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<long>(r.consumed));
+          return m;
+        }
+        if (r.status == ParseResult::Status::kMalformed)
+          return std::nullopt;
+      }
+      uint8_t chunk[4096];
+      ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+      if (n <= 0)
+        return std::nullopt;
+      buffer_.insert(buffer_.end(), chunk, chunk + n);
+    }
+  }
+
+ private:
+  int fd_ = -1;
+  bool connected_ = false;
+  std::vector<uint8_t> buffer_;
+};
+
+Header request(uint16_t method, uint16_t session) {
+  Header h;
+  h.serviceId = 4660;
+  h.methodId = method;
+  h.clientId = 0x77;
+  h.sessionId = session;
+  h.interfaceVersion = 1;
+  h.messageType = MessageType::kRequest;
+  return h;
+}
+
+std::vector<uint8_t> echoRequest(uint16_t session) {
+  Echo::Input in{"ok", 5};
+  return encodeMessage(request(1, session), serialize(in));
+}
+
+TEST(MalformedFrameTest, BadFramesAreSkippedAnsweredOrResetWhileTheServerServesOn) {
+  RuntimePair pair;
+  ASSERT_TRUE(pair.start());
+  pair.skeleton->handle<Echo>([](const Echo::Input& in) {
+    return mw::Future<Echo::Output>::ready(Echo::Output{in.text, in.n});
+  });
+  ASSERT_TRUE(pair.skeleton->OfferService());
+
+  struct Row {
+    const char* proves;
+    std::vector<uint8_t> frame;
+    std::optional<ReturnCode> error;  // the ERROR answer expected for the bad frame
+    bool reset;                       // the connection is closed instead
+    const char* log;                  // a text the server logs
+  };
+  std::vector<Row> rows;
+  {
+    Header h = request(1, 1);
+    h.serviceId = 0x9999;
+    rows.push_back({"a request for a service this port does not serve gets UNKNOWN_SERVICE",
+                    encodeMessage(h, {}), ReturnCode::kUnknownService, false, "E_UNKNOWN_SERVICE"});
+  }
+  {
+    rows.push_back({"a request for a method nobody implements gets UNKNOWN_METHOD",
+                    encodeMessage(request(4, 1), {}), ReturnCode::kUnknownMethod, false,
+                    "E_UNKNOWN_METHOD"});
+  }
+  {
+    Header h = request(1, 1);
+    h.interfaceVersion = 9;
+    rows.push_back({"a request for another major version gets WRONG_INTERFACE_VERSION",
+                    encodeMessage(h, {}), ReturnCode::kWrongInterfaceVersion, false,
+                    "E_WRONG_INTERFACE_VERSION"});
+  }
+  {
+    // The string claims 100 bytes, 3 follow.
+    std::vector<uint8_t> payload{0, 0, 0, 100, 0xEF, 0xBB, 0xBF};
+    rows.push_back({"a payload that cannot be read gets MALFORMED_MESSAGE",
+                    encodeMessage(request(1, 1), payload), ReturnCode::kMalformedMessage, false,
+                    "not readable"});
+  }
+  {
+    auto frame = encodeMessage(request(1, 1), {});
+    frame[12] = 2;  // protocol version
+    rows.push_back({"a request of an unknown protocol version is answered, not served", frame,
+                    ReturnCode::kWrongProtocolVersion, false, "malformed frame"});
+  }
+  {
+    Header h = request(1, 1);
+    h.messageType = MessageType::kResponse;
+    rows.push_back({"a response sent to the server is dropped", encodeMessage(h, {}), std::nullopt,
+                    false, "unexpected RESPONSE"});
+  }
+  {
+    auto frame = encodeMessage(request(1, 1), {});
+    frame[7] = 4;  // length 4 < 8: no way to find the next message
+    rows.push_back({"a length field below 8 resets the connection", frame, std::nullopt, true,
+                    "resetting the connection"});
+  }
+
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    kel::vxp3::minfw::testing::ScopedLogCapture logs;
+    RawClient client;
+    ASSERT_TRUE(client.connected());
+    // The bad frame and a good request in one write: framing must split them.
+    std::vector<uint8_t> bytes = row.frame;
+    auto good = echoRequest(2);
+    bytes.insert(bytes.end(), good.begin(), good.end());
+    client.send(bytes);
+    if (row.reset) {
+      EXPECT_FALSE(client.receive()) << "connection still open";
+    } else {
+      if (row.error) {
+        auto answer = client.receive();
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->header.messageType, MessageType::kError);
+        EXPECT_EQ(answer->header.returnCode, *row.error);
+        EXPECT_EQ(answer->header.sessionId, 1);
+        EXPECT_EQ(answer->header.clientId, 0x77);
+      }
+      auto answer = client.receive();
+      ASSERT_TRUE(answer);
+      EXPECT_EQ(answer->header.messageType, MessageType::kResponse);
+      EXPECT_EQ(answer->header.sessionId, 2);
+      Echo::Output out;
+      std::string error;
+      ASSERT_TRUE(deserialize(answer->payload, &error, out)) << error;
+      EXPECT_EQ(out.text, "ok");
+    }
+    EXPECT_TRUE(logs->contains(row.log)) << "log lacks: " << row.log;
+    // Whatever happened, a fresh connection is served.
+    RawClient next;
+    ASSERT_TRUE(next.connected());
+    next.send(echoRequest(3));
+    auto answer = next.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->header.returnCode, ReturnCode::kOk);
+  }
+}
+
+}  // namespace
+}  // namespace platform::someip

@@ -1,0 +1,109 @@
+#pragma once
+// A small service interface for the binding's own tests and benchmark, described the way
+// interface code describes its members (see platform/middleware/proxy.h).
+
+#include <cstdint>
+#include <string>
+
+#include "platform/middleware/marshal.h"
+
+namespace platform::someip::testing {
+
+using middleware::FieldVisitor;
+
+constexpr const char* kTestInterface = "TestService";
+
+struct Echo {
+  static constexpr const char* kName = "echo";
+  struct Input {
+    std::string text;
+    uint32_t n = 0;
+  };
+  struct Output {
+    std::string text;
+    uint32_t n = 0;
+  };
+};
+inline void marshal(FieldVisitor& v, Echo::Input& x) {
+  middleware::marshalAll(v, x.text, x.n);
+}
+inline void marshal(FieldVisitor& v, Echo::Output& x) {
+  middleware::marshalAll(v, x.text, x.n);
+}
+
+// Answered late, in batches (see the tests).
+struct Slow {
+  static constexpr const char* kName = "slow";
+  struct Input {
+    uint32_t id = 0;
+  };
+  struct Output {
+    uint32_t id = 0;
+    uint32_t square = 0;
+  };
+};
+inline void marshal(FieldVisitor& v, Slow::Input& x) {
+  middleware::marshal(v, x.id);
+}
+inline void marshal(FieldVisitor& v, Slow::Output& x) {
+  middleware::marshalAll(v, x.id, x.square);
+}
+
+// Makes the server send `count` tick events numbered 1..count before it answers.
+struct Emit {
+  static constexpr const char* kName = "emit";
+  struct Input {
+    uint32_t count = 0;
+  };
+  struct Output {
+    uint32_t sent = 0;
+  };
+};
+inline void marshal(FieldVisitor& v, Emit::Input& x) {
+  middleware::marshal(v, x.count);
+}
+inline void marshal(FieldVisitor& v, Emit::Output& x) {
+  middleware::marshal(v, x.sent);
+}
+
+// Configured, but no server implements it.
+struct Ghost {
+  static constexpr const char* kName = "ghost";
+  struct Input {};
+  struct Output {};
+};
+inline void marshal(FieldVisitor&, Ghost::Input&) {}
+inline void marshal(FieldVisitor&, Ghost::Output&) {}
+
+// Fire and forget: the server records the value.
+struct Note {
+  static constexpr const char* kName = "note";
+  struct Input {
+    uint32_t value = 0;
+  };
+};
+inline void marshal(FieldVisitor& v, Note::Input& x) {
+  middleware::marshal(v, x.value);
+}
+
+struct Tick {
+  static constexpr const char* kName = "tick";
+  struct Sample {
+    uint32_t seq = 0;
+    std::string text;
+  };
+};
+inline void marshal(FieldVisitor& v, Tick::Sample& x) {
+  middleware::marshalAll(v, x.seq, x.text);
+}
+
+struct Level {
+  static constexpr const char* kName = "level";
+  using Value = uint32_t;
+};
+
+// Host configuration of the tests: "client" at 127.0.0.1, "server" at 127.0.0.2, fast SD
+// timing, a TTL of 1 s.
+std::string testConfigJson();
+
+}  // namespace platform::someip::testing
