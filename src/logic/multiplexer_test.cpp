@@ -1,0 +1,674 @@
+#include "logic/multiplexer.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "interfaces/lum/diag_local_update_manager_control_client.h"
+#include "interfaces/lum/diag_lum_control_client.h"
+#include "minfw/str.h"
+#include "minfw/testing/capture_sink.h"
+#include "minfw/testing/simulated_clock.h"
+#include "minfw/testing/temp_dir.h"
+
+namespace orv {
+namespace {
+
+using kel::vxp3::minfw::cat;
+using kel::vxp3::minfw::ScopedClock;
+using kel::vxp3::minfw::testing::ScopedLogCapture;
+using kel::vxp3::minfw::testing::SimulatedClock;
+using kel::vxp3::minfw::testing::TempDir;
+
+// A channel that records every event it receives and every diagnostic start.
+class FakeChannel : public ILumChannel {
+ public:
+  bool init() override { return true; }
+  bool diagTriggerStartUpdate(const std::string& ctrlOptions, int override) override {
+    record(cat("diagTriggerStartUpdate(", ctrlOptions, ",", override, ")"));
+    return acceptDiagStart;
+  }
+
+  void eventDomainUpdateFinishedNotification(uint16_t riid) override {
+    record(cat("finished(", riid, ")"));
+  }
+  void eventDomainReadyForDownloadNotification(uint16_t riid,
+                                               const lum11::ReadyForDownloadInfo&) override {
+    record(cat("readyForDownload(", riid, ")"));
+  }
+  void eventDomainReadyForUpdateNotification(uint16_t riid,
+                                             const lum11::ReadyForUpdateInfo&) override {
+    record(cat("readyForUpdate(", riid, ")"));
+  }
+  void eventDomainOffTimeNotification(uint16_t riid, uint16_t timeout) override {
+    record(cat("offTime(", riid, ",", timeout, ")"));
+  }
+  void eventDomainErrorNotification(uint16_t riid, uint32_t errorCode) override {
+    record(cat("error(", riid, ",", errorCode, ")"));
+  }
+  void eventDebugMessageNotification(uint16_t riid, const std::string& id,
+                                     const std::string& message) override {
+    record(cat("debug(", riid, ",", id, ",", message, ")"));
+  }
+  void eventResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) override {
+    record(cat("resolve(", request.fileNames.size(), ",", request.updateURLRequestID[15], ")"));
+  }
+  void eventConnection(bool connected) override { record(cat("connection(", connected, ")")); }
+  void eventInternal(int value) override { record(cat("internal(", value, ")")); }
+
+  std::vector<std::string> calls() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return calls_;
+  }
+
+  bool acceptDiagStart = true;
+
+ private:
+  void record(const std::string& call) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(call);
+  }
+  std::mutex mutex_;
+  std::vector<std::string> calls_;
+};
+
+class FakeRoutine : public IRoutine {
+ public:
+  bool connect() override { return connects; }
+  bool connects = false;
+};
+
+class FakeMesswert : public IMesswert {
+ public:
+  bool connect() override { return connects; }
+  bool connects = true;
+};
+
+// Exposes the wiring seams and counts intercepted events.
+class TestMultiplexer : public Multiplexer {
+ public:
+  using Multiplexer::addChannel;
+  using Multiplexer::Multiplexer;
+  using Multiplexer::setLumClient;
+  using Multiplexer::setMesswertClient;
+  using Multiplexer::setRoutineClient;
+
+  void eventDomainErrorNotification(uint16_t riid, uint32_t errorCode) override {
+    ++interceptedErrors;
+    Multiplexer::eventDomainErrorNotification(riid, errorCode);
+  }
+  int interceptedErrors = 0;
+};
+
+std::shared_ptr<DiagLUMControlClient> makeLumClient() {
+  return std::make_shared<DiagLUMControlClient>(
+      std::make_unique<DiagLocalUpdateManagerControlClient>());
+}
+
+class MultiplexerTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // Dates and times are local; pin the zone so the expected texts hold everywhere.
+    setenv("TZ", "UTC", 1);
+    tzset();
+  }
+
+  std::shared_ptr<Persistence> record() {
+    return std::make_shared<Persistence>(dir_.path(), "persistence.json");
+  }
+
+  // A multiplexer with two fake channels; dm/usb point into it.
+  std::unique_ptr<TestMultiplexer> withChannels() {
+    auto mux = std::make_unique<TestMultiplexer>(persistence_);
+    auto dm = std::make_unique<FakeChannel>();
+    auto usb = std::make_unique<FakeChannel>();
+    dm_ = dm.get();
+    usb_ = usb.get();
+    mux->addChannel(std::move(dm));
+    mux->addChannel(std::move(usb));
+    return mux;
+  }
+
+  // Fully wired: channels, LUM client, both diagnosis clients, bindings made.
+  std::unique_ptr<TestMultiplexer> wired() {
+    auto mux = withChannels();
+    lum_ = makeLumClient();
+    mux->setLumClient(lum_);
+    auto routine = std::make_unique<FakeRoutine>();
+    auto messwert = std::make_unique<FakeMesswert>();
+    routine_ = routine.get();
+    messwert_ = messwert.get();
+    mux->setRoutineClient(std::move(routine));
+    mux->setMesswertClient(std::move(messwert));
+    EXPECT_TRUE(mux->initBindings());
+    return mux;
+  }
+
+  TempDir dir_;
+  std::shared_ptr<Persistence> persistence_ = record();
+  ScopedLogCapture log_;
+  FakeChannel* dm_ = nullptr;
+  FakeChannel* usb_ = nullptr;
+  FakeRoutine* routine_ = nullptr;
+  FakeMesswert* messwert_ = nullptr;
+  std::shared_ptr<DiagLUMControlClient> lum_;
+};
+
+constexpr uint32_t kAbsent = 99;  // default for reading "channel" when the key is missing
+
+TEST_F(MultiplexerTest, NullRecordIsAConstructionFailure) {
+  try {
+    Multiplexer mux(nullptr);
+    FAIL() << "constructed without a record";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "Multiplexer received null persistence object!");
+  }
+}
+
+TEST_F(MultiplexerTest, GrantAndReleaseRules) {
+  enum Op { kGrant, kTemporary, kRelease };
+  struct Step {
+    Op op;
+    uint32_t channel;
+    bool expected;
+  };
+  struct Row {
+    const char* proves;
+    std::vector<Step> steps;
+    uint32_t holder;
+    uint32_t recorded;  // "channel" in the record, kAbsent when never written
+    const char* logged;
+  };
+  const std::vector<Row> rows = {
+      {"a free LUM goes to the first caller, persisted",
+       {{kGrant, ACTIVE_USB, true}},
+       ACTIVE_USB,
+       ACTIVE_USB,
+       "Control is now [ACTIVE_USB]"},
+      {"a second grant to the holder succeeds",
+       {{kGrant, ACTIVE_DM, true}, {kGrant, ACTIVE_DM, true}},
+       ACTIVE_DM,
+       ACTIVE_DM,
+       "Control is already [ACTIVE_DM]"},
+      {"no pre-emption: the other channel is refused while control is held",
+       {{kGrant, ACTIVE_USB, true}, {kGrant, ACTIVE_DM, false}, {kTemporary, ACTIVE_DM, false}},
+       ACTIVE_USB,
+       ACTIVE_USB,
+       "Control is [ACTIVE_USB]"},
+      {"a release by the non-holder fails and keeps the holder",
+       {{kGrant, ACTIVE_DM, true}, {kRelease, ACTIVE_USB, false}},
+       ACTIVE_DM,
+       ACTIVE_DM,
+       "Control belongs to [ACTIVE_DM], not [ACTIVE_USB]"},
+      {"after the holder's release the other channel wins",
+       {{kGrant, ACTIVE_USB, true}, {kRelease, ACTIVE_USB, true}, {kGrant, ACTIVE_DM, true}},
+       ACTIVE_DM,
+       ACTIVE_DM,
+       "Control is now [ACTIVE_DM]"},
+      {"a temporary grant is held but not written",
+       {{kTemporary, ACTIVE_USB, true}},
+       ACTIVE_USB,
+       kAbsent,
+       "Control istemporary now [ACTIVE_USB]"},
+      {"a temporary grant keeps the record's last real holder",
+       {{kGrant, ACTIVE_DM, true}, {kRelease, ACTIVE_DM, true}, {kTemporary, ACTIVE_USB, true}},
+       ACTIVE_USB,
+       ACTIVE_NONE,
+       "Control istemporary now [ACTIVE_USB]"},
+      {"a value that names no channel never gets control",
+       {{kGrant, 3, false}, {kGrant, ACTIVE_NONE, false}},
+       ACTIVE_NONE,
+       kAbsent,
+       "Invalid channel [!!UNDEFINED!!] (3)!"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    TempDir dir;
+    auto persistence = std::make_shared<Persistence>(dir.path(), "persistence.json");
+    Multiplexer mux(persistence);
+    log_->clear();
+    for (const Step& step : row.steps) {
+      const bool result = step.op == kRelease
+                              ? mux.relinquishControl(step.channel)
+                              : mux.requestExclusiveControl(step.channel, step.op == kTemporary);
+      EXPECT_EQ(result, step.expected);
+    }
+    EXPECT_EQ(mux.queryControl(), row.holder);
+    EXPECT_EQ(persistence->getChannel(kAbsent), row.recorded);
+    EXPECT_TRUE(log_->contains(row.logged)) << row.logged;
+  }
+}
+
+TEST_F(MultiplexerTest, RestartKeepsOnlyARealHolder) {
+  struct Row {
+    const char* proves;
+    bool temporary;
+    bool release;
+    uint32_t holderAfterRestart;
+    const char* logged;
+  };
+  const std::vector<Row> rows = {
+      {"a real grant survives a restart", false, false, ACTIVE_USB,
+       "ActiveChannel is [ACTIVE_USB]"},
+      {"a temporary grant does not", true, false, ACTIVE_NONE, "ActiveChannel is [ACTIVE_NONE]"},
+      {"a release does not leave a holder", false, true, ACTIVE_NONE,
+       "ActiveChannel is [ACTIVE_NONE]"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    TempDir dir;
+    {
+      Multiplexer before(std::make_shared<Persistence>(dir.path(), "persistence.json"));
+      ASSERT_TRUE(before.requestExclusiveControl(ACTIVE_USB, row.temporary));
+      if (row.release) {
+        ASSERT_TRUE(before.relinquishControl(ACTIVE_USB));
+      }
+    }
+    log_->clear();
+    Multiplexer after(std::make_shared<Persistence>(dir.path(), "persistence.json"));
+    EXPECT_TRUE(log_->contains(row.logged));
+    EXPECT_EQ(after.queryControl(), row.holderAfterRestart);
+    // The restored holder is a real holder: the other channel stays out.
+    EXPECT_EQ(after.requestExclusiveControl(ACTIVE_DM, false),
+              row.holderAfterRestart == ACTIVE_NONE);
+  }
+}
+
+TEST_F(MultiplexerTest, RecordNamingNoChannelPrintsUndefinedAndFreesControl) {
+  persistence_->setChannel(3);
+  Multiplexer mux(persistence_);
+  EXPECT_TRUE(log_->contains("ActiveChannel is [!!UNDEFINED!!]"));
+  EXPECT_EQ(mux.queryControl(), ACTIVE_NONE);
+  EXPECT_TRUE(mux.requestExclusiveControl(ACTIVE_DM, false));
+  EXPECT_STREQ(channelName(3), "!!UNDEFINED!!");
+  EXPECT_STREQ(updateTypeName(2), "!!UNDEFINED!!");
+}
+
+// Fires every LUM event once at the multiplexer.
+void fireAll(Multiplexer& mux) {
+  ResolveUpdateURLRequest request;
+  request.fileNames = {"a.bin", "b.bin"};
+  request.updateURLRequestID[15] = 9;
+  mux.eventDomainUpdateFinishedNotification(1);
+  mux.eventDomainReadyForDownloadNotification(2, lum11::ReadyForDownloadInfo{});
+  mux.eventDomainReadyForUpdateNotification(3, lum11::ReadyForUpdateInfo{});
+  mux.eventDomainOffTimeNotification(4, 30);
+  mux.eventDomainErrorNotification(5, 1234);
+  mux.eventDebugMessageNotification(6, "id", "text");
+  mux.eventResolveUpdateURLRequest(request);
+  mux.eventConnection(true);
+  mux.eventInternal(1);
+}
+
+const std::vector<std::string> kAllEvents = {
+    "finished(1)",   "readyForDownload(2)", "readyForUpdate(3)",
+    "offTime(4,30)", "error(5,1234)",       "debug(6,id,text)",
+    "resolve(2,9)",  "connection(true)",    "internal(1)"};
+
+TEST_F(MultiplexerTest, EventsReachOnlyTheHolder) {
+  struct Row {
+    const char* proves;
+    uint32_t holder;
+    std::size_t dmCalls;
+    std::size_t usbCalls;
+    std::size_t dropped;
+  };
+  const std::vector<Row> rows = {
+      {"the diagnostic master holds: only it hears the LUM", ACTIVE_DM, 9, 0, 0},
+      {"the USB channel holds: only it hears the LUM", ACTIVE_USB, 0, 9, 0},
+      {"nobody holds: every event is dropped", ACTIVE_NONE, 0, 0, 9},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    TempDir dir;
+    persistence_ = std::make_shared<Persistence>(dir.path(), "persistence.json");
+    auto mux = withChannels();
+    if (row.holder != ACTIVE_NONE) {
+      ASSERT_TRUE(mux->requestExclusiveControl(row.holder, true));
+    }
+    log_->clear();
+    fireAll(*mux);
+    EXPECT_EQ(dm_->calls().size(), row.dmCalls);
+    EXPECT_EQ(usb_->calls().size(), row.usbCalls);
+    FakeChannel* receiver = row.holder == ACTIVE_DM ? dm_ : usb_;
+    if (row.holder != ACTIVE_NONE) {
+      EXPECT_EQ(receiver->calls(), kAllEvents);
+      EXPECT_EQ(log_->count(cat("Relay, active channel [", channelName(row.holder), "]")), 9u);
+    }
+    EXPECT_EQ(log_->count("No active channel!"), row.dropped);
+  }
+}
+
+TEST_F(MultiplexerTest, EventForAHolderWithoutInterfaceIsDropped) {
+  Multiplexer mux(persistence_);  // no channels added
+  ASSERT_TRUE(mux.requestExclusiveControl(ACTIVE_USB, true));
+  mux.eventDomainErrorNotification(1, 2);
+  EXPECT_TRUE(log_->contains("No interface for active channel [ACTIVE_USB]!"));
+}
+
+TEST_F(MultiplexerTest, ConcurrentGrantsHaveExactlyOneWinner) {
+  constexpr int kRounds = 20;
+  constexpr int kThreadsPerChannel = 4;
+  for (int round = 0; round < kRounds; ++round) {
+    TempDir dir;
+    auto persistence = std::make_shared<Persistence>(dir.path(), "persistence.json");
+    Multiplexer mux(persistence);
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false};
+    std::atomic<int> wins[2] = {{0}, {0}};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2 * kThreadsPerChannel; ++i) {
+      const uint32_t channel = i % 2 == 0 ? ACTIVE_DM : ACTIVE_USB;
+      threads.emplace_back([&, channel] {
+        pthread_setname_np(pthread_self(), "mux-grant");
+        ready.fetch_add(1);
+        while (!go.load()) {
+          std::this_thread::yield();
+        }
+        for (int attempt = 0; attempt < 3; ++attempt) {
+          if (mux.requestExclusiveControl(channel, false)) {
+            wins[channel].fetch_add(1);
+          }
+          mux.queryControl();
+        }
+      });
+    }
+    while (ready.load() < 2 * kThreadsPerChannel) {
+      std::this_thread::yield();
+    }
+    go.store(true);
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    const uint32_t winner = mux.queryControl();
+    ASSERT_NE(winner, ACTIVE_NONE);
+    const uint32_t loser = winner == ACTIVE_DM ? ACTIVE_USB : ACTIVE_DM;
+    EXPECT_EQ(wins[loser].load(), 0) << "round " << round;
+    EXPECT_EQ(wins[winner].load(), 3 * kThreadsPerChannel) << "round " << round;
+    EXPECT_EQ(persistence->getChannel(kAbsent), winner) << "round " << round;
+    EXPECT_EQ(log_->count("Control is now ["), static_cast<std::size_t>(round + 1));
+  }
+}
+
+TEST_F(MultiplexerTest, InterfaceOnlyToTheHolder) {
+  struct Row {
+    const char* proves;
+    uint32_t holder;
+    uint32_t asker;
+    bool handedOut;
+    const char* logged;
+  };
+  const std::vector<Row> rows = {
+      {"the holder gets the LUM client", ACTIVE_USB, ACTIVE_USB, true, nullptr},
+      {"the other channel gets nothing", ACTIVE_DM, ACTIVE_USB, false,
+       "[ACTIVE_USB] is not controlling!"},
+      {"nobody holding: nobody gets it", ACTIVE_NONE, ACTIVE_DM, false,
+       "[ACTIVE_DM] is not controlling!"},
+      {"ACTIVE_NONE itself never gets it", ACTIVE_NONE, ACTIVE_NONE, false,
+       "[ACTIVE_NONE] is not controlling!"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    TempDir dir;
+    TestMultiplexer mux(std::make_shared<Persistence>(dir.path(), "persistence.json"));
+    auto lum = makeLumClient();
+    mux.setLumClient(lum);
+    if (row.holder != ACTIVE_NONE) {
+      ASSERT_TRUE(mux.requestExclusiveControl(row.holder, true));
+    }
+    log_->clear();
+    std::shared_ptr<DiagLUMControlClient> handed = mux.requestInterface(row.asker);
+    EXPECT_EQ(handed != nullptr, row.handedOut);
+    if (row.handedOut) {
+      EXPECT_EQ(handed, lum);
+    } else {
+      EXPECT_TRUE(log_->contains(row.logged));
+    }
+  }
+}
+
+TEST_F(MultiplexerTest, TimestampsFollowTheWallClock) {
+  SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
+  ScopedClock scoped(clock);
+  Multiplexer mux(persistence_);
+  persistence_->setEndDate("02.02.2025");
+  persistence_->setEndTime("01:02:03");
+
+  clock.advance(std::chrono::hours(24 * 40 + 5) + std::chrono::minutes(6) +
+                std::chrono::seconds(7));
+  ASSERT_TRUE(mux.setUpdateTimestampStart());
+  EXPECT_EQ(persistence_->getStartDate(), "10.02.2026");
+  EXPECT_EQ(persistence_->getStartTime(), "05:06:07");
+  EXPECT_EQ(persistence_->getEndDate(), "--.--.----");  // an old end must not survive a start
+  EXPECT_EQ(persistence_->getEndTime(), "--:--:--");
+
+  clock.advance(std::chrono::hours(20));
+  ASSERT_TRUE(mux.setUpdateTimestampEnd());
+  EXPECT_EQ(persistence_->getEndDate(), "11.02.2026");
+  EXPECT_EQ(persistence_->getEndTime(), "01:06:07");
+  EXPECT_EQ(persistence_->getStartTime(), "05:06:07");
+
+  ASSERT_TRUE(mux.setUpdateType(ORV_USB_UPDATETYPE_USB));
+  EXPECT_TRUE(log_->contains("UpdateType=0x4"));
+  ASSERT_TRUE(mux.setErrorCode(618));
+  log_->clear();
+  const diagTimestampType stamps = mux.diagnoseTimestamps();
+  EXPECT_EQ(stamps.dtType, ORV_USB_UPDATETYPE_USB);
+  EXPECT_EQ(stamps.dtStartDate, "10.02.2026");
+  EXPECT_EQ(stamps.dtEndTime, "01:06:07");
+  EXPECT_EQ(stamps.dtErr, 618);
+  EXPECT_EQ(log_->messages(),
+            std::vector<std::string>{
+                "dtType [4], dtStartDate [10.02.2026], dtStartTime [05:06:07], dtEndDate "
+                "[11.02.2026], dtEndTime [01:06:07], dtErr [618], dtErrTxt [update medium not "
+                "available]"});
+}
+
+TEST_F(MultiplexerTest, DiagnosticStart) {
+  struct Row {
+    const char* proves;
+    uint32_t holder;
+    bool withLogic;
+    bool logicAccepts;
+    bool expected;
+    const char* logged;
+    const char* startDate;
+  };
+  const std::vector<Row> rows = {
+      {"a held LUM refuses the start before Logic is asked", ACTIVE_DM, true, true, false,
+       "Cannot start diag update!", "01.01.2026"},
+      {"a missing USB channel refuses the start", ACTIVE_NONE, false, true, false,
+       "Weird, logic is null ?!?", "01.01.2026"},
+      {"Logic's refusal is the result and stamps nothing", ACTIVE_NONE, true, false, false, nullptr,
+       "01.01.2026"},
+      {"an accepted start marks the start as requested", ACTIVE_NONE, true, true, true, nullptr,
+       "**.**.****"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    TempDir dir;
+    persistence_ = std::make_shared<Persistence>(dir.path(), "persistence.json");
+    persistence_->setStartDate("01.01.2026");
+    persistence_->setEndDate("02.01.2026");
+    auto mux = std::make_unique<TestMultiplexer>(persistence_);
+    FakeChannel* logic = nullptr;
+    if (row.withLogic) {
+      mux = withChannels();
+      logic = usb_;
+      logic->acceptDiagStart = row.logicAccepts;
+    }
+    if (row.holder != ACTIVE_NONE) {
+      ASSERT_TRUE(mux->requestExclusiveControl(row.holder, true));
+    }
+    log_->clear();
+    EXPECT_EQ(mux->diagnoseStartUpdate("ORDER-7", 1), row.expected);
+    if (row.logged != nullptr) {
+      EXPECT_TRUE(log_->contains(row.logged));
+    }
+    if (logic != nullptr) {
+      const bool asked = row.holder == ACTIVE_NONE;
+      EXPECT_EQ(logic->calls(), asked
+                                    ? std::vector<std::string>{"diagTriggerStartUpdate(ORDER-7,1)"}
+                                    : std::vector<std::string>{});
+    }
+    EXPECT_EQ(persistence_->getStartDate(), row.startDate);
+    if (row.expected) {
+      EXPECT_EQ(persistence_->getStartTime(), "**:**:**");
+      EXPECT_EQ(persistence_->getEndDate(), "--.--.----");
+      EXPECT_EQ(persistence_->getEndTime(), "--:--:--");
+    } else {
+      EXPECT_EQ(persistence_->getEndDate(), "02.01.2026");
+    }
+  }
+}
+
+TEST_F(MultiplexerTest, BindingChecksInOrder) {
+  struct Row {
+    const char* proves;
+    int channels;  // fake channels added; -1: one real and one empty entry
+    bool lum;
+    bool messwert;
+    bool routine;
+    bool expected;
+    const char* logged;
+  };
+  const std::vector<Row> rows = {
+      {"channels are checked first", 1, true, true, true, false, "Not all interfaces initialized!"},
+      {"then the LUM client", 2, false, true, true, false, "LUM object not defined!"},
+      {"then the measurement client", 2, true, false, true, false, "diagMesswert not defined!"},
+      {"then the routine client", 2, true, true, false, false, "diagRoutineCtrl not defined!"},
+      {"an empty channel entry stops the binding", -1, true, true, true, false,
+       "Input signal for [1] is undefined!"},
+      {"everything present binds", 2, true, true, true, true, nullptr},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    TestMultiplexer mux(persistence_);
+    if (row.channels == -1) {
+      mux.addChannel(std::make_unique<FakeChannel>());
+      mux.addChannel(nullptr);
+    }
+    for (int i = 0; i < row.channels; ++i) {
+      mux.addChannel(std::make_unique<FakeChannel>());
+    }
+    if (row.lum) {
+      mux.setLumClient(makeLumClient());
+    }
+    if (row.messwert) {
+      mux.setMesswertClient(std::make_unique<FakeMesswert>());
+    }
+    if (row.routine) {
+      mux.setRoutineClient(std::make_unique<FakeRoutine>());
+    }
+    log_->clear();
+    EXPECT_EQ(mux.initBindings(), row.expected);
+    if (row.logged != nullptr) {
+      EXPECT_EQ(log_->messages(), std::vector<std::string>{row.logged});
+    }
+  }
+}
+
+TEST_F(MultiplexerTest, CreatedInterfacesAloneCannotBeBound) {
+  TestMultiplexer mux(persistence_);
+  EXPECT_TRUE(mux.createInterfaces());
+  EXPECT_FALSE(mux.initBindings());
+  EXPECT_TRUE(log_->contains("Not all interfaces initialized!"));
+}
+
+TEST_F(MultiplexerTest, BoundSlotsReachTheOperationsWithTheChannelsOwnValue) {
+  auto mux = wired();
+  ILumChannel& dm = *dm_;
+  ILumChannel& usb = *usb_;
+
+  // Slots 1, 3, 5: a real grant to USB, seen by both channels; only USB gets the LUM.
+  ASSERT_TRUE(usb.signalRequestExclusiveControl(ACTIVE_USB));
+  EXPECT_EQ(dm.signalQueryControl(), ACTIVE_USB);
+  EXPECT_EQ(persistence_->getChannel(kAbsent), ACTIVE_USB);
+  EXPECT_FALSE(dm.signalRequestExclusiveControl(ACTIVE_DM));
+  EXPECT_EQ(usb.signalRequestInterface(ACTIVE_USB), lum_);
+  EXPECT_EQ(dm.signalRequestInterface(ACTIVE_DM), nullptr);
+
+  // Slot 4: only the holder's release counts.
+  EXPECT_FALSE(dm.signalRelinquish(ACTIVE_DM));
+  ASSERT_TRUE(usb.signalRelinquish(ACTIVE_USB));
+  EXPECT_EQ(usb.signalQueryControl(), ACTIVE_NONE);
+
+  // Slot 2: a temporary grant, not written.
+  ASSERT_TRUE(dm.signalRequestTemporaryControl(ACTIVE_DM));
+  EXPECT_EQ(usb.signalQueryControl(), ACTIVE_DM);
+  EXPECT_EQ(persistence_->getChannel(kAbsent), ACTIVE_NONE);
+
+  // Slot 6: the LUM has not been found.
+  EXPECT_FALSE(dm.signalQueryAlive());
+
+  // Slots 7, 8, 11: record operations.
+  ASSERT_TRUE(usb.signalSetUpdateType(ORV_USB_UPDATETYPE_DIAG));
+  EXPECT_EQ(dm.signalGetUpdateType(), ORV_USB_UPDATETYPE_DIAG);
+  EXPECT_EQ(persistence_->getUpdateType(kAbsent), ORV_USB_UPDATETYPE_DIAG);
+  ASSERT_TRUE(dm.signalSetErrorCode(613));
+  EXPECT_EQ(persistence_->getErrorCode(0), 613);
+
+  // Slots 9, 10: the timestamps.
+  SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
+  ScopedClock scoped(clock);
+  ASSERT_TRUE(usb.signalSetUpdateTimestampStart());
+  EXPECT_EQ(persistence_->getStartDate(), "01.01.2026");
+  clock.advance(std::chrono::hours(1));
+  ASSERT_TRUE(dm.signalSetUpdateTimestampEnd());
+  EXPECT_EQ(persistence_->getEndTime(), "01:00:00");
+
+  // The diagnosis clients' slots.
+  EXPECT_EQ(messwert_->signalDiagnoseTimestamps().dtErr, 613);
+  const diagNewStatusType state = messwert_->signalDiagnoseUpdateState();
+  EXPECT_EQ(state.channel, ACTIVE_DM);
+  EXPECT_EQ(state.updateType, ORV_USB_UPDATETYPE_DIAG);
+  EXPECT_FALSE(routine_->signalLogicDiagnoseStartUpdate("X", 0));  // the DM holds control
+  ASSERT_TRUE(dm.signalRelinquish(ACTIVE_DM));
+  EXPECT_TRUE(routine_->signalLogicDiagnoseStartUpdate("X", 0));
+  EXPECT_EQ(usb_->calls(), std::vector<std::string>{"diagTriggerStartUpdate(X,0)"});
+  EXPECT_TRUE(dm_->calls().empty());
+}
+
+TEST_F(MultiplexerTest, LumEventsEnterThroughTheVirtualOperations) {
+  auto mux = wired();
+  routine_->connects = false;
+  messwert_->connects = true;
+  log_->clear();
+  EXPECT_TRUE(mux->initInterfaces());
+  EXPECT_TRUE(log_->contains("LUM init [True]"));
+  EXPECT_TRUE(log_->contains("DiagnosisRoutineCtrl init [False]"));
+  EXPECT_TRUE(log_->contains("DiagnosisMesswert init [True]"));
+
+  ASSERT_TRUE(mux->requestExclusiveControl(ACTIVE_USB, false));
+  DiagLocalUpdateManagerControlClient& client = lum_->client();
+  lum11::DT_uuid id{};
+  id[15] = 4;
+  client.signalEventConnection(false);
+  client.signalEventDomainReadyForDownloadNotification(2, lum11::ReadyForDownloadInfo{});
+  client.signalEventDomainReadyForUpdateNotification(3, lum11::ReadyForUpdateInfo{});
+  client.signalEventDomainUpdateFinishedNotification(1);
+  client.signalEventDomainOffTimeNotification(4, 30);
+  client.signalEventDebugMessageNotification(6, "id", "text");
+  client.signalEventResolveUpdateURLRequest({"one"}, lum11::CM_FileType{}, id);
+  client.signalEventDomainErrorNotification(5, 77);
+  lum_->signalEventInternal(1);
+  EXPECT_EQ(usb_->calls(), (std::vector<std::string>{
+                               "connection(false)", "readyForDownload(2)", "readyForUpdate(3)",
+                               "finished(1)", "offTime(4,30)", "debug(6,id,text)", "resolve(1,4)",
+                               "error(5,77)", "internal(1)"}));
+  EXPECT_EQ(mux->interceptedErrors, 1);
+  EXPECT_TRUE(dm_->calls().empty());
+}
+
+}  // namespace
+}  // namespace orv
