@@ -1,0 +1,273 @@
+// The client against a real version-11 service: two SOME/IP runtimes in one process ("lum-sim"
+// offering through a Skeleton, "orvane" with the client), inside a private network namespace.
+// Discovery, calls with their outputs, the answer limit of startDomainUpdateDownload, event relay,
+// loss and return of the service. Real time: every wait is a bounded hang guard, never a measure.
+#include "interfaces/lum/diag_local_update_manager_control_client.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "interfaces/lum/lum_catalog.h"
+#include "minfw/str.h"
+#include "minfw/testing/capture_sink.h"
+#include "platform/middleware/skeleton.h"
+#include "platform/someip/config.h"
+#include "platform/someip/runtime.h"
+
+namespace orv {
+namespace {
+
+namespace mw = platform::middleware;
+namespace methods = lum11::methods;
+namespace events = lum11::events;
+using kel::vxp3::minfw::cat;
+using kel::vxp3::minfw::testing::ScopedLogCapture;
+using Client = DiagLocalUpdateManagerControlClient;
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 20s;
+
+// What the client's slots saw, as text, in order.
+class Inbox {
+ public:
+  void add(std::string entry) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      entries_.push_back(std::move(entry));
+    }
+    cv_.notify_all();
+  }
+  // Waits until `entry` has arrived `times` times in all.
+  bool waitFor(const std::string& entry, std::size_t times = 1,
+               std::chrono::milliseconds limit = kPatience) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, limit, [&] { return countLocked(entry) >= times; });
+  }
+  std::size_t count(const std::string& entry) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return countLocked(entry);
+  }
+
+ private:
+  std::size_t countLocked(const std::string& entry) const {
+    std::size_t n = 0;
+    for (const auto& e : entries_)
+      n += e == entry;
+    return n;
+  }
+  std::mutex mutex_;  // guards entries_
+  std::condition_variable cv_;
+  std::vector<std::string> entries_;
+};
+
+// Holds the promises of startDomainUpdateDownload so that it is answered late (or never).
+class HeldAnswers {
+ public:
+  mw::Future<methods::StartDomainUpdateDownload::Output> hold() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    promises_.emplace_back();
+    return promises_.back().get_future();
+  }
+  void release() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& p : promises_)
+      p.set_value({});
+    promises_.clear();
+  }
+
+ private:
+  std::mutex mutex_;  // guards promises_
+  std::vector<mw::Promise<methods::StartDomainUpdateDownload::Output>> promises_;
+};
+
+void bindSlots(Client& client, Inbox& inbox) {
+  client.signalEventConnection = [&inbox](bool up) { inbox.add(cat("connection:", up)); };
+  client.signalEventDomainReadyForDownloadNotification =
+      [&inbox](uint16_t id, const lum11::ReadyForDownloadInfo& info) {
+        inbox.add(
+            cat("readyForDownload:", id, ":", info.installationTime, ":", info.downloadDataSize));
+      };
+  client.signalEventDomainReadyForUpdateNotification = [&inbox](
+                                                           uint16_t id,
+                                                           const lum11::ReadyForUpdateInfo& info) {
+    inbox.add(cat("readyForUpdate:", id, ":", info.installationTime, ":", info.downloadedDataSize));
+  };
+  // signalEventDomainUpdateFinishedNotification stays unbound on purpose.
+  client.signalEventDomainOffTimeNotification = [&inbox](uint16_t id, uint16_t timeout) {
+    inbox.add(cat("offTime:", id, ":", timeout));
+  };
+  client.signalEventDebugMessageNotification = [&inbox](uint16_t id, const std::string& key,
+                                                        const std::string& text) {
+    inbox.add(cat("debug:", id, ":", key, ":", text));
+  };
+  client.signalEventResolveUpdateURLRequest =
+      [&inbox](const lum11::resolveUpdateURLRequest_fileNames& names, lum11::CM_FileType type,
+               const lum11::DT_uuid& uuid) {
+        std::string joined;
+        for (const auto& n : names)
+          joined += n + ";";
+        inbox.add(cat("resolve:", joined, ":", type, ":", uuid[0], "-", uuid[15]));
+      };
+  client.signalEventDomainErrorNotification = [&inbox](uint16_t id, uint32_t code) {
+    inbox.add(cat("error:", id, ":", code));
+  };
+}
+
+void serve(mw::Skeleton& skeleton, HeldAnswers& held) {
+  skeleton.handle<methods::CreateDomainUpdateSession>(
+      [](const methods::CreateDomainUpdateSession::Input& in) {
+        methods::CreateDomainUpdateSession::Output out;
+        const bool complete = in.accessID == "NODBOX-USB" && in.manifestInformation.size() == 1 &&
+                              in.downloadSource.baseURL == "http://medium/" &&
+                              in.diagnosticAddress.diagnosticAddresses.size() == 2;
+        out.returnStatus =
+            complete ? lum11::CM_ReturnStatus::ok : lum11::CM_ReturnStatus::invalidParameters;
+        out.domainRepairInstructionID = static_cast<uint16_t>(in.vehicleRepairInstructionID + 1);
+        return mw::Future<methods::CreateDomainUpdateSession::Output>::ready(out);
+      });
+  skeleton.handle<methods::GetDomainUpdateResult>(
+      [](const methods::GetDomainUpdateResult::Input& in) {
+        methods::GetDomainUpdateResult::Output out;
+        out.domainResult.sessionStatus = lum11::CM_SessionStatus::reverted;
+        out.domainResult.resultCode = in.domainRepairInstructionID * 1000u;
+        out.domainResult.errorDetails = "details of " + in.accessID;
+        out.domainResult.retries = 3;
+        out.domainResult.safetyValidationResult.status = lum11::CM_ValidationStatus::error;
+        out.returnStatus = lum11::CM_ReturnStatus::invalidState;
+        return mw::Future<methods::GetDomainUpdateResult::Output>::ready(out);
+      });
+  skeleton.handle<methods::StartDomainUpdateDownload>(
+      [&held](const methods::StartDomainUpdateDownload::Input&) { return held.hold(); });
+}
+
+// Sends domainErrorNotification until one reaches the slot: the client subscribes that event
+// last, so from then on every event has its receive handler.
+bool awaitEventFlow(mw::Skeleton& skeleton, Inbox& inbox, uint16_t probe) {
+  const std::string expected = cat("error:", probe, ":7");
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (std::chrono::steady_clock::now() < deadline) {
+    skeleton.send<events::DomainErrorNotification>({probe, 7});
+    if (inbox.waitFor(expected, 1, 100ms))
+      return true;
+  }
+  return false;
+}
+
+TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
+  platform::someip::HostConfig config;
+  std::string error;
+  ASSERT_TRUE(
+      platform::someip::loadHostConfig(ORVANE_SOURCE_DIR "/config/host.json", config, error))
+      << error;
+  auto lum = platform::someip::Runtime::start(config, "lum-sim", error);
+  ASSERT_TRUE(lum) << error;
+  auto orvane = platform::someip::Runtime::start(config, "orvane", error);
+  ASSERT_TRUE(orvane) << error;
+  auto created = mw::Skeleton::Create(lum::kInterfaceV11, mw::InstanceSpecifier("1"), lum.get());
+  ASSERT_TRUE(created);
+  std::unique_ptr<mw::Skeleton> skeleton = std::move(created).value();
+  HeldAnswers held;
+  serve(*skeleton, held);
+
+  ScopedLogCapture capture;
+  Inbox inbox;
+  auto client = std::make_unique<Client>(orvane.get());
+  bindSlots(*client, inbox);
+  ASSERT_TRUE(client->init("1"));
+  EXPECT_TRUE(capture->contains("Connecting to [1]"));
+  ASSERT_TRUE(skeleton->OfferService());
+
+  // Discovery.
+  ASSERT_TRUE(inbox.waitFor("connection:true"));
+  EXPECT_TRUE(capture->contains("DiagLocalUpdateManagerControlClient connected!"));
+  EXPECT_TRUE(client->connected());
+
+  // A round trip with inputs delivered and outputs copied.
+  Client::CreateDomainUpdateSessionOutput session;
+  lum11::DownloadSource source;
+  source.baseURL = "http://medium/";
+  lum11::createDomainUpdateSession_diagnosticAddress addresses;
+  addresses.diagnosticAddresses = {0x1a01, 0x1a02};
+  ASSERT_TRUE(client->createDomainUpdateSession(
+      "NODBOX-USB", 41, "order", {{"key", "manifest.mose", {}}}, {}, source, addresses,
+      lum11::CM_SessionType::localUpdate, session));
+  EXPECT_EQ(session.returnStatus, lum11::CM_ReturnStatus::ok);
+  EXPECT_EQ(session.domainRepairInstructionID, 42);
+  EXPECT_TRUE(capture->contains("manifestType:key manifestLink:manifest.mose"));
+  EXPECT_TRUE(capture->contains("diagnosticAddress=[0x1a01, 0x1a02]"));
+
+  Client::getDomainUpdateResultOutput result;
+  ASSERT_TRUE(client->getDomainUpdateResult("NODBOX-USB", 42, result));
+  EXPECT_EQ(result.returnStatus, lum11::CM_ReturnStatus::invalidState);
+  EXPECT_EQ(result.domainResult.sessionStatus, lum11::CM_SessionStatus::reverted);
+  EXPECT_EQ(result.domainResult.resultCode, 42000u);
+  EXPECT_EQ(result.domainResult.errorDetails, "details of NODBOX-USB");
+  EXPECT_EQ(result.domainResult.retries, 3);
+  EXPECT_EQ(result.domainResult.safetyValidationResult.status, lum11::CM_ValidationStatus::error);
+  EXPECT_TRUE(capture->contains("<=="));
+
+  // startDomainUpdateDownload gives the LUM 1000 ms; this answer comes only afterwards.
+  Client::StartDomainUpdateDownloadOutput download;
+  EXPECT_FALSE(client->startDomainUpdateDownload("NODBOX-USB", 42, download));
+  EXPECT_TRUE(capture->contains("awaiting answer within 1000 milliseconds..."));
+  EXPECT_TRUE(capture->contains("timeout"));
+  EXPECT_TRUE(capture->contains("no answer!"));
+  held.release();
+
+  // Events reach their slots with their fields; an unbound slot is reported, the rest relay.
+  ASSERT_TRUE(awaitEventFlow(*skeleton, inbox, 1));
+  skeleton->send<events::DomainReadyForDownloadNotification>({{120, 5000000000}, 42});
+  skeleton->send<events::DomainReadyForUpdateNotification>({{240, 6000000000}, 42});
+  skeleton->send<events::DomainUpdateFinishedNotification>({42});
+  skeleton->send<events::DomainOffTimeNotification>({42, 600});
+  skeleton->send<events::DebugMessageNotification>({{42, "dbg-1", "flash step 3"}});
+  lum11::DT_uuid uuid{};
+  uuid[0] = 0xab;
+  uuid[15] = 0xcd;
+  skeleton->send<events::ResolveUpdateURLRequest>(
+      {{"a.bin", "b.bin"}, lum11::CM_FileType::manifest, uuid});
+  EXPECT_TRUE(inbox.waitFor("readyForDownload:42:120:5000000000"));
+  EXPECT_TRUE(inbox.waitFor("readyForUpdate:42:240:6000000000"));
+  EXPECT_TRUE(inbox.waitFor("offTime:42:600"));
+  EXPECT_TRUE(inbox.waitFor("debug:42:dbg-1:flash step 3"));
+  EXPECT_TRUE(
+      inbox.waitFor(cat("resolve:a.bin;b.bin;:", lum11::CM_FileType::manifest, ":171-205")));
+  // Events of one connection are relayed in order: the off-time event came after it.
+  EXPECT_EQ(capture->count("signalEventDomainUpdateFinishedNotification not bound!"), 1u);
+  EXPECT_TRUE(capture->contains("<~~"));
+
+  // The service goes away: false is reported and the old proxy stays (so no "invalid").
+  skeleton->StopOfferService();
+  ASSERT_TRUE(inbox.waitFor("connection:false"));
+  EXPECT_TRUE(capture->contains("size is 0"));
+  EXPECT_FALSE(client->connected());
+  capture->clear();
+  client->startDomainUpdateDownload("NODBOX-USB", 42, download);
+  EXPECT_FALSE(capture->contains("m_proxy is invalid!"));
+  held.release();
+
+  // It comes back: a new proxy, and events flow through it again.
+  ASSERT_TRUE(skeleton->OfferService());
+  ASSERT_TRUE(inbox.waitFor("connection:true", 2));
+  EXPECT_TRUE(capture->contains("Creating proxy for DiagLocalUpdateManagerControlClient"));
+  EXPECT_TRUE(client->connected());
+  EXPECT_TRUE(awaitEventFlow(*skeleton, inbox, 2));
+  skeleton->send<events::DomainOffTimeNotification>({43, 60});
+  EXPECT_TRUE(inbox.waitFor("offTime:43:60"));
+
+  client.reset();
+  held.release();
+  skeleton.reset();
+  orvane.reset();
+  lum.reset();
+}
+
+}  // namespace
+}  // namespace orv
