@@ -11,12 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "logic/multiplexer.h"
 #include "logic/persistence.h"
 #include "minfw/clock.h"
 #include "minfw/console_sink.h"
 #include "minfw/keltrace_sink.h"
 #include "minfw/log.h"
 #include "platform/framework/framework.h"
+#include "platform/middleware/binding.h"
+#include "platform/someip/config.h"
+#include "platform/someip/runtime.h"
 
 namespace {
 
@@ -29,6 +33,25 @@ constexpr const char* kPersistenceFile = "persistence.json";
 std::string persistenceDir() {
   const char* dir = std::getenv("ORVANE_PERSISTENCE_DIR");
   return dir && *dir ? dir : kDefaultPersistenceDir;
+}
+
+// The SOME/IP binding of this process, from the host configuration, as the middleware's default.
+// Without it the service still runs; its LUM client then never finds the LUM and says so.
+std::unique_ptr<platform::someip::Runtime> startMiddleware() {
+  const std::string path = platform::someip::hostConfigPath();
+  platform::someip::HostConfig config;
+  std::string error;
+  if (!platform::someip::loadHostConfig(path, config, error)) {
+    MLOG_ERROR("GLOBAL", "Middleware configuration not loaded: ", error);
+    return nullptr;
+  }
+  auto runtime = platform::someip::Runtime::start(config, "orvane", error);
+  if (!runtime) {
+    MLOG_ERROR("GLOBAL", "Middleware binding not started: ", error);
+    return nullptr;
+  }
+  platform::middleware::setDefaultBinding(runtime.get());
+  return runtime;
 }
 
 }  // namespace
@@ -57,7 +80,13 @@ int main(int argc, char** argv) {
 
     MLOG_INFO("GLOBAL", ">>>>>>>>>>>>    LumOrvane (", buildId, ")   <<<<<<<<<<<<<<");
 
+    const std::unique_ptr<platform::someip::Runtime> middleware = startMiddleware();
+
     auto persistence = std::make_shared<orv::Persistence>(persistenceDir(), kPersistenceFile);
+    orv::Multiplexer multiplexer(persistence);
+    (void)multiplexer.createInterfaces();
+    (void)multiplexer.initBindings();
+    (void)multiplexer.initInterfaces();
 
     for (;;)
       minfw::sleepMs(5000);

@@ -170,7 +170,8 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   ASSERT_TRUE(lum) << error;
   auto orvane = platform::someip::Runtime::start(config, "orvane", error);
   ASSERT_TRUE(orvane) << error;
-  auto created = mw::Skeleton::Create(lum::kInterfaceV11, mw::InstanceSpecifier("1"), lum.get());
+  auto created =
+      mw::Skeleton::Create(lum::kInterfaceV11, mw::InstanceSpecifier("12233"), lum.get());
   ASSERT_TRUE(created);
   std::unique_ptr<mw::Skeleton> skeleton = std::move(created).value();
   HeldAnswers held;
@@ -180,8 +181,8 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   Inbox inbox;
   auto client = std::make_unique<Client>(orvane.get());
   bindSlots(*client, inbox);
-  ASSERT_TRUE(client->init("1"));
-  EXPECT_TRUE(capture->contains("Connecting to [1]"));
+  ASSERT_TRUE(client->init("12233"));
+  EXPECT_TRUE(capture->contains("Connecting to [12233]"));
   ASSERT_TRUE(skeleton->OfferService());
 
   // Discovery.
