@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 #include <regex>
 #include <string>
 
@@ -16,6 +17,14 @@ namespace {
 
 using kel::vxp3::minfw::testing::TempDir;
 using std::chrono::seconds;
+
+// orvane in a private network of its own: its service discovery must not meet other test runs.
+bool startOrvane(ChildProcess& child, const std::vector<std::string>& args,
+                 const std::map<std::string, std::string>& env) {
+  std::vector<std::string> all{"--", ORVANE_BIN};
+  all.insert(all.end(), args.begin(), args.end());
+  return child.start(ORVANE_SOURCE_DIR "/scripts/netns-run", all, env);
+}
 
 // One banner line of the console sink: green, time, name, location, the banner, colour reset.
 const std::regex kBanner(
@@ -40,7 +49,7 @@ TEST(StartupTest, ConsoleOptionSelectsTheConsoleSink) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
     ChildProcess orvane;
-    ASSERT_TRUE(orvane.start(ORVANE_BIN, row.args, {{"ORVANE_PERSISTENCE_DIR", dir.path()}}));
+    ASSERT_TRUE(startOrvane(orvane, row.args, {{"ORVANE_PERSISTENCE_DIR", dir.path()}}));
     if (row.console) {
       ASSERT_TRUE(orvane.waitForOutput("<<<<<<<<<<<<<<", seconds(20))) << orvane.output();
       const std::string out = orvane.output();
@@ -66,8 +75,8 @@ TEST(StartupTest, MissingPersistenceDirectoryExitsWithStatusOne) {
   for (const bool console : {true, false}) {
     SCOPED_TRACE(console ? "console sink" : "trace sink");
     ChildProcess orvane;
-    ASSERT_TRUE(orvane.start(
-        ORVANE_BIN, console ? std::vector<std::string>{"-console"} : std::vector<std::string>{},
+    ASSERT_TRUE(startOrvane(
+        orvane, console ? std::vector<std::string>{"-console"} : std::vector<std::string>{},
         {{"ORVANE_PERSISTENCE_DIR", missing}}));
     EXPECT_EQ(orvane.wait(seconds(20)), 1);
     const std::string text = "Persistence directory does not exist [" + missing + "]!";
