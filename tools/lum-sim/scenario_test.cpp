@@ -1,0 +1,143 @@
+// Scenario files: a full file is read into every field; a bad file is refused as a whole with a
+// message that names the file and the key.
+#include "scenario.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "minfw/testing/capture_sink.h"
+#include "minfw/testing/temp_dir.h"
+
+namespace lumsim {
+namespace {
+
+using kel::vxp3::minfw::testing::ScopedLogCapture;
+using kel::vxp3::minfw::testing::TempDir;
+using kel::vxp3::minfw::testing::writeFile;
+
+TEST(ScenarioTest, FullFileIsReadIntoEveryField) {
+  TempDir dir;
+  const std::string path = dir.file("scenario.json");
+  writeFile(path, R"({"sessions": [
+    {"analyseMs": 10, "downloadMs": 20, "installMs": 30, "cancelMs": 40, "totalBytes": 5000000000,
+     "installationTime": 99, "packages": ["x.pkg"],
+     "events": {"domainUpdateFinishedNotification": false},
+     "busy": {"startDomainUpdate": 3},
+     "delay": {"startDomainUpdateDownload": {"ms": 1500, "calls": 1}},
+     "error": {"phase": "updating", "afterMs": 5, "code": 1234},
+     "result": {"sessionStatus": 3, "resultCode": 1234, "errorDetails": "flash",
+                "errorCategories": 2, "retries": 1,
+                "integrityValidationResult": {"status": 3, "resultCode": 8, "errorDetails": "crc"},
+                "safetyValidationResult": {"status": 2}},
+     "resolveUrl": {"phase": "downloading", "fileNames": ["a.bin"], "fileType": 1,
+                    "holdUntilAnswered": true},
+     "stopOffer": {"phase": "verifying", "afterMs": 1, "durationMs": 2000},
+     "crash": {"phase": "downloadFinished", "exitCode": 9},
+     "preconditionResult": "ignition on"},
+    {}
+  ]})");
+  const ScenarioResult r = loadScenario(path);
+  ASSERT_TRUE(r.scenario) << r.error;
+  ASSERT_EQ(r.scenario->sessions.size(), 2u);
+  const SessionScript& s = r.scenario->sessions[0];
+  EXPECT_EQ(s.analyseMs, 10);
+  EXPECT_EQ(s.downloadMs, 20);
+  EXPECT_EQ(s.installMs, 30);
+  EXPECT_EQ(s.cancelMs, 40);
+  EXPECT_EQ(s.totalBytes, 5000000000);
+  EXPECT_EQ(s.installationTime, 99u);
+  EXPECT_EQ(s.packages, std::vector<std::string>{"x.pkg"});
+  EXPECT_FALSE(s.sends("domainUpdateFinishedNotification"));
+  EXPECT_TRUE(s.sends("domainErrorNotification"));
+  EXPECT_EQ(s.busy.at("startDomainUpdate"), 3u);
+  EXPECT_EQ(s.delays.at("startDomainUpdateDownload").ms, 1500);
+  EXPECT_EQ(s.delays.at("startDomainUpdateDownload").calls, 1u);
+  ASSERT_TRUE(s.error);
+  EXPECT_EQ(s.error->at.phase, Phase::updating);
+  EXPECT_EQ(s.error->at.afterMs, 5);
+  EXPECT_EQ(s.error->code, 1234u);
+  ASSERT_TRUE(s.result);
+  EXPECT_EQ(s.result->sessionStatus, lum11::CM_SessionStatus::error);
+  EXPECT_EQ(s.result->errorCategories, 2);
+  EXPECT_EQ(s.result->integrityValidationResult.status, lum11::CM_ValidationStatus::failed);
+  EXPECT_EQ(s.result->integrityValidationResult.errorDetails, "crc");
+  EXPECT_EQ(s.result->safetyValidationResult.status, lum11::CM_ValidationStatus::successful);
+  ASSERT_TRUE(s.resolveUrl);
+  EXPECT_EQ(s.resolveUrl->fileNames, std::vector<std::string>{"a.bin"});
+  EXPECT_EQ(s.resolveUrl->fileType, lum11::CM_FileType::manifest);
+  EXPECT_TRUE(s.resolveUrl->holdUntilAnswered);
+  ASSERT_TRUE(s.stopOffer);
+  EXPECT_EQ(s.stopOffer->durationMs, 2000);
+  ASSERT_TRUE(s.crash);
+  EXPECT_EQ(s.crash->at.phase, Phase::downloadFinished);
+  EXPECT_EQ(s.crash->exitCode, 9);
+  EXPECT_EQ(s.preconditionResult, "ignition on");
+  // An empty entry is the clean default; sessions past the list follow the last entry.
+  EXPECT_FALSE(r.scenario->forSession(1).error);
+  EXPECT_EQ(&r.scenario->forSession(5), &r.scenario->sessions[1]);
+}
+
+TEST(ScenarioTest, BadFilesAreRefusedNamingFileAndKey) {
+  struct Row {
+    const char* text;
+    const char* message;
+  };
+  const std::vector<Row> rows{
+      {R"([])", "scenario.json: expected an object"},
+      {R"({"session": []})", "scenario.json: session: unknown key"},
+      {R"({"sessions": []})",
+       "scenario.json: sessions: expected a non-empty array of session objects"},
+      {R"({"sessions": {}})",
+       "scenario.json: sessions: expected a non-empty array of session objects"},
+      {R"({"sessions": [3]})", "scenario.json: sessions[0]: expected an object"},
+      {R"({"sessions": [{"busy": {"startDomainUpdate": -1}}]})",
+       "scenario.json: sessions[0].busy.startDomainUpdate: expected a non-negative integer"},
+      {R"({"sessions": [{"busy": {"startDomainUpdate": "2"}}]})",
+       "scenario.json: sessions[0].busy.startDomainUpdate: expected a non-negative integer"},
+      {R"({"sessions": [{"busy": {"startUpdate": 2}}]})",
+       "scenario.json: sessions[0].busy.startUpdate: unknown key"},
+      {R"({"sessions": [{}, {"downloadMs": 1.5}]})",
+       "scenario.json: sessions[1].downloadMs: expected a non-negative integer"},
+      {R"({"sessions": [{"events": {"domainErrorNotification": 0}}]})",
+       "scenario.json: sessions[0].events.domainErrorNotification: expected true or false"},
+      {R"({"sessions": [{"packages": []}]})",
+       "scenario.json: sessions[0].packages: expected at least one package name"},
+      {R"({"sessions": [{"packages": ["a", 2]}]})",
+       "scenario.json: sessions[0].packages[1]: expected a string"},
+      {R"({"sessions": [{"error": {"code": 5}}]})",
+       "scenario.json: sessions[0].error.phase: missing"},
+      {R"({"sessions": [{"error": {"phase": "flashing", "code": 5}}]})",
+       "scenario.json: sessions[0].error.phase: expected one of verifying, verificationFinished, "
+       "downloading, downloadFinished, updating"},
+      {R"({"sessions": [{"error": {"phase": "updating", "code": 4294967296}}]})",
+       "scenario.json: sessions[0].error.code: expected an integer 0..4294967295"},
+      {R"({"sessions": [{"crash": {"phase": "updating", "exitCode": 256}}]})",
+       "scenario.json: sessions[0].crash.exitCode: expected an integer 0..255"},
+      {R"({"sessions": [{"delay": {"startDomainUpdateDownload": 1500}}]})",
+       "scenario.json: sessions[0].delay.startDomainUpdateDownload: expected an object"},
+      {R"({"sessions": [{"result": {"integrityValidationResult": {"state": 1}}}]})",
+       "scenario.json: sessions[0].result.integrityValidationResult.state: unknown key"},
+      {R"({"sessions": [{"resolveUrl": {"phase": "downloading", "fileNames": "a.bin"}}]})",
+       "scenario.json: sessions[0].resolveUrl.fileNames: expected an array of strings"},
+      {R"({"sessions": [{"analyseMs": 10)",
+       "scenario.json: not valid JSON (the parser's message is in the log)"},
+      {R"({"sessions": [{"analyseMs": 1O}]})",
+       "scenario.json: not valid JSON (the parser's message is in the log)"},
+      {"", "scenario.json: not valid JSON (the parser's message is in the log)"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    ScopedLogCapture capture;  // the parser's own messages stay out of the test output
+    const ScenarioResult r = parseScenario(row.text, "scenario.json");
+    EXPECT_FALSE(r.scenario);
+    EXPECT_EQ(r.error, row.message);
+  }
+  const ScenarioResult missing = loadScenario("/nonexistent/lum.json");
+  EXPECT_FALSE(missing.scenario);
+  EXPECT_EQ(missing.error, "/nonexistent/lum.json: cannot be read");
+}
+
+}  // namespace
+}  // namespace lumsim

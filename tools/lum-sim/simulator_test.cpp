@@ -1,0 +1,557 @@
+// The simulated LUM in virtual time: session progression, scripted busy and late answers,
+// withheld events, errors, cancel, URL requests and loss of the service.
+#include "simulator.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "interfaces/lum/lum_names.h"
+#include "minfw/str.h"
+#include "minfw/testing/capture_sink.h"
+#include "minfw/testing/simulated_clock.h"
+
+namespace lumsim {
+namespace {
+
+using kel::vxp3::minfw::cat;
+using kel::vxp3::minfw::ScopedClock;
+using kel::vxp3::minfw::testing::ScopedLogCapture;
+using kel::vxp3::minfw::testing::SimulatedClock;
+using State = lum11::CM_CurrentProcessingState;
+using Status = lum11::CM_ReturnStatus;
+
+constexpr const char* kClient = "NODBOX-USB";
+constexpr uint16_t kRiid = 7;
+
+// One simulator on a manual virtual clock, with every output written down as text.
+class Rig {
+ public:
+  explicit Rig(SessionScript script = {})
+      : scoped_(clock_), script_(script), sim_(scenarioOf(script), outputs()) {}
+
+  static Scenario scenarioOf(const SessionScript& script) {
+    Scenario s;
+    s.sessions = {script};
+    return s;
+  }
+
+  LumSimulator& sim() { return sim_; }
+  ScopedLogCapture& log() { return capture_; }
+  std::vector<std::string>& seen() { return seen_; }
+
+  // Moves time without polling: the next call has to play what came due.
+  void advanceOnly(int64_t ms) { clock_.advance(std::chrono::milliseconds(ms)); }
+  void advance(int64_t ms) {
+    clock_.advance(std::chrono::milliseconds(ms));
+    sim_.poll();
+  }
+  Status create(uint16_t riid = kRiid) {
+    methods::CreateDomainUpdateSession::Input in;
+    in.accessID = kClient;
+    in.vehicleRepairInstructionID = riid;
+    in.diagnosticAddress.diagnosticAddresses = {0x1a01, 0x1a02};
+    return sim_.createDomainUpdateSession(in).output.returnStatus;
+  }
+  State state() {
+    return sim_.getDomainUpdateSessionState(session()).output.currentProcessingState;
+  }
+  static methods::SessionInput session() { return {kClient, kRiid}; }
+
+  // Create, analyse, download: the session ends in downloadFinished.
+  void toDownloadFinished() {
+    ASSERT_EQ(create(), Status::ok);
+    advance(sim_analyse());
+    ASSERT_EQ(sim_.startDomainUpdateDownload(session()).output.returnStatus, Status::ok);
+    advance(script_.downloadMs);
+  }
+
+ private:
+  int64_t sim_analyse() const { return script_.analyseMs; }
+  SimulatorOutputs outputs() {
+    SimulatorOutputs o;
+    o.readyForDownload = [this](const lum11::ReadyForDownloadInfo& i, uint16_t id) {
+      seen_.push_back(
+          cat("readyForDownload:", id, ":", i.installationTime, ":", i.downloadDataSize));
+    };
+    o.readyForUpdate = [this](const lum11::ReadyForUpdateInfo& i, uint16_t id) {
+      seen_.push_back(
+          cat("readyForUpdate:", id, ":", i.installationTime, ":", i.downloadedDataSize));
+    };
+    o.updateFinished = [this](uint16_t id) { seen_.push_back(cat("updateFinished:", id)); };
+    o.error = [this](uint16_t id, uint32_t code) { seen_.push_back(cat("error:", id, ":", code)); };
+    o.resolveUrl = [this](const lum11::resolveUpdateURLRequest_fileNames& names,
+                          lum11::CM_FileType type, const lum11::DT_uuid& uuid) {
+      lastUuid = uuid;
+      seen_.push_back(cat("resolve:", names.size(), ":", static_cast<int>(type)));
+    };
+    o.stopOffer = [this] { seen_.push_back("stopOffer"); };
+    o.offer = [this] { seen_.push_back("offer"); };
+    o.crash = [this](int code) { seen_.push_back(cat("crash:", code)); };
+    return o;
+  }
+
+  ScopedLogCapture capture_;  // keeps the simulator's lines out of the test output
+  SimulatedClock clock_{SimulatedClock::Mode::kManual};
+  ScopedClock scoped_;
+  SessionScript script_;
+  std::vector<std::string> seen_;
+  LumSimulator sim_;
+
+ public:
+  lum11::DT_uuid lastUuid{};
+};
+
+// Every session-addressed operation by name, reduced to its return status.
+Status callByName(LumSimulator& sim, const std::string& op) {
+  const methods::SessionInput in = Rig::session();
+  if (op == "createDomainUpdateSession") {
+    methods::CreateDomainUpdateSession::Input c;
+    c.accessID = kClient;
+    c.vehicleRepairInstructionID = kRiid;
+    return sim.createDomainUpdateSession(c).output.returnStatus;
+  }
+  if (op == "getDomainUpdateSessionState")
+    return sim.getDomainUpdateSessionState(in).output.returnStatus;
+  if (op == "startDomainUpdateDownload")
+    return sim.startDomainUpdateDownload(in).output.returnStatus;
+  if (op == "getDomainUpdateDownloadProgress")
+    return sim.getDomainUpdateDownloadProgress(in).output.returnStatus;
+  if (op == "startDomainUpdate")
+    return sim.startDomainUpdate(in).output.returnStatus;
+  if (op == "getDomainUpdateProgress")
+    return sim.getDomainUpdateProgress(in).output.returnStatus;
+  if (op == "cancelDomainUpdate")
+    return sim.cancelDomainUpdate(in).output.returnStatus;
+  if (op == "getDomainUpdateResult")
+    return sim.getDomainUpdateResult(in).output.returnStatus;
+  if (op == "closeDomainUpdateSession")
+    return sim.closeDomainUpdateSession(in).output.returnStatus;
+  if (op == "checkProgrammingPreconditions")
+    return sim.checkProgrammingPreconditions(in).output.returnStatus;
+  ADD_FAILURE() << "no such operation in the test: " << op;
+  return Status::internalError;
+}
+
+TEST(LumSimulatorTest, CleanSessionRunsThroughEveryState) {
+  Rig rig;
+  ASSERT_EQ(rig.create(), Status::ok);
+  struct Step {
+    const char* what;
+    int64_t advanceMs;
+    std::function<void(LumSimulator&)> call;
+    State state;
+    std::vector<std::string> seen;  // all outputs so far
+  };
+  const std::string rfd = "readyForDownload:7:120:4194304";
+  const std::string rfu = "readyForUpdate:7:120:4194304";
+  const std::vector<Step> steps{
+      {"analysis is still running 1 ms before its end", 999, nullptr, State::verifying, {}},
+      {"the analysis ends exactly on time and announces the download",
+       1,
+       nullptr,
+       State::verificationFinished,
+       {rfd}},
+      {"waiting does not start the download", 5000, nullptr, State::verificationFinished, {rfd}},
+      {"the download starts on request",
+       0,
+       [](LumSimulator& s) {
+         EXPECT_EQ(s.startDomainUpdateDownload(Rig::session()).output.returnStatus, Status::ok);
+       },
+       State::downloading,
+       {rfd}},
+      {"half way: half the bytes, second of two packages",
+       1000,
+       [](LumSimulator& s) {
+         const auto p = s.getDomainUpdateDownloadProgress(Rig::session()).output;
+         EXPECT_EQ(p.processedBytes, 2097152);
+         EXPECT_EQ(p.totalBytes, 4194304);
+         EXPECT_EQ(p.currentPackageNumber, 2u);
+         EXPECT_EQ(p.totalPackageNumber, 2u);
+         EXPECT_EQ(p.packageName, "domain-boot.pkg");
+         EXPECT_EQ(p.downloadRate, 2097152);
+       },
+       State::downloading,
+       {rfd}},
+      {"the download ends and announces the update",
+       1000,
+       nullptr,
+       State::downloadFinished,
+       {rfd, rfu}},
+      {"the update starts on request",
+       0,
+       [](LumSimulator& s) {
+         EXPECT_EQ(s.startDomainUpdate(Rig::session()).output.returnStatus, Status::ok);
+       },
+       State::updating,
+       {rfd, rfu}},
+      {"a quarter of the installation",
+       500,
+       [](LumSimulator& s) {
+         const auto p = s.getDomainUpdateProgress(Rig::session()).output;
+         EXPECT_EQ(p.processedBytes, 1048576);
+         EXPECT_EQ(p.currentPackageNumber, 1u);
+         EXPECT_EQ(p.packageName, "domain-app.pkg");
+       },
+       State::updating,
+       {rfd, rfu}},
+      {"one late poll plays the end at its own time and announces it",
+       10000,
+       [](LumSimulator& s) {
+         const auto r = s.getDomainUpdateResult(Rig::session()).output;
+         EXPECT_EQ(r.returnStatus, Status::ok);
+         EXPECT_EQ(r.domainResult.sessionStatus, lum11::CM_SessionStatus::successful);
+         EXPECT_EQ(r.domainResult.integrityValidationResult.status,
+                   lum11::CM_ValidationStatus::successful);
+       },
+       State::successfulFinished,
+       {rfd, rfu, "updateFinished:7"}},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    rig.advance(step.advanceMs);
+    if (step.call)
+      step.call(rig.sim());
+    EXPECT_EQ(rig.state(), step.state) << toString(rig.state());
+    EXPECT_EQ(rig.seen(), step.seen);
+  }
+  EXPECT_EQ(rig.sim().closeDomainUpdateSession(Rig::session()).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim().getDomainUpdateSessionState(Rig::session()).output.returnStatus,
+            Status::invalidState);
+  EXPECT_TRUE(rig.log()->contains("session 7: successfulFinished"));
+  // A new session may follow the closed one.
+  EXPECT_EQ(rig.create(8), Status::ok);
+}
+
+TEST(LumSimulatorTest, BusyAnswersPerOperation) {
+  struct Row {
+    const char* op;
+    uint32_t busy;
+    bool needsSession;  // false: called before any session exists
+  };
+  const std::vector<Row> rows{
+      {"createDomainUpdateSession", 3, false}, {"getDomainUpdateSessionState", 2, true},
+      {"startDomainUpdateDownload", 4, true},  {"checkProgrammingPreconditions", 1, true},
+      {"closeDomainUpdateSession", 2, true},   {"getDomainUpdateResult", 0, true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.op);
+    SessionScript script;
+    script.busy[row.op] = row.busy;
+    script.analyseMs = 0;  // startDomainUpdateDownload is in order at once
+    Rig rig(script);
+    if (row.needsSession) {
+      ASSERT_EQ(rig.create(), Status::ok);
+      rig.advance(0);
+    }
+    for (uint32_t i = 0; i < row.busy; ++i)
+      EXPECT_EQ(callByName(rig.sim(), row.op), Status::busy) << "call " << i + 1;
+    EXPECT_NE(callByName(rig.sim(), row.op), Status::busy);
+    EXPECT_NE(callByName(rig.sim(), row.op), Status::busy);
+  }
+  // A busy answer changes nothing: the download has not started.
+  SessionScript script;
+  script.busy["startDomainUpdateDownload"] = 1;
+  Rig rig(script);
+  ASSERT_EQ(rig.create(), Status::ok);
+  rig.advance(1000);
+  EXPECT_EQ(callByName(rig.sim(), "startDomainUpdateDownload"), Status::busy);
+  EXPECT_EQ(rig.state(), State::verificationFinished);
+}
+
+TEST(LumSimulatorTest, LateAnswersPerOperation) {
+  struct Row {
+    const char* what;
+    DelayPlan plan;
+    std::vector<int64_t> delays;  // of consecutive calls
+  };
+  const std::vector<Row> rows{
+      {"every call late", {1500, 0}, {1500, 1500, 1500}},
+      {"only the first two", {1500, 2}, {1500, 1500, 0}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    SessionScript script;
+    script.delays["getDomainUpdateSessionState"] = row.plan;
+    Rig rig(script);
+    ASSERT_EQ(rig.create(), Status::ok);
+    for (const int64_t expected : row.delays)
+      EXPECT_EQ(rig.sim().getDomainUpdateSessionState(Rig::session()).delayMs, expected);
+    EXPECT_EQ(rig.sim().getDomainUpdateResult(Rig::session()).delayMs, 0);
+  }
+}
+
+TEST(LumSimulatorTest, WithheldEventsAreNotSentButTheSessionGoesOn) {
+  const std::vector<std::string> all{"readyForDownload:7:120:4194304",
+                                     "readyForUpdate:7:120:4194304", "updateFinished:7"};
+  const std::vector<std::pair<const char*, std::size_t>> rows{
+      {"domainReadyForDownloadNotification", 0},
+      {"domainReadyForUpdateNotification", 1},
+      {"domainUpdateFinishedNotification", 2},
+  };
+  for (const auto& [event, index] : rows) {
+    SCOPED_TRACE(event);
+    SessionScript script;
+    script.events[event] = false;
+    Rig rig(script);
+    rig.toDownloadFinished();
+    ASSERT_EQ(rig.sim().startDomainUpdate(Rig::session()).output.returnStatus, Status::ok);
+    rig.advance(2000);
+    EXPECT_EQ(rig.state(), State::successfulFinished);
+    auto expected = all;
+    expected.erase(expected.begin() + static_cast<std::ptrdiff_t>(index));
+    EXPECT_EQ(rig.seen(), expected);
+  }
+}
+
+TEST(LumSimulatorTest, ScriptedErrorInEachPhase) {
+  struct Row {
+    Phase phase;
+    int64_t afterMs;
+    bool withheld;
+    std::vector<std::string> seen;
+    int64_t downloaded;  // processed bytes of the download after the error (-1: not asked)
+  };
+  const std::string rfd = "readyForDownload:7:120:4194304";
+  const std::string rfu = "readyForUpdate:7:120:4194304";
+  const std::vector<Row> rows{
+      {Phase::verifying, 500, false, {"error:7:4711"}, -1},
+      {Phase::verificationFinished, 200, false, {rfd, "error:7:4711"}, -1},
+      {Phase::downloading, 500, false, {rfd, "error:7:4711"}, 1048576},
+      {Phase::downloadFinished, 0, false, {rfd, rfu, "error:7:4711"}, 4194304},
+      {Phase::updating, 1999, false, {rfd, rfu, "error:7:4711"}, 4194304},
+      {Phase::downloading, 500, true, {rfd}, 1048576},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(cat(phaseName(row.phase), row.withheld ? " withheld" : ""));
+    SessionScript script;
+    script.error = ErrorPlan{{row.phase, row.afterMs}, 4711};
+    if (row.withheld)
+      script.events["domainErrorNotification"] = false;
+    Rig rig(script);
+    ASSERT_EQ(rig.create(), Status::ok);
+    // Drive the session as a client would, for long enough to pass every phase.
+    for (int i = 0; i < 100; ++i) {
+      rig.advance(100);
+      if (row.phase != Phase::verificationFinished)
+        rig.sim().startDomainUpdateDownload(Rig::session());
+      if (row.phase != Phase::downloadFinished)
+        rig.sim().startDomainUpdate(Rig::session());
+    }
+    EXPECT_EQ(rig.state(), State::failFinished);
+    EXPECT_EQ(rig.seen(), row.seen);
+    const auto r = rig.sim().getDomainUpdateResult(Rig::session()).output;
+    EXPECT_EQ(r.returnStatus, Status::ok);
+    EXPECT_EQ(r.domainResult.sessionStatus, lum11::CM_SessionStatus::error);
+    EXPECT_EQ(r.domainResult.resultCode, 4711u);
+    EXPECT_EQ(r.domainResult.errorDetails, cat("error 4711 in ", phaseName(row.phase)));
+    if (row.downloaded >= 0) {
+      EXPECT_EQ(rig.sim().getDomainUpdateDownloadProgress(Rig::session()).output.processedBytes,
+                row.downloaded);
+    }
+    EXPECT_EQ(rig.sim().closeDomainUpdateSession(Rig::session()).output.returnStatus, Status::ok);
+  }
+  // A scripted result replaces the one the session would give.
+  SessionScript script;
+  script.error = ErrorPlan{{Phase::verifying, 0}, 9};
+  lum11::DomainResult scripted;
+  scripted.sessionStatus = lum11::CM_SessionStatus::reverted;
+  scripted.resultCode = 77;
+  script.result = scripted;
+  Rig rig(script);
+  ASSERT_EQ(rig.create(), Status::ok);
+  rig.advance(0);
+  EXPECT_EQ(rig.sim().getDomainUpdateResult(Rig::session()).output.domainResult.resultCode, 77u);
+  // A failed session need not be closed: the next create replaces it.
+  EXPECT_EQ(rig.create(8), Status::ok);
+  EXPECT_EQ(rig.sim().getDomainUpdateSessionState({kClient, 8}).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim().getDomainUpdateSessionState(Rig::session()).output.returnStatus,
+            Status::invalidParameters);
+}
+
+TEST(LumSimulatorTest, CallsOutOfOrderAreInvalidState) {
+  struct Row {
+    const char* what;
+    std::function<void(Rig&)> setUp;
+    const char* op;
+    Status expected;
+  };
+  auto none = [](Rig&) {};
+  auto created = [](Rig& r) { ASSERT_EQ(r.create(), Status::ok); };
+  auto analysed = [](Rig& r) {
+    ASSERT_EQ(r.create(), Status::ok);
+    r.advance(1000);
+  };
+  auto downloading = [](Rig& r) {
+    ASSERT_EQ(r.create(), Status::ok);
+    r.advance(1000);
+    ASSERT_EQ(r.sim().startDomainUpdateDownload(Rig::session()).output.returnStatus, Status::ok);
+  };
+  auto downloaded = [](Rig& r) { r.toDownloadFinished(); };
+  const std::vector<Row> rows{
+      {"state without a session", none, "getDomainUpdateSessionState", Status::invalidState},
+      {"download without a session", none, "startDomainUpdateDownload", Status::invalidState},
+      {"cancel without a session", none, "cancelDomainUpdate", Status::invalidState},
+      {"close without a session", none, "closeDomainUpdateSession", Status::invalidState},
+      {"a second session while one is open", created, "createDomainUpdateSession",
+       Status::invalidState},
+      {"download during the analysis", created, "startDomainUpdateDownload", Status::invalidState},
+      {"update before the download", analysed, "startDomainUpdate", Status::invalidState},
+      {"download progress before the download", analysed, "getDomainUpdateDownloadProgress",
+       Status::invalidState},
+      {"download twice", downloading, "startDomainUpdateDownload", Status::invalidState},
+      {"update during the download", downloading, "startDomainUpdate", Status::invalidState},
+      {"close during the download", downloading, "closeDomainUpdateSession", Status::invalidState},
+      {"result before the end", downloaded, "getDomainUpdateResult", Status::invalidState},
+      {"update progress before the update", downloaded, "getDomainUpdateProgress",
+       Status::invalidState},
+      {"update after the download: in order", downloaded, "startDomainUpdate", Status::ok},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    Rig rig;
+    row.setUp(rig);
+    EXPECT_EQ(callByName(rig.sim(), row.op), row.expected);
+  }
+  // Another client or another session id is refused as a wrong parameter.
+  Rig rig;
+  ASSERT_EQ(rig.create(), Status::ok);
+  EXPECT_EQ(rig.sim().getDomainUpdateSessionState({"OTHER", kRiid}).output.returnStatus,
+            Status::invalidParameters);
+  EXPECT_EQ(rig.sim().getDomainUpdateSessionState({kClient, 8}).output.returnStatus,
+            Status::invalidParameters);
+}
+
+TEST(LumSimulatorTest, CancelInEachState) {
+  struct Row {
+    const char* what;
+    int64_t advanceMs;   // after create
+    bool startDownload;  // at 1000 ms
+    bool startUpdate;    // at 3000 ms
+    lum11::CM_CancelStatus status;
+    State after;  // 500 ms (cancelMs) later
+  };
+  const std::vector<Row> rows{
+      {"during the analysis", 100, false, false, lum11::CM_CancelStatus::cancelling,
+       State::revertFinished},
+      {"ready for download", 1500, false, false, lum11::CM_CancelStatus::cancelling,
+       State::revertFinished},
+      {"during the download", 1500, true, false, lum11::CM_CancelStatus::cancelling,
+       State::revertFinished},
+      {"during the installation: too late", 3500, true, true,
+       lum11::CM_CancelStatus::notCancellable, State::updating},
+      {"after the end", 6000, true, true, lum11::CM_CancelStatus::cancelled,
+       State::successfulFinished},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    Rig rig;
+    ASSERT_EQ(rig.create(), Status::ok);
+    int64_t t = 0;
+    auto to = [&](int64_t when) {
+      rig.advance(when - t);
+      t = when;
+    };
+    if (row.startDownload) {
+      to(1000);
+      rig.sim().startDomainUpdateDownload(Rig::session());
+    }
+    if (row.startUpdate) {
+      to(3000);
+      rig.sim().startDomainUpdate(Rig::session());
+    }
+    to(row.advanceMs);
+    const auto out = rig.sim().cancelDomainUpdate(Rig::session()).output;
+    EXPECT_EQ(out.returnStatus, Status::ok);
+    EXPECT_EQ(out.cancelStatus, row.status);
+    rig.advance(500);
+    EXPECT_EQ(rig.state(), row.after) << toString(rig.state());
+    if (row.after == State::revertFinished) {
+      EXPECT_EQ(rig.sim().getDomainUpdateResult(Rig::session()).output.domainResult.sessionStatus,
+                lum11::CM_SessionStatus::reverted);
+    }
+  }
+}
+
+TEST(LumSimulatorTest, UrlRequestHoldsTheDownloadUntilAnswered) {
+  SessionScript script;
+  script.resolveUrl = ResolveUrlPlan{
+      {Phase::downloading, 500}, {"a.bin", "b.bin"}, lum11::CM_FileType::manifest, true};
+  Rig rig(script);
+  ASSERT_EQ(rig.create(), Status::ok);
+  rig.advance(1000);
+  ASSERT_EQ(rig.sim().startDomainUpdateDownload(Rig::session()).output.returnStatus, Status::ok);
+  rig.advance(5000);  // held at 500 ms of 2000
+  EXPECT_EQ(rig.state(), State::downloading);
+  EXPECT_EQ(rig.seen().back(), "resolve:2:1");
+  EXPECT_EQ(rig.sim().getDomainUpdateDownloadProgress(Rig::session()).output.processedBytes,
+            1048576);
+  // An answer to another request does not release it.
+  lum11::UpdateUrlResponseStruct other;
+  other.updateURLRequestID[3] = 0xee;
+  rig.sim().updateURLResponse({other});
+  rig.advance(5000);
+  EXPECT_EQ(rig.state(), State::downloading);
+  lum11::UpdateUrlResponseStruct answer;
+  answer.updateURLRequestID = rig.lastUuid;
+  answer.urlInfo = {"http://medium/a.bin", "http://medium/b.bin"};
+  rig.sim().updateURLResponse({answer});
+  rig.advance(1499);
+  EXPECT_EQ(rig.state(), State::downloading);
+  rig.advance(1);
+  EXPECT_EQ(rig.state(), State::downloadFinished);
+  ASSERT_EQ(rig.sim().urlResponses().size(), 2u);
+  EXPECT_EQ(rig.sim().urlResponses()[1].urlInfo, answer.urlInfo);
+}
+
+TEST(LumSimulatorTest, AnyCallPlaysWhatCameDueWithoutAPoll) {
+  struct Row {
+    const char* what;
+    std::function<void(LumSimulator&)> call;
+  };
+  const std::vector<Row> rows{
+      {"a state poll", [](LumSimulator& s) { s.getDomainUpdateSessionState(Rig::session()); }},
+      {"a URL answer without a request",
+       [](LumSimulator& s) { s.updateURLResponse({lum11::UpdateUrlResponseStruct{}}); }},
+      {"a busy answer", [](LumSimulator& s) { s.getDomainUpdateProgress(Rig::session()); }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    SessionScript script;
+    script.busy["getDomainUpdateProgress"] = 1;
+    Rig rig(script);
+    ASSERT_EQ(rig.create(), Status::ok);
+    rig.advanceOnly(1000);
+    row.call(rig.sim());
+    EXPECT_EQ(rig.seen(), std::vector<std::string>{"readyForDownload:7:120:4194304"});
+  }
+}
+
+TEST(LumSimulatorTest, StopOfferAndCrashFireAtTheirPhase) {
+  SessionScript script;
+  script.stopOffer = StopOfferPlan{{Phase::downloading, 200}, 3000};
+  script.crash = CrashPlan{{Phase::updating, 100}, 5};
+  Rig rig(script);
+  ASSERT_EQ(rig.create(), Status::ok);
+  rig.advance(1000);
+  rig.sim().startDomainUpdateDownload(Rig::session());
+  rig.advance(199);
+  EXPECT_EQ(rig.seen().size(), 1u);
+  rig.advance(1);
+  EXPECT_EQ(rig.seen().back(), "stopOffer");
+  rig.advance(2000);  // the session goes on while unreachable
+  EXPECT_EQ(rig.seen().back(), "readyForUpdate:7:120:4194304");
+  rig.sim().startDomainUpdate(Rig::session());
+  rig.advance(1000);
+  EXPECT_EQ(rig.seen().back(), "offer");
+  EXPECT_EQ(rig.seen(),
+            (std::vector<std::string>{"readyForDownload:7:120:4194304", "stopOffer",
+                                      "readyForUpdate:7:120:4194304", "crash:5", "offer"}));
+}
+
+}  // namespace
+}  // namespace lumsim
