@@ -95,11 +95,24 @@ void ChildProcess::collect(int fd, std::string* into) {
   changed_.notify_all();
 }
 
-bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
+namespace {
+
+std::size_t occurrences(const std::string& text, const std::string& what) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+    ++n;
+  }
+  return n;
+}
+
+}  // namespace
+
+bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout,
+                                 std::size_t count) {
   std::unique_lock<std::mutex> lock(mutex_);
   changed_.wait_for(lock, timeout,
-                    [&] { return out_.find(text) != std::string::npos || openStreams_ == 0; });
-  return out_.find(text) != std::string::npos;
+                    [&] { return occurrences(out_, text) >= count || openStreams_ == 0; });
+  return occurrences(out_, text) >= count;
 }
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {

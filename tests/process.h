@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -32,9 +33,10 @@ class ChildProcess {
 
   pid_t pid() const { return pid_; }
 
-  // Waits until the collected standard output contains `text`; false after `timeout` or when the
-  // child closed its output first.
-  bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout);
+  // Waits until the collected standard output contains `text` at least `count` times; false
+  // after `timeout` or when the child closed its output first.
+  bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout,
+                     std::size_t count = 1);
 
   // Waits for the child to exit; its exit status (or 128 + signal) or nothing after `timeout`.
   std::optional<int> wait(std::chrono::milliseconds timeout);
