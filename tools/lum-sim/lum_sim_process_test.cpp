@@ -16,11 +16,14 @@
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
+#include "minfw/testing/inbox.h"
 #include "minfw/testing/temp_dir.h"
 #include "platform/someip/config.h"
 #include "platform/someip/runtime.h"
 
 namespace {
+
+using kel::vxp3::minfw::testing::Inbox;
 
 using kel::vxp3::minfw::cat;
 using kel::vxp3::minfw::testing::readFile;
@@ -34,33 +37,6 @@ using namespace std::chrono_literals;
 
 constexpr auto kPatience = 20s;
 constexpr const char* kClient = "NODBOX-USB";
-
-class Inbox {
- public:
-  void add(std::string entry) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      entries_.push_back(std::move(entry));
-    }
-    cv_.notify_all();
-  }
-  // Waits until `entry` has arrived `times` times in all.
-  bool waitFor(const std::string& entry, std::chrono::milliseconds limit = kPatience,
-               std::size_t times = 1) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, limit, [&] {
-      std::size_t n = 0;
-      for (const auto& e : entries_)
-        n += e == entry;
-      return n >= times;
-    });
-  }
-
- private:
-  std::mutex mutex_;  // guards entries_
-  std::condition_variable cv_;
-  std::vector<std::string> entries_;
-};
 
 // The process, ended with SIGTERM (or SIGKILL if the test fails early).
 class Process {

@@ -3,6 +3,7 @@
 // Discovery, calls with their outputs, the answer limit of startDomainUpdateDownload, event relay,
 // loss and return of the service. Real time: every wait is a bounded hang guard, never a measure.
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
+#include "minfw/testing/inbox.h"
 
 #include <gtest/gtest.h>
 
@@ -24,6 +25,8 @@
 namespace orv {
 namespace {
 
+using kel::vxp3::minfw::testing::Inbox;
+
 namespace mw = platform::middleware;
 namespace methods = lum11::methods;
 namespace events = lum11::events;
@@ -33,39 +36,6 @@ using Client = DiagLocalUpdateManagerControlClient;
 using namespace std::chrono_literals;
 
 constexpr auto kPatience = 20s;
-
-// What the client's slots saw, as text, in order.
-class Inbox {
- public:
-  void add(std::string entry) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      entries_.push_back(std::move(entry));
-    }
-    cv_.notify_all();
-  }
-  // Waits until `entry` has arrived `times` times in all.
-  bool waitFor(const std::string& entry, std::size_t times = 1,
-               std::chrono::milliseconds limit = kPatience) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, limit, [&] { return countLocked(entry) >= times; });
-  }
-  std::size_t count(const std::string& entry) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return countLocked(entry);
-  }
-
- private:
-  std::size_t countLocked(const std::string& entry) const {
-    std::size_t n = 0;
-    for (const auto& e : entries_)
-      n += e == entry;
-    return n;
-  }
-  std::mutex mutex_;  // guards entries_
-  std::condition_variable cv_;
-  std::vector<std::string> entries_;
-};
 
 // Holds the promises of startDomainUpdateDownload so that it is answered late (or never).
 class HeldAnswers {
@@ -154,7 +124,7 @@ bool awaitEventFlow(mw::Skeleton& skeleton, Inbox& inbox, uint16_t probe) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (std::chrono::steady_clock::now() < deadline) {
     skeleton.send<events::DomainErrorNotification>({probe, 7});
-    if (inbox.waitFor(expected, 1, 100ms))
+    if (inbox.waitFor(expected, 100ms))
       return true;
   }
   return false;
@@ -256,7 +226,7 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
 
   // It comes back: a new proxy, and events flow through it again.
   ASSERT_TRUE(skeleton->OfferService());
-  ASSERT_TRUE(inbox.waitFor("connection:true", 2));
+  ASSERT_TRUE(inbox.waitFor("connection:true", kPatience, 2));
   EXPECT_TRUE(capture->contains("Creating proxy for DiagLocalUpdateManagerControlClient"));
   EXPECT_TRUE(client->connected());
   EXPECT_TRUE(awaitEventFlow(*skeleton, inbox, 2));

@@ -22,11 +22,14 @@
 #include "interfaces/lum/lum12_skeleton.h"
 #include "interfaces/lum/lum_test_support.h"
 #include "minfw/testing/capture_sink.h"
+#include "minfw/testing/inbox.h"
 #include "platform/someip/config.h"
 #include "platform/someip/runtime.h"
 
 namespace orv {
 namespace {
+
+using kel::vxp3::minfw::testing::Inbox;
 
 namespace mw = platform::middleware;
 using namespace std::chrono_literals;
@@ -104,42 +107,6 @@ template <typename M, typename All>
 int inputSeed() {
   return 60 + 3 * indexOf<M, All>();
 }
-
-// What the services and receive handlers saw, as text, in order.
-class Inbox {
- public:
-  void add(std::string entry) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      entries_.push_back(std::move(entry));
-    }
-    cv_.notify_all();
-  }
-  // Waits until `entry` has arrived `times` times in all.
-  bool waitFor(const std::string& entry, std::chrono::milliseconds limit = kPatience,
-               std::size_t times = 1) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, limit, [&] {
-      std::size_t n = 0;
-      for (const auto& e : entries_)
-        n += e == entry;
-      return n >= times;
-    });
-  }
-  std::vector<std::string> startingWith(const std::string& prefix) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::string> out;
-    for (const auto& e : entries_)
-      if (e.rfind(prefix, 0) == 0)
-        out.push_back(e);
-    return out;
-  }
-
- private:
-  std::mutex mutex_;  // guards entries_
-  std::condition_variable cv_;
-  std::vector<std::string> entries_;
-};
 
 // Records the inputs of an operation and answers its filled output at once.
 template <typename M, typename All>
@@ -789,7 +756,7 @@ TEST(LumBindingsTest, SkeletonsWithoutBindingRefuseEveryUse) {
                         "[12233]: wrong state no binding"));
   EXPECT_TRUE(capture->contains(
       "cannot make the skeleton of DiagLocalUpdateManagerControl_v12 [1]: wrong state no binding"));
-  EXPECT_TRUE(inbox.startingWith("").empty());
+  EXPECT_TRUE(inbox.entries().empty());
 }
 
 }  // namespace
