@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "interfaces/lum/lum11_types.h"
 #include "interfaces/lum/lum_marshal.h"
 #include "interfaces/lum/lum_values.h"
 #include "platform/middleware/marshal.h"
@@ -153,23 +154,13 @@ struct DomainResult {
   ValidationResult safetyValidationResult;
 };
 
-struct DT_parameters_struct {
-  std::string parameterKey;
-  std::string parameterValue;
-};
+// Records without enumerations are the very records of version 11.
+using DT_parameters_struct = lum11::DT_parameters_struct;
 
-struct DT_manifestInformation_struct {
-  std::string manifestType;
-  std::string manifestLink;
-  std::vector<DT_parameters_struct> parameters;
-};
+using DT_manifestInformation_struct = lum11::DT_manifestInformation_struct;
 using createDomainUpdateSession_manifestInformation = std::vector<DT_manifestInformation_struct>;
 
-struct DT_cryptoParameters_struct {
-  std::string fileName;
-  std::string url;
-  std::string cryptoParameters;
-};
+using DT_cryptoParameters_struct = lum11::DT_cryptoParameters_struct;
 using createDomainUpdateSession_cryptoParameters = std::vector<DT_cryptoParameters_struct>;
 
 struct DT_DownloadSource {
@@ -178,14 +169,10 @@ struct DT_DownloadSource {
   std::string baseURL;
 };
 
-struct createDomainUpdateSession_diagnosticAddress {
-  std::vector<orv::lum::DiagnosticAddress> diagnosticAddresses;
-};
+using createDomainUpdateSession_diagnosticAddress =
+    lum11::createDomainUpdateSession_diagnosticAddress;
 
-struct DT_updatePreconditionCheckResult_struct {
-  orv::lum::DiagnosticAddress diagnosticAddress = 0;
-  orv::lum::PreconditionCheckText updatePreconditionCheckResult;
-};
+using DT_updatePreconditionCheckResult_struct = lum11::DT_updatePreconditionCheckResult_struct;
 using checkProgrammingPreconditions_preconditionCheckResult =
     std::vector<DT_updatePreconditionCheckResult_struct>;
 
@@ -195,11 +182,7 @@ struct UpdateUrlResponseStruct {
   CM_UpdateUrlResponseStruct_error error{};
 };
 
-struct DebugMessageInfo {
-  uint16_t domainRepairInstructionID = 0;
-  std::string debugMessageID;
-  std::string debugMessage;
-};
+using DebugMessageInfo = lum11::DebugMessageInfo;
 
 using resolveUpdateURLRequest_fileNames = std::vector<std::string>;
 
@@ -248,29 +231,11 @@ inline void marshal(FieldVisitor& v, DomainResult& x) {
   orv::lum::marshalRecord(v, x.sessionStatus, x.resultCode, x.errorDetails, x.errorCategories,
                           x.retries, x.integrityValidationResult, x.safetyValidationResult);
 }
-inline void marshal(FieldVisitor& v, DT_parameters_struct& x) {
-  orv::lum::marshalRecord(v, x.parameterKey, x.parameterValue);
-}
-inline void marshal(FieldVisitor& v, DT_manifestInformation_struct& x) {
-  orv::lum::marshalRecord(v, x.manifestType, x.manifestLink, x.parameters);
-}
-inline void marshal(FieldVisitor& v, DT_cryptoParameters_struct& x) {
-  orv::lum::marshalRecord(v, x.fileName, x.url, x.cryptoParameters);
-}
 inline void marshal(FieldVisitor& v, DT_DownloadSource& x) {
   orv::lum::marshalRecord(v, x.resolveURL, x.connectionType, x.baseURL);
 }
-inline void marshal(FieldVisitor& v, createDomainUpdateSession_diagnosticAddress& x) {
-  orv::lum::marshalRecord(v, x.diagnosticAddresses);
-}
-inline void marshal(FieldVisitor& v, DT_updatePreconditionCheckResult_struct& x) {
-  orv::lum::marshalRecord(v, x.diagnosticAddress, x.updatePreconditionCheckResult);
-}
 inline void marshal(FieldVisitor& v, UpdateUrlResponseStruct& x) {
   orv::lum::marshalRecord(v, x.updateURLRequestID, x.urlInfo, x.error);
-}
-inline void marshal(FieldVisitor& v, DebugMessageInfo& x) {
-  orv::lum::marshalRecord(v, x.domainRepairInstructionID, x.debugMessageID, x.debugMessage);
 }
 inline void marshal(FieldVisitor& v, DT_domainUpdateSessionState_struct& x) {
   orv::lum::marshalRecord(v, x.elementId, x.domainRepairInstructionID, x.currentProcessingState,
