@@ -1,0 +1,66 @@
+#include "logic/key_manifest.h"
+
+#include "logic/decrypt.h"
+#include "logic/mose.h"
+#include "minfw/log.h"
+
+namespace orv {
+namespace {
+
+using kel::vxp3::minfw::json::JSON;
+
+constexpr const char* kTag = "GLOBAL";
+
+// The member `key` when it is a string.
+bool readText(const JSON& object, const std::string& key, std::string& value) {
+  const JSON* member = object.find(key);
+  if (member == nullptr)
+    return false;
+  bool ok = false;
+  value = member->ToString(ok);
+  return ok;
+}
+
+}  // namespace
+
+bool KeyManifest::Extract(std::string& rawData) {
+  *this = KeyManifest();
+  rawData_ = rawData;
+  if (rawData.empty()) {
+    MLOG_ERROR(kTag, "RawData is empty!");
+    return false;
+  }
+  if (!Mose::ExtractEncrypted(rawData_, headerText_, encryptedKey_, iv_, cipherText_, tag_)) {
+    MLOG_ERROR(kTag, "Error extracting MOSE contents!");
+    return false;
+  }
+  MLOG_DEBUG(kTag, "Header: [", headerText_, "]");
+  header_ = JSON::Load(headerText_);
+  if (header_.JSONType() != JSON::Class::Object) {
+    MLOG_ERROR(kTag, "Error reading json header!");
+    return false;
+  }
+  std::string alg;
+  if (!readText(header_, "alg", alg)) {
+    MLOG_ERROR(kTag, "Json header mandatory field \"alg\" not found!");
+    return false;
+  }
+  std::string enc;
+  if (!readText(header_, "enc", enc)) {
+    MLOG_ERROR(kTag, "Json header mandatory field \"enc\" not found!");
+    return false;
+  }
+  if (!Decrypt::Execute(cipherText_, alg, enc, encryptedKey_, iv_, tag_, payloadText_)) {
+    MLOG_ERROR(kTag, "Error decrypting MOSE payload: alg=[", alg, "], enc=[", enc, "]");
+    return false;
+  }
+  MLOG_INFO(kTag, "Payload decrypted ok!");
+  payload_ = JSON::Load(payloadText_);
+  if (payload_.JSONType() != JSON::Class::Object) {
+    MLOG_ERROR(kTag, "Error reading json MOSE payload!");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace orv
