@@ -1,0 +1,242 @@
+#include "medium_writer.h"
+
+#include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <set>
+#include <sstream>
+#include <utility>
+
+#include "logic/base64.h"
+#include "logic/key_manifest.h"
+#include "minfw/log.h"
+
+namespace orvmedium {
+
+using kel::vxp3::minfw::json::JSON;
+
+const char* const kUsage =
+    "usage: orvane-medium --out DIR --train NAME [--order TEXT] --manifest NAME[=SOURCEFILE]...\n"
+    "                     --diag-address ADDR... [--key-manifest FILENAME] [--payload FILE]\n"
+    "                     [--no-key-manifest]\n";
+
+namespace {
+
+constexpr const char* kDescription = "NodboxUpdateMedium.json";
+
+// A name that stays inside the folder.
+bool plainName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string("/\0", 2)) == std::string::npos;
+}
+
+// Decimal or 0x-hexadecimal, 0..65535, nothing else (no sign, no blanks).
+bool parseAddress(const std::string& text, uint16_t& value) {
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const char* begin = text.data() + (hex ? 2 : 0);
+  const char* end = text.data() + text.size();
+  uint32_t parsed = 0;
+  const auto result = std::from_chars(begin, end, parsed, hex ? 16 : 10);
+  if (begin == end || result.ec != std::errc() || result.ptr != end || parsed > 0xffff)
+    return false;
+  value = static_cast<uint16_t>(parsed);
+  return true;
+}
+
+std::vector<unsigned char> randomBytes(std::size_t count) {
+  std::random_device device;
+  std::vector<unsigned char> bytes(count);
+  for (auto& byte : bytes)
+    byte = static_cast<unsigned char>(device());
+  return bytes;
+}
+
+std::string randomHex(std::size_t count) {
+  const auto bytes = randomBytes(count);
+  return kel::vxp3::minfw::hexText(bytes.data(), bytes.size());
+}
+
+bool readWhole(const std::string& path, std::string& content) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in)
+    return false;
+  content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return !in.bad();
+}
+
+bool writeWhole(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+  out.close();
+  return !out.fail();
+}
+
+}  // namespace
+
+bool parseArguments(const std::vector<std::string>& args, Options& options, std::string& error) {
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    if (arg == "--no-key-manifest") {
+      options.noKeyManifest = true;
+      continue;
+    }
+    if (i + 1 >= args.size()) {
+      error = arg.rfind("--", 0) == 0 ? "missing value after " + arg : "unknown argument " + arg;
+      return false;
+    }
+    const std::string& value = args[++i];
+    if (arg == "--out") {
+      options.out = value;
+    } else if (arg == "--train") {
+      options.train = value;
+    } else if (arg == "--order") {
+      options.order = value;
+    } else if (arg == "--key-manifest") {
+      options.keyManifest = value;
+    } else if (arg == "--payload") {
+      options.payloadFile = value;
+    } else if (arg == "--manifest") {
+      const std::size_t equals = value.find('=');
+      ManifestArg spec{value.substr(0, equals),
+                       equals == std::string::npos ? "" : value.substr(equals + 1)};
+      if (!plainName(spec.name) || (equals != std::string::npos && spec.source.empty())) {
+        error = "--manifest needs NAME[=SOURCEFILE] with a plain file name, got [" + value + "]";
+        return false;
+      }
+      options.manifests.push_back(std::move(spec));
+    } else if (arg == "--diag-address") {
+      uint16_t address = 0;
+      if (!parseAddress(value, address)) {
+        error = "--diag-address [" + value + "] is not a number from 0 to 65535 (or 0x0 to 0xffff)";
+        return false;
+      }
+      options.diagAddresses.push_back(address);
+    } else {
+      error = "unknown argument " + arg;
+      return false;
+    }
+  }
+  if (options.out.empty() || options.train.empty()) {
+    error = options.out.empty() ? "--out DIR is required" : "--train NAME is required";
+  } else if (options.manifests.empty()) {
+    error = "at least one --manifest is required";
+  } else if (options.diagAddresses.empty()) {
+    error = "at least one --diag-address is required";
+  } else if (!plainName(options.keyManifest)) {
+    error = "--key-manifest needs a plain file name, got [" + options.keyManifest + "]";
+  } else if (options.noKeyManifest && !options.payloadFile.empty()) {
+    error = "--payload and --no-key-manifest exclude each other";
+  }
+  std::set<std::string> names{kDescription};
+  if (!options.noKeyManifest && !names.insert(options.keyManifest).second && error.empty())
+    error = "--key-manifest must not be " + options.keyManifest;
+  for (const ManifestArg& spec : options.manifests) {
+    if (!names.insert(spec.name).second && error.empty())
+      error = "--manifest " + spec.name + " names a file twice";
+  }
+  return error.empty();
+}
+
+JSON makePayload(const std::vector<ManifestArg>& manifests) {
+  JSON files = JSON::Make(JSON::Class::Array);
+  for (const ManifestArg& spec : manifests) {
+    JSON parameters = JSON::Make(JSON::Class::Array);
+    for (const auto& [name, value] : {std::pair<std::string, std::string>{"Key", randomHex(32)},
+                                      {"IV", randomHex(12)},
+                                      {"Algorithm", "AES-256-GCM"}}) {
+      JSON parameter;
+      parameter["Name"] = name;
+      parameter["Value"] = value;
+      parameters.append(std::move(parameter));
+    }
+    JSON entry;
+    entry["File"] = "/" + spec.name;
+    entry["CryptoParameters"] = std::move(parameters);
+    files.append(std::move(entry));
+  }
+  JSON payload;
+  payload["EncryptedFiles"] = std::move(files);
+  return payload;
+}
+
+std::string makeKeyManifest(const JSON& payload) {
+  JSON header;
+  header["alg"] = "DEBUG";
+  header["enc"] = "DEBUG";
+  return orv::base64UrlEncode(header.dump()) + "." + orv::base64UrlEncode(randomBytes(32)) + "." +
+         orv::base64UrlEncode(randomBytes(12)) + "." + orv::base64UrlEncode(payload.dump()) + "." +
+         orv::base64UrlEncode(randomBytes(16));
+}
+
+Result writeMedium(const Options& options, std::string& error) {
+  namespace fs = std::filesystem;
+  std::vector<std::pair<std::string, std::string>> files;  // name, content
+
+  JSON description;
+  description["train"] = options.train;
+  description["order"] = options.order;
+  description["manifests"] = JSON::Make(JSON::Class::Array);
+  description["diagAddresses"] = JSON::Make(JSON::Class::Array);
+  for (const uint16_t address : options.diagAddresses)
+    description["diagAddresses"].append(std::to_string(address));
+  for (const ManifestArg& spec : options.manifests) {
+    description["manifests"].append(spec.name);
+    std::string content;
+    if (spec.source.empty()) {
+      JSON placeholder;
+      placeholder["train"] = options.train;
+      placeholder["file"] = spec.name;
+      content = placeholder.dump();
+    } else if (!readWhole(spec.source, content)) {
+      error = "cannot read manifest source " + spec.source;
+      return Result::kBadInput;
+    }
+    files.emplace_back(spec.name, std::move(content));
+  }
+
+  if (!options.noKeyManifest) {
+    description["keyManifest"] = options.keyManifest;
+    JSON payload;
+    if (options.payloadFile.empty()) {
+      payload = makePayload(options.manifests);
+    } else {
+      std::string text;
+      if (!readWhole(options.payloadFile, text)) {
+        error = "cannot read payload file " + options.payloadFile;
+        return Result::kBadInput;
+      }
+      payload = JSON::Load(text);
+      if (payload.JSONType() != JSON::Class::Object) {
+        error = "payload file " + options.payloadFile + " does not hold a JSON object";
+        return Result::kBadInput;
+      }
+    }
+    std::string container = makeKeyManifest(payload);
+    orv::KeyManifest check;
+    if (!check.Extract(container) || check.payload().dump() != payload.dump()) {
+      error = "the key manifest does not read back to its payload";
+      return Result::kFailed;
+    }
+    files.emplace_back(options.keyManifest, std::move(container));
+  }
+  files.emplace_back(kDescription, description.dump());
+
+  std::error_code ec;
+  fs::create_directories(options.out, ec);
+  if (ec || !fs::is_directory(options.out)) {
+    error = "cannot create folder " + options.out + (ec ? ": " + ec.message() : "");
+    return Result::kFailed;
+  }
+  for (const auto& [name, content] : files) {
+    const std::string path = (fs::path(options.out) / name).string();
+    if (!writeWhole(path, content)) {
+      error = "cannot write " + path;
+      return Result::kFailed;
+    }
+  }
+  return Result::kOk;
+}
+
+}  // namespace orvmedium
