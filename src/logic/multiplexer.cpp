@@ -8,6 +8,7 @@
 
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "interfaces/lum/diag_lum_control_client.h"
+#include "logic/logic.h"
 #include "minfw/clock.h"
 #include "minfw/log.h"
 #include "minfw/str.h"
@@ -106,43 +107,53 @@ Multiplexer::~Multiplexer() = default;
 // Start-up
 
 bool Multiplexer::createInterfaces() {
-  // The channels and the diagnosis clients join here as they become available; the LUM client
-  // is the one object every update needs.
+  // The list index is the channel value. The diagnostic-master service has no object in this
+  // build yet: its place stays empty and its requests can never be granted an interface.
+  addChannel(nullptr);
+  addChannel(std::make_unique<Logic>(persistence_));
   setLumClient(std::make_shared<DiagLUMControlClient>(
       std::make_unique<DiagLocalUpdateManagerControlClient>()));
   return true;
 }
 
+// A missing piece is reported and makes the result false, but the pieces that exist are still
+// bound: a build without one of the diagnostic front ends must still run USB updates.
 bool Multiplexer::initBindings() {
+  bool complete = true;
   if (channels_.size() != kChannelCount) {
     MLOG_ERROR(kTag, "Not all interfaces initialized!");
-    return false;
+    complete = false;
   }
   if (!lumClient_) {
     MLOG_ERROR(kTag, "LUM object not defined!");
-    return false;
+    complete = false;
   }
   if (!diagMesswert_) {
     MLOG_ERROR(kTag, "diagMesswert not defined!");
-    return false;
+    complete = false;
   }
   if (!diagRoutineCtrl_) {
     MLOG_ERROR(kTag, "diagRoutineCtrl not defined!");
-    return false;
+    complete = false;
   }
-  for (size_t index = 0; index < channels_.size(); ++index) {
+  for (size_t index = 0; index < channels_.size() && index < kChannelCount; ++index) {
     if (!channels_[index]) {
       MLOG_ERROR(kTag, "Input signal for [", index, "] is undefined!");
-      return false;
+      complete = false;
+      continue;
     }
     bindChannel(*channels_[index]);
   }
-  diagRoutineCtrl_->signalLogicDiagnoseStartUpdate = [this](const std::string& text, int number) {
-    return diagnoseStartUpdate(text, number);
-  };
-  diagMesswert_->signalDiagnoseUpdateState = [this] { return diagnoseUpdateState(); };
-  diagMesswert_->signalDiagnoseTimestamps = [this] { return diagnoseTimestamps(); };
-  return true;
+  if (diagRoutineCtrl_) {
+    diagRoutineCtrl_->signalLogicDiagnoseStartUpdate = [this](const std::string& text, int number) {
+      return diagnoseStartUpdate(text, number);
+    };
+  }
+  if (diagMesswert_) {
+    diagMesswert_->signalDiagnoseUpdateState = [this] { return diagnoseUpdateState(); };
+    diagMesswert_->signalDiagnoseTimestamps = [this] { return diagnoseTimestamps(); };
+  }
+  return complete;
 }
 
 void Multiplexer::bindChannel(ILumChannel& channel) {
@@ -170,6 +181,12 @@ bool Multiplexer::initInterfaces() {
     lumUp = lumClient_->init(kLumInstance);
   } else {
     MLOG_ERROR(kTag, "LUM object not defined!");
+  }
+  // The channels start once their slots are bound and the LUM client is up.
+  for (const std::unique_ptr<ILumChannel>& channel : channels_) {
+    if (channel) {
+      channel->init();
+    }
   }
   const bool routineUp = diagRoutineCtrl_ != nullptr && diagRoutineCtrl_->connect();
   const bool messwertUp = diagMesswert_ != nullptr && diagMesswert_->connect();
@@ -219,6 +236,10 @@ void Multiplexer::bindLumEvents() {
 
 void Multiplexer::addChannel(std::unique_ptr<ILumChannel> channel) {
   channels_.push_back(std::move(channel));
+}
+
+ILumChannel* Multiplexer::channel(uint32_t value) const {
+  return value < channels_.size() ? channels_[value].get() : nullptr;
 }
 
 void Multiplexer::setLumClient(std::shared_ptr<DiagLUMControlClient> client) {

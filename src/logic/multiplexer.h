@@ -93,6 +93,8 @@ class Multiplexer : public ILumEvents {
   void setLumClient(std::shared_ptr<DiagLUMControlClient> client);
   void setRoutineClient(std::unique_ptr<IRoutine> client);
   void setMesswertClient(std::unique_ptr<IMesswert> client);
+  // The channel interface with that value, or nullptr.
+  ILumChannel* channel(uint32_t value) const;
 
  private:
   // The holder's interface for a relay, or nullptr (with its log line) when nobody holds

@@ -98,6 +98,7 @@ class FakeMesswert : public IMesswert {
 class TestMultiplexer : public Multiplexer {
  public:
   using Multiplexer::addChannel;
+  using Multiplexer::channel;
   using Multiplexer::Multiplexer;
   using Multiplexer::setLumClient;
   using Multiplexer::setMesswertClient;
@@ -547,7 +548,7 @@ TEST_F(MultiplexerTest, BindingChecksInOrder) {
       {"then the LUM client", 2, false, true, true, false, "LUM object not defined!"},
       {"then the measurement client", 2, true, false, true, false, "diagMesswert not defined!"},
       {"then the routine client", 2, true, true, false, false, "diagRoutineCtrl not defined!"},
-      {"an empty channel entry stops the binding", -1, true, true, true, false,
+      {"an empty channel entry is reported", -1, true, true, true, false,
        "Input signal for [1] is undefined!"},
       {"everything present binds", 2, true, true, true, true, nullptr},
   };
@@ -575,14 +576,24 @@ TEST_F(MultiplexerTest, BindingChecksInOrder) {
     if (row.logged != nullptr) {
       EXPECT_EQ(log_->messages(), std::vector<std::string>{row.logged});
     }
+    // Whatever is missing, the channels that exist get their slots.
+    ILumChannel* first = mux.channel(0);
+    ASSERT_NE(first, nullptr);
+    EXPECT_TRUE(static_cast<bool>(first->signalQueryControl));
   }
 }
 
-TEST_F(MultiplexerTest, CreatedInterfacesAloneCannotBeBound) {
+TEST_F(MultiplexerTest, CreatedInterfacesBindTheUsbChannelWithoutTheDiagnosticPieces) {
   TestMultiplexer mux(persistence_);
   EXPECT_TRUE(mux.createInterfaces());
+  log_->clear();
   EXPECT_FALSE(mux.initBindings());
-  EXPECT_TRUE(log_->contains("Not all interfaces initialized!"));
+  EXPECT_EQ(log_->messages(),
+            (std::vector<std::string>{"diagMesswert not defined!", "diagRoutineCtrl not defined!",
+                                      "Input signal for [0] is undefined!"}));
+  ILumChannel* usb = mux.channel(ACTIVE_USB);
+  ASSERT_NE(usb, nullptr);
+  EXPECT_TRUE(static_cast<bool>(usb->signalRequestInterface));
 }
 
 TEST_F(MultiplexerTest, BoundSlotsReachTheOperationsWithTheChannelsOwnValue) {

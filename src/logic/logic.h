@@ -1,0 +1,199 @@
+#pragma once
+// Logic: the USB channel of the service (channel ACTIVE_USB). It owns the HMI state (what the
+// head unit shows about a local update) and the LUM sequence state (how far the LUM was driven),
+// turns inputs (a medium path, the driver's answer, a tester's start, the LUM's events) into
+// the update sequences, and writes every change of state, error code, progress, train name and
+// key manifest through to the record at once, so that a restart resumes where it stopped.
+//
+// Threading: every input returns quickly; the work runs as tasks on the one worker of pool_,
+// strictly in enqueue order, so the sequences never overlap. stateHMI_, stateLUM_, errorCode_
+// and riid_ are atomics, read without a lock by any thread. mediumMutex_ guards medium_ and
+// keyManifest_, which the worker writes and diagTriggerStartUpdate (a caller's thread) reads.
+// The retry counters and polling bookkeeping belong to the worker. The signals are bound on
+// the main thread before init() and are only read afterwards.
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "interfaces/hmi/hmi_service_i.h"
+#include "interfaces/hmi/hmi_states.h"
+#include "interfaces/lum/lum_channel.h"
+#include "minfw/thread_pool.h"
+
+namespace orv {
+
+class Persistence;
+
+class Logic : public ILumChannel {
+ public:
+  // The LUM client id of every session this channel opens.
+  static constexpr const char* kClientId = "NODBOX-USB";
+  static constexpr uint64_t kKeyManifestMaxSize = 512000;
+
+  // Service error codes.
+  enum ErrorCode : uint32_t {
+    kErrNoInterface = 601,
+    kErrCreateSession = 602,
+    kErrStartDownload = 603,
+    kErrStartUpdate = 605,
+    kErrResult = 607,
+    kErrInterrupted = 608,
+    kErrUnexpected = 609,
+    kErrMedium = 610,
+    kErrKeyManifestRead = 612,
+    kErrKeyManifestDecrypt = 613,
+    kErrUpdateProgress = 615,
+    kErrDownloadProgress = 616,
+    kErrKeyManifestSize = 617,
+    kErrNoMedium = 618,
+    kErrOrder = 619,
+  };
+
+  // Status-poll counters of steps that the LUM shows complete before their event arrived.
+  enum RetryCounter {
+    RETRY_ERROR = 0,
+    RETRY_VERIFICATION = 1,
+    RETRY_DOWNLOAD = 2,
+    RETRY_UPDATE = 3
+  };
+
+  // The record is shared with the Multiplexer and the HMI service; a null record is logged and
+  // the state then lives in memory only.
+  explicit Logic(std::shared_ptr<Persistence> persistence);
+  // Waits for every queued task to end.
+  ~Logic() override;
+
+  Logic(const Logic&) = delete;
+  Logic& operator=(const Logic&) = delete;
+
+  // Reads the record, creates and binds the HMI service, queues the wait for the LUM and, after
+  // a restart, the resynchronisation of the HMI and the resumption of the update.
+  bool init() override;
+
+  // Inputs.
+  void inputUsbInserted(const std::string& path);
+  void inputHmiStateChanged(int state);
+  bool diagTriggerStartUpdate(const std::string& ctrlOptions, int override) override;
+
+  // LUM events, relayed by the Multiplexer while this channel holds control.
+  void eventDomainUpdateFinishedNotification(uint16_t domainRepairInstructionID) override;
+  void eventDomainReadyForDownloadNotification(uint16_t domainRepairInstructionID,
+                                               const lum11::ReadyForDownloadInfo& info) override;
+  void eventDomainReadyForUpdateNotification(uint16_t domainRepairInstructionID,
+                                             const lum11::ReadyForUpdateInfo& info) override;
+  void eventDomainOffTimeNotification(uint16_t domainRepairInstructionID,
+                                      uint16_t timeout) override;
+  void eventDomainErrorNotification(uint16_t domainRepairInstructionID,
+                                    uint32_t errorCode) override;
+  void eventDebugMessageNotification(uint16_t domainRepairInstructionID,
+                                     const std::string& debugMessageID,
+                                     const std::string& debugMessage) override;
+  void eventResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) override;
+  void eventConnection(bool connected) override;
+  void eventInternal(int value) override;
+
+  uint32_t getStateHMI() const { return stateHMI_.load(); }
+  uint32_t getStateLUM() const { return stateLUM_.load(); }
+  uint32_t getErrorCode() const { return errorCode_.load(); }
+
+  // Percent of processed over total, 0 for nonsense and 100 when processed exceeds total.
+  uint32_t getProgress(int64_t processedBytes, int64_t totalBytes);
+  // True when `second` is not empty and occurs in `first`.
+  static bool diagParseUpdateOrder(const std::string& first, const std::string& second);
+
+  // HMI-side signals, bound by init() to the HMI service.
+  std::function<void(uint32_t state, const std::string& description)> signalUSBhmiSetState;
+  std::function<void(uint32_t percent)> signalUSBhmiSetProgress;
+  std::function<void(uint32_t errorCode)> signalUSBhmiSetErrorCode;
+  std::function<void()> signalUSBhmiDelete;
+  std::function<void()> signalUSBusbDelete;
+  std::function<void(const std::string& packageName)> signalUSBhmiSetPackageName;
+  std::function<void(int64_t dataSize, uint32_t installationTime)> signalUSBhmiSetDownloadInfo;
+  std::function<void(int64_t dataSize, uint32_t installationTime)> signalUSBhmiSetUpdateInfo;
+
+ protected:
+  // Seam: the HMI service that init() creates; tests hand in a double.
+  virtual std::unique_ptr<IHmiService> createHmiService();
+
+  // The sequences, each run as one pool task (protected so that tests can drive one directly).
+  void setStateHMI(uint32_t state);
+  void setStateLUM(uint32_t state);
+  void seqUsbInserted(const std::string& path);
+  void seqHmiStateChanged(int newState);
+  void seqInstallationAnalysis();
+  void seqInstallationAvailable();
+  void seqInstallationStart();
+  bool seqCheckProgrammingPreconditions();
+  void seqSendStartDomainUpdateDownload();
+  void seqSendStartDomainUpdate();
+  void seqGetStatus();
+  void seqUpdateProgress(uint32_t percent);
+  void seqGetDomainUpdateResult();
+  void seqCloseDomainUpdate();
+  bool seqCancelDomainUpdate();
+  void seqInstallationFinished();
+  void seqInstallationFailed(int errorCode);
+  void seqResolveUpdateURLRequest(const ResolveUpdateURLRequest& request);
+  bool ReadKeyManifest();
+
+  // Queues a task on the pool; tests run the queue themselves.
+  virtual void enqueue(std::function<void()> task);
+
+ private:
+  // What the analysis took over from the medium's description.
+  struct Medium {
+    std::string usbPath;
+    std::string trainName;
+    std::string updateOrder;
+    std::string updateBaseUrl;
+    std::vector<std::string> updateManifests;
+    std::vector<uint16_t> diagAddresses;
+    std::string keyManifestFileAddr;
+  };
+  Medium medium() const;
+  std::string keyManifest() const;
+  void setKeyManifest(const std::string& text);
+  void setTrainName(const std::string& name);
+
+  // Clean-ups of seqHmiStateChanged.
+  void forgetMedium();
+  void closeUpdate();
+  // Gives control back when this channel holds it.
+  void relinquishIfHeld();
+  void sendHmiState(uint32_t state, const std::string& description);
+  void writeErrorCode(uint32_t code);
+  // The handling of the two events, shared with the status poll that makes up for them.
+  void queueErrorHandling(uint32_t errorCode);
+  void queueFinishedHandling();
+  void waitForLum();
+  void resynchroniseHmi();
+  void resume();
+  void queuePoll();
+  bool sessionRunning() const;
+
+  std::shared_ptr<Persistence> persistence_;
+  std::unique_ptr<IHmiService> hmi_;
+
+  std::atomic<uint32_t> stateHMI_{eINVALID};
+  std::atomic<uint32_t> stateLUM_{0};
+  std::atomic<uint32_t> errorCode_{0};
+  std::atomic<uint16_t> riid_{1};
+  // True while a status poll is queued or running, so that no second poll chain starts.
+  std::atomic<bool> polling_{false};
+
+  mutable std::mutex mediumMutex_;  // guards medium_ and keyManifest_
+  Medium medium_;
+  std::string keyManifest_;
+
+  std::array<uint32_t, 4> retry_{};  // pool worker only
+
+  std::unique_ptr<kel::vxp3::minfw::ThreadPool> pool_;
+};
+
+}  // namespace orv

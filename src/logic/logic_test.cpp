@@ -1,0 +1,847 @@
+#include "logic/logic.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "interfaces/lum/diag_lum_control_client.h"
+#include "logic/base64.h"
+#include "logic/persistence.h"
+#include "minfw/json.h"
+#include "minfw/log.h"
+#include "minfw/testing/capture_sink.h"
+#include "minfw/testing/simulated_clock.h"
+#include "minfw/testing/temp_dir.h"
+
+namespace orv {
+namespace {
+
+using kel::vxp3::minfw::ScopedClock;
+using kel::vxp3::minfw::testing::ScopedLogCapture;
+using kel::vxp3::minfw::testing::SimulatedClock;
+using kel::vxp3::minfw::testing::TempDir;
+using PS = lum11::CM_CurrentProcessingState;
+using RS = lum11::CM_ReturnStatus;
+using Client = DiagLUMControlClient::Client;
+
+constexpr uint32_t kNoAnswer = 0xFF;
+
+// A LUM facade that answers from a script: per operation a queue of return statuses (kNoAnswer:
+// no answer at all), ok once the queue is empty. Every call is logged by name.
+class ScriptedLum : public DiagLUMControlClient {
+ public:
+  ScriptedLum() : DiagLUMControlClient(std::make_unique<Client>()) {}
+
+  std::map<std::string, std::deque<uint32_t>> script;
+  std::deque<PS> states;  // processing states of the session-state answers; the last repeats
+  PS state = PS::verifying;
+  int64_t processed = 50;
+  int64_t total = 100;
+  uint32_t resultCode = 0;
+  std::vector<std::string> calls;
+  std::vector<lum11::UpdateUrlResponseStruct> urlResponses;
+
+  size_t count(const std::string& op) const {
+    size_t n = 0;
+    for (const std::string& call : calls) {
+      n += call == op ? 1 : 0;
+    }
+    return n;
+  }
+
+  void _internal(int value) override { calls.push_back("_internal:" + std::to_string(value)); }
+  void updateURLResponse(const lum11::UpdateUrlResponseStruct& response, bool) override {
+    calls.push_back("updateURLResponse");
+    urlResponses.push_back(response);
+  }
+  bool createDomainUpdateSession(const std::string&, uint16_t vehicleRepairInstructionID,
+                                 const std::string&,
+                                 const lum11::createDomainUpdateSession_manifestInformation&,
+                                 const lum11::createDomainUpdateSession_cryptoParameters&,
+                                 const lum11::DownloadSource&,
+                                 const lum11::createDomainUpdateSession_diagnosticAddress&,
+                                 lum11::CM_SessionType,
+                                 Client::CreateDomainUpdateSessionOutput& out, bool) override {
+    out.domainRepairInstructionID = vehicleRepairInstructionID;
+    return answer("createDomainUpdateSession", out);
+  }
+  bool getDomainUpdateSessionState(const std::string&, uint16_t,
+                                   Client::GetDomainUpdateSessionStateOutput& out, bool) override {
+    if (!states.empty()) {
+      state = states.front();
+      states.pop_front();
+    }
+    out.currentProcessingState = state;
+    return answer("getDomainUpdateSessionState", out);
+  }
+  bool startDomainUpdateDownload(const std::string&, uint16_t,
+                                 Client::StartDomainUpdateDownloadOutput& out, bool) override {
+    return answer("startDomainUpdateDownload", out);
+  }
+  bool getDomainUpdateDownloadProgress(const std::string&, uint16_t,
+                                       Client::GetDomainUpdateDownloadProgressOutput& out,
+                                       bool) override {
+    out.processedBytes = processed;
+    out.totalBytes = total;
+    return answer("getDomainUpdateDownloadProgress", out);
+  }
+  bool startDomainUpdate(const std::string&, uint16_t, Client::StartDomainUpdateOutput& out,
+                         bool) override {
+    return answer("startDomainUpdate", out);
+  }
+  bool getDomainUpdateProgress(const std::string&, uint16_t,
+                               Client::GetDomainUpdateProgressOutput& out, bool) override {
+    out.processedBytes = processed;
+    out.totalBytes = total;
+    return answer("getDomainUpdateProgress", out);
+  }
+  bool cancelDomainUpdate(const std::string&, uint16_t, Client::CancelDomainUpdateOutput& out,
+                          bool) override {
+    return answer("cancelDomainUpdate", out);
+  }
+  bool getDomainUpdateResult(const std::string&, uint16_t, Client::getDomainUpdateResultOutput& out,
+                             bool) override {
+    out.domainResult.resultCode = resultCode;
+    return answer("getDomainUpdateResult", out);
+  }
+  bool closeDomainUpdateSession(const std::string&, uint16_t,
+                                Client::CloseDomainUpdateSessionOutput& out, bool) override {
+    return answer("closeDomainUpdateSession", out);
+  }
+  bool checkProgrammingPreconditions(const std::string&, uint16_t,
+                                     Client::CheckProgrammingPreconditionsOutput& out,
+                                     bool) override {
+    return answer("checkProgrammingPreconditions", out);
+  }
+
+ private:
+  template <typename Output>
+  bool answer(const std::string& op, Output& out) {
+    calls.push_back(op);
+    std::deque<uint32_t>& queue = script[op];
+    uint32_t value = 0;
+    if (!queue.empty()) {
+      value = queue.front();
+      queue.pop_front();
+    }
+    if (value == kNoAnswer) {
+      return false;
+    }
+    out.returnStatus = static_cast<RS>(value);
+    return true;
+  }
+};
+
+// Plays the head unit: records what it is told, answers nothing by itself.
+class RecordingHmi : public IHmiService {
+ public:
+  std::vector<std::string> seen;
+  bool init(std::shared_ptr<Persistence>) override { return true; }
+  void hmiSetState(int state, std::string description) override {
+    seen.push_back("state:" + std::to_string(state) + ":" + description);
+  }
+  void hmiSetProgress(uint32_t percent) override {
+    seen.push_back("progress:" + std::to_string(percent));
+  }
+  void hmiSetErrorCode(uint32_t code) override { seen.push_back("error:" + std::to_string(code)); }
+  void hmiDelete() override { seen.push_back("hmiDelete"); }
+  void usbDelete() override { seen.push_back("usbDelete"); }
+  void hmiSetPackageName(const std::string&) override {}
+  void hmiSetDownloadInfo(int64_t, uint32_t) override {}
+  void hmiSetUpdateInfo(int64_t, uint32_t) override {}
+};
+
+// The control arbitration as the Multiplexer offers it, reduced to what the channel sees.
+struct Arbiter {
+  uint32_t holder = ACTIVE_NONE;
+  uint32_t updateType = ORV_USB_UPDATETYPE_NONE;
+  bool grant = true;
+  int relinquished = 0;
+  bool alive = true;
+  std::shared_ptr<ScriptedLum> lum = std::make_shared<ScriptedLum>();
+};
+
+// Logic with its pool replaced by a queue that the test runs on its own thread, one task at a
+// time, so that the order of queued work is visible and every run is deterministic.
+class TestLogic : public Logic {
+ public:
+  TestLogic(std::shared_ptr<Persistence> persistence, Arbiter& arbiter)
+      : Logic(std::move(persistence)) {
+    signalRequestExclusiveControl = [&arbiter](uint32_t channel) {
+      if (!arbiter.grant || (arbiter.holder != ACTIVE_NONE && arbiter.holder != channel)) {
+        return false;
+      }
+      arbiter.holder = channel;
+      return true;
+    };
+    signalRequestInterface = [&arbiter](uint32_t channel) {
+      return arbiter.holder == channel ? std::static_pointer_cast<DiagLUMControlClient>(arbiter.lum)
+                                       : nullptr;
+    };
+    signalRelinquish = [&arbiter](uint32_t channel) {
+      if (arbiter.holder != channel) {
+        return false;
+      }
+      arbiter.holder = ACTIVE_NONE;
+      ++arbiter.relinquished;
+      return true;
+    };
+    signalQueryControl = [&arbiter] { return arbiter.holder; };
+    signalQueryAlive = [&arbiter] { return arbiter.alive; };
+    signalSetUpdateType = [&arbiter](uint32_t type) {
+      arbiter.updateType = type;
+      return true;
+    };
+    signalGetUpdateType = [&arbiter] { return arbiter.updateType; };
+  }
+
+  using Logic::ReadKeyManifest;
+  using Logic::seqCloseDomainUpdate;
+  using Logic::seqGetStatus;
+  using Logic::seqHmiStateChanged;
+  using Logic::seqInstallationFailed;
+  using Logic::seqInstallationStart;
+  using Logic::seqResolveUpdateURLRequest;
+  using Logic::seqSendStartDomainUpdate;
+  using Logic::seqSendStartDomainUpdateDownload;
+  using Logic::setStateHMI;
+  using Logic::setStateLUM;
+
+  void enqueue(std::function<void()> task) override { tasks.push_back(std::move(task)); }
+
+  // Runs queued tasks in order; a poll chain re-queues itself, hence the limit.
+  void run(size_t limit = 200) {
+    for (size_t i = 0; i < limit && !tasks.empty(); ++i) {
+      runOne();
+    }
+  }
+  void runOne() {
+    std::function<void()> task = std::move(tasks.front());
+    tasks.pop_front();
+    task();
+  }
+
+  RecordingHmi* hmi = nullptr;
+  std::deque<std::function<void()>> tasks;
+
+ protected:
+  std::unique_ptr<IHmiService> createHmiService() override {
+    auto service = std::make_unique<RecordingHmi>();
+    hmi = service.get();
+    return service;
+  }
+};
+
+class MediumServer {
+ public:
+  MediumServer() {
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    server_.Get(R"(/medium/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
+      auto found = files_.find(req.matches[1]);
+      if (found == files_.end()) {
+        res.status = 404;
+        return;
+      }
+      res.set_content(found->second, "application/octet-stream");
+    });
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+  }
+  ~MediumServer() {
+    server_.stop();
+    thread_.join();
+  }
+  std::string location() const { return "http://127.0.0.1:" + std::to_string(port_) + "/medium"; }
+  std::map<std::string, std::string> files_;
+
+ private:
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+// A DEBUG container whose cipher text is `payload`, its key part padded so that the whole text
+// is exactly `size` bytes when given.
+std::string debugManifest(const std::string& payload, size_t size = 0) {
+  const std::string head = base64UrlEncode(R"({"alg":"DEBUG","enc":"DEBUG"})") + ".";
+  const std::string tail =
+      "." + base64UrlEncode("iv") + "." + base64UrlEncode(payload) + "." + base64UrlEncode("t");
+  std::string key = base64UrlEncode("k");
+  if (size > head.size() + key.size() + tail.size()) {
+    key.append(size - head.size() - key.size() - tail.size(), 'A');
+  }
+  return head + key + tail;
+}
+
+class LogicTest : public ::testing::Test {
+ protected:
+  LogicTest() : clock_(SimulatedClock::Mode::kAutoAdvance), scoped_(clock_) {
+    medium_.files_["NodboxUpdateMedium.json"] =
+        R"({"train": "T1", "order": "ORDER-1", "manifests": ["m1.json"],)"
+        R"( "diagAddresses": ["6657"], "keyManifest": "keys/KeyManifest.mose"})";
+    medium_.files_["keys/KeyManifest.mose"] = debugManifest(kPayload);
+  }
+
+  static constexpr const char* kPayload =
+      R"({"EncryptedFiles": [)"
+      R"({"File": "/data/pkg.bin", "CryptoParameters": [{"Name": "Key", "Value": "k1"},)"
+      R"( {"Name": "IV", "Value": "iv1"}, {"Name": "Algorithm", "Value": "DEBUG"}]},)"
+      R"({"File": "/data/bad.bin", "CryptoParameters": [{"Name": "Key", "Value": "k2"}]}]})";
+
+  // Presents the medium and runs the analysis: the offer stands afterwards.
+  void offer(TestLogic& logic) {
+    logic.inputUsbInserted(medium_.location());
+    logic.run(4);
+    ASSERT_EQ(logic.getStateHMI(), eINSTALLATIONAVAILABLE);
+  }
+
+  // A Logic on a fresh record (or none), initialised, with its start-up tasks run.
+  std::unique_ptr<TestLogic> make(bool withRecord = true) {
+    if (withRecord) {
+      dir_ = std::make_unique<TempDir>();
+      record_ = std::make_shared<Persistence>(dir_->path(), "persistence.json");
+    }
+    auto logic = std::make_unique<TestLogic>(record_, arbiter_);
+    logic->init();
+    logic->run();
+    logic->hmi->seen.clear();
+    return logic;
+  }
+
+  // Puts `logic` where an update stands after its session was created.
+  void installing(TestLogic& logic, uint32_t lumState) {
+    arbiter_.holder = ACTIVE_USB;
+    logic.setStateHMI(eINSTALLING);
+    logic.setStateLUM(lumState);
+  }
+
+  MediumServer medium_;
+  SimulatedClock clock_;
+  ScopedClock scoped_;
+  ScopedLogCapture log_;
+  Arbiter arbiter_;
+  std::unique_ptr<TempDir> dir_;
+  std::shared_ptr<Persistence> record_;
+};
+
+// --- State machine ---------------------------------------------------------------------------
+
+TEST_F(LogicTest, HmiAnswerTransitionTableOverEveryPair) {
+  struct Effect {
+    uint32_t current;
+    uint32_t next;
+    const char* proves;
+    uint32_t stateAfter;
+    std::vector<std::string> hmiSeen;
+    bool sessionCreated;
+  };
+  const std::vector<Effect> effects = {
+      {eINSTALLING,
+       eINSTALLATIONCONFIRMED,
+       "a late confirmation only corrects the display",
+       eINSTALLING,
+       {"state:9:"},
+       false},
+      {eINSTALLATIONREJECTED,
+       eINSTALLATIONREJECTEDCONFIRMED,
+       "a rejection forgets the medium",
+       eINVALID,
+       {"hmiDelete", "usbDelete"},
+       false},
+      {eINSTALLATIONAVAILABLE,
+       eINSTALLATIONCONFIRMED,
+       "a confirmed offer starts the session",
+       eINSTALLING,
+       {"progress:0"},
+       true},
+      {eINSTALLATIONAVAILABLE,
+       eINSTALLATIONCANCELLED,
+       "a declined offer forgets the medium",
+       eINVALID,
+       {"hmiDelete", "usbDelete"},
+       false},
+      {eINSTALLATIONFAILED,
+       eINSTALLATIONFAILEDCONFIRMED,
+       "an acknowledged failure closes",
+       eINVALID,
+       {"hmiDelete", "usbDelete"},
+       false},
+      {eINSTALLATIONFINISHED,
+       eINSTALLATIONFINISHEDCONFIRMED,
+       "an acknowledged success closes",
+       eINVALID,
+       {"hmiDelete", "usbDelete"},
+       false},
+  };
+  for (uint32_t current = 0; current <= eINVALID; ++current) {
+    for (uint32_t next = 0; next <= eINVALID + 1; ++next) {
+      const Effect* effect = nullptr;
+      for (const Effect& candidate : effects) {
+        if (candidate.current == current && candidate.next == next) {
+          effect = &candidate;
+        }
+      }
+      SCOPED_TRACE(std::string(hmiStateName(current)) + " -> " + hmiStateName(next) + ": " +
+                   (effect ? effect->proves : "ignored"));
+      arbiter_ = Arbiter{};
+      std::unique_ptr<TestLogic> logic = make(false);
+      logic->setStateHMI(current);
+      log_->clear();
+      logic->seqHmiStateChanged(static_cast<int>(next));
+      logic->run(3);
+      EXPECT_EQ(logic->getStateHMI(), effect ? effect->stateAfter : current);
+      EXPECT_EQ(logic->hmi->seen, effect ? effect->hmiSeen : std::vector<std::string>{});
+      EXPECT_EQ(arbiter_.lum->count("createDomainUpdateSession"),
+                effect && effect->sessionCreated ? 1u : 0u);
+      EXPECT_TRUE(log_->contains(std::string("crtState=[") + hmiStateName(current) +
+                                 "], newState=[" + hmiStateName(next) + "]"));
+    }
+  }
+}
+
+TEST_F(LogicTest, UnboundSignalsAbandonTheAnswer) {
+  std::unique_ptr<TestLogic> logic = make(false);
+  logic->setStateHMI(eINSTALLATIONAVAILABLE);
+  logic->signalRelinquish = nullptr;
+  logic->seqHmiStateChanged(eINSTALLATIONCANCELLED);
+  EXPECT_TRUE(log_->contains("signalRelinquish not bound!"));
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONAVAILABLE);
+  logic->signalUSBhmiDelete = nullptr;
+  logic->seqHmiStateChanged(eINSTALLATIONCANCELLED);
+  EXPECT_TRUE(log_->contains("signalUSBhmiDelete not bound!"));
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONAVAILABLE);
+}
+
+TEST_F(LogicTest, MediumIsIgnoredWhileAnOfferOrUpdateIsOpen) {
+  std::unique_ptr<TestLogic> logic = make();
+  logic->setStateHMI(eINSTALLATIONFINISHED);
+  logic->inputUsbInserted("http://127.0.0.1:1/medium");
+  logic->run();
+  EXPECT_TRUE(log_->contains("LUM state is [Idle] and HMI state is [eINSTALLATIONFINISHED]"));
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFINISHED);
+}
+
+TEST_F(LogicTest, DiagnosticStartTable) {
+  struct Row {
+    const char* proves;
+    bool offered;
+    uint32_t updateType;
+    const char* ctrlOptions;
+    int override;
+    bool accepted;
+    uint32_t errorCode;  // in the record afterwards
+    uint32_t stateAfter;
+  };
+  const std::vector<Row> rows = {
+      {"another update type refuses without any change", true, ORV_USB_UPDATETYPE_USB, "ORDER-1", 0,
+       false, 77, eINSTALLATIONAVAILABLE},
+      {"no offer fails with 618, acknowledged at once", false, ORV_USB_UPDATETYPE_NONE, "ORDER-1",
+       0, false, 618, eINVALID},
+      {"an order mismatch fails with 619", true, ORV_USB_UPDATETYPE_NONE, "OTHER", 0, false, 619,
+       eINVALID},
+      {"the override skips the order check", true, ORV_USB_UPDATETYPE_NONE, "OTHER", 1, true, 0,
+       eINSTALLING},
+      {"a matching order starts without the driver", true, ORV_USB_UPDATETYPE_NONE, "X;ORDER-1;Y",
+       0, true, 0, eINSTALLING},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make();
+    if (row.offered) {
+      offer(*logic);
+    }
+    record_->setErrorCode(77);
+    arbiter_.updateType = row.updateType;
+    EXPECT_EQ(logic->diagTriggerStartUpdate(row.ctrlOptions, row.override), row.accepted);
+    logic->run(8);
+    EXPECT_EQ(static_cast<uint32_t>(record_->getErrorCode(0)), row.errorCode);
+    EXPECT_EQ(logic->getStateHMI(), row.stateAfter);
+    EXPECT_EQ(arbiter_.lum->count("createDomainUpdateSession"), row.accepted ? 1u : 0u);
+  }
+}
+
+TEST_F(LogicTest, MediumFaultsFailTheAnalysisWith610) {
+  std::unique_ptr<TestLogic> logic = make();
+  medium_.files_["NodboxUpdateMedium.json"] = R"({"train": "T1", "manifests": []})";
+  logic->inputUsbInserted(medium_.location());
+  logic->run(4);
+  EXPECT_TRUE(log_->contains("Error reading update medium at [" + medium_.location() + "]!"));
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
+  EXPECT_EQ(record_->getErrorCode(0), 610);
+}
+
+TEST_F(LogicTest, AnalysisRejectsWhileTheDiagnosticMasterHoldsTheLum) {
+  std::unique_ptr<TestLogic> logic = make();
+  arbiter_.holder = ACTIVE_DM;
+  logic->inputUsbInserted(medium_.location());
+  logic->run(4);
+  EXPECT_TRUE(log_->contains("OTA update in progress!"));
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONREJECTED);
+  EXPECT_EQ(logic->hmi->seen.back(), "state:7:T1");
+}
+
+TEST_F(LogicTest, KeyManifestSizeLimitAndFaults) {
+  struct Row {
+    const char* proves;
+    std::string manifest;  // empty: not on the medium
+    bool read;
+    uint32_t errorCode;
+  };
+  const std::vector<Row> rows = {
+      {"exactly at the limit is read", debugManifest(kPayload, 512000), true, 0},
+      {"one byte over the limit", debugManifest(kPayload, 512001), false, 617},
+      {"missing file", "", false, 612},
+      {"container that does not decrypt", "a.b.c", false, 613},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make();
+    offer(*logic);
+    if (row.manifest.empty()) {
+      medium_.files_.erase("keys/KeyManifest.mose");
+    } else {
+      medium_.files_["keys/KeyManifest.mose"] = row.manifest;
+    }
+    EXPECT_EQ(logic->ReadKeyManifest(), row.read);
+    logic->run(4);
+    EXPECT_EQ(static_cast<uint32_t>(record_->getErrorCode(0)), row.errorCode);
+    if (row.read) {
+      EXPECT_EQ(kel::vxp3::minfw::json::JSON::Load(record_->getKeyManifest())
+                    .find("EncryptedFiles")
+                    ->size(),
+                2u);
+    }
+  }
+}
+
+TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
+  struct Row {
+    const char* proves;
+    std::string name;
+    lum11::CM_UrlError error;
+    std::string info;
+  };
+  const std::vector<Row> rows = {
+      {"a listed file gets its URL and three parameters", "pkg.bin", lum11::CM_UrlError::noError,
+       ""},
+      {"an unlisted file", "other.bin", lum11::CM_UrlError::fileNotFound, ""},
+      {"a file with too few parameters", "bad.bin", lum11::CM_UrlError::internalError, ""},
+      {"a name that only ends a listed one is not it", "kg.bin", lum11::CM_UrlError::fileNotFound,
+       ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make();
+    offer(*logic);
+    arbiter_.holder = ACTIVE_USB;
+    ResolveUpdateURLRequest request;
+    request.fileNames = {row.name};
+    request.updateURLRequestID[0] = 0xAB;
+    logic->eventResolveUpdateURLRequest(request);
+    logic->run(2);
+    EXPECT_TRUE(log_->contains("No keyManifest loaded!"));
+    ASSERT_EQ(arbiter_.lum->urlResponses.size(), 1u);
+    const lum11::UpdateUrlResponseStruct& response = arbiter_.lum->urlResponses[0];
+    EXPECT_EQ(response.updateURLRequestID[0], 0xAB);
+    EXPECT_EQ(response.error, row.error);
+    ASSERT_EQ(response.urlInfo.size(), 1u);
+    if (row.error == lum11::CM_UrlError::noError) {
+      const auto info = kel::vxp3::minfw::json::JSON::Load(response.urlInfo[0]);
+      EXPECT_EQ(info.find("url")->ToString(), medium_.location() + "/pkg.bin");
+      EXPECT_EQ(info.find("cryptoParameters")->size(), 3u);
+    } else {
+      EXPECT_EQ(response.urlInfo[0], "");
+    }
+  }
+}
+
+// --- Sequences -------------------------------------------------------------------------------
+
+TEST_F(LogicTest, BusyAnswersAreRetriedEveryTenSecondsWithoutLimit) {
+  struct Row {
+    const char* op;
+    uint32_t lumState;
+    std::function<void(TestLogic&)> run;
+    uint32_t lumStateAfter;
+  };
+  const std::vector<Row> rows = {
+      {"checkProgrammingPreconditions", 1,
+       [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); }, 3},
+      {"startDomainUpdateDownload", 1, [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); },
+       3},
+      {"startDomainUpdate", 3, [](TestLogic& l) { l.seqSendStartDomainUpdate(); }, 5},
+      {"closeDomainUpdateSession", 5, [](TestLogic& l) { l.seqCloseDomainUpdate(); }, 6},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.op);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make(false);
+    installing(*logic, row.lumState);
+    arbiter_.lum->script[row.op] = {4, 4, 4, 4, 4, 4, 4, 0};
+    const auto before = clock_.sleeps().size();
+    row.run(*logic);
+    EXPECT_EQ(arbiter_.lum->count(row.op), 8u);
+    EXPECT_EQ(logic->getStateLUM(), row.lumStateAfter);
+    EXPECT_EQ(logic->getStateHMI(), eINSTALLING);
+    const auto sleeps = clock_.sleeps();
+    ASSERT_EQ(sleeps.size() - before, 7u);
+    for (size_t i = before; i < sleeps.size(); ++i) {
+      EXPECT_EQ(sleeps[i], std::chrono::seconds(10));
+    }
+    EXPECT_EQ(log_->count(std::string(row.op) + "() return status [busy], retry in 10 seconds"),
+              7u);
+  }
+}
+
+TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
+  struct Row {
+    const char* proves;
+    std::deque<uint32_t> answers;
+    size_t cancels;
+    uint32_t stateHmi;
+    uint32_t errorCode;
+  };
+  const std::vector<Row> rows = {
+      {"first try", {0}, 0, eINSTALLING, 0},
+      {"busy three times, fourth try succeeds", {4, 4, 4, 0}, 0, eINSTALLING, 0},
+      {"refusals are cancelled before the next try", {1, 2, 0}, 2, eINSTALLING, 0},
+      {"no answer counts as a failed try",
+       {kNoAnswer, kNoAnswer, kNoAnswer, kNoAnswer},
+       3,
+       eINSTALLATIONFAILED,
+       602},
+      {"the fourth try is the last", {4, 4, 4, 4, 0}, 0, eINSTALLATIONFAILED, 602},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make(false);
+    arbiter_.lum->script["createDomainUpdateSession"] = row.answers;
+    arbiter_.lum->script["getDomainUpdateSessionState"] = {4};  // keeps the poll quiet
+    logic->setStateHMI(eINSTALLATIONCONFIRMED);
+    logic->seqInstallationStart();
+    EXPECT_EQ(arbiter_.lum->count("cancelDomainUpdate"), row.cancels);
+    EXPECT_EQ(logic->getStateHMI(), row.stateHmi);
+    EXPECT_EQ(logic->getErrorCode(), row.errorCode);
+    EXPECT_EQ(logic->getStateLUM(), row.errorCode == 0 ? 1u : 0u);
+    EXPECT_EQ(arbiter_.holder, row.errorCode == 0 ? ACTIVE_USB : ACTIVE_NONE);
+  }
+}
+
+TEST_F(LogicTest, StatusPollMakesUpForAMissingEventAfterTheThirdFurtherPoll) {
+  struct Row {
+    const char* proves;
+    uint32_t lumState;
+    PS reported;
+    const char* madeUp;  // the LUM call that shows the event was made up
+    const char* counterLine;
+  };
+  const std::vector<Row> rows = {
+      {"verification done, no ready-for-download", 1, PS::verificationFinished,
+       "startDomainUpdateDownload", "RETRY_VERIFICATION ("},
+      {"download done, no ready-for-update", 3, PS::downloadFinished, "startDomainUpdate",
+       "RETRY_DOWNLOAD ("},
+      {"update done, no finished event", 5, PS::successfulFinished, "closeDomainUpdateSession",
+       "RETRY_UPDATE ("},
+      {"session failed, no error event", 3, PS::failFinished, "getDomainUpdateResult",
+       "RETRY_ERROR ("},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make(false);
+    installing(*logic, row.lumState);
+    arbiter_.lum->state = row.reported;
+    logic->enqueue([&] { logic->seqGetStatus(); });
+    // Three further polls count; the event is still expected.
+    for (int poll = 0; poll < 3; ++poll) {
+      logic->runOne();
+    }
+    EXPECT_EQ(log_->count(row.counterLine), 3u);
+    EXPECT_EQ(arbiter_.lum->count(row.madeUp), 0u);
+    logic->run(20);
+    EXPECT_GE(arbiter_.lum->count(row.madeUp), 1u);
+  }
+}
+
+TEST_F(LogicTest, EveryErrorPathEndsFailedIdleAndReleased) {
+  struct Row {
+    const char* proves;
+    uint32_t lumState;
+    std::function<void(Arbiter&)> fault;
+    std::function<void(TestLogic&)> run;
+    uint32_t code;
+  };
+  auto poll = [](TestLogic& l) { l.seqGetStatus(); };
+  const std::vector<Row> rows = {
+      {"download start refused", 1,
+       [](Arbiter& a) { a.lum->script["startDomainUpdateDownload"] = {1}; },
+       [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); }, 603},
+      {"update start without answer", 3,
+       [](Arbiter& a) { a.lum->script["startDomainUpdate"] = {kNoAnswer}; },
+       [](TestLogic& l) { l.seqSendStartDomainUpdate(); }, 605},
+      {"poll: invalid state", 3,
+       [](Arbiter& a) { a.lum->script["getDomainUpdateSessionState"] = {1}; }, poll, 608},
+      {"poll: status outside the table", 3,
+       [](Arbiter& a) { a.lum->script["getDomainUpdateSessionState"] = {9}; }, poll, 609},
+      {"download progress lost", 3,
+       [](Arbiter& a) { a.lum->script["getDomainUpdateDownloadProgress"] = {kNoAnswer}; }, poll,
+       616},
+      {"update progress lost", 5,
+       [](Arbiter& a) { a.lum->script["getDomainUpdateProgress"] = {kNoAnswer}; }, poll, 615},
+      {"result never arrives", 5,
+       [](Arbiter& a) {
+         a.lum->script["getDomainUpdateResult"] = {kNoAnswer, kNoAnswer, kNoAnswer};
+       },
+       [](TestLogic& l) { l.eventDomainErrorNotification(1, 4711); }, 4711},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make(false);
+    installing(*logic, row.lumState);
+    row.fault(arbiter_);
+    row.run(*logic);
+    logic->run(10);
+    EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
+    EXPECT_EQ(logic->getStateLUM(), 0u);
+    EXPECT_EQ(logic->getErrorCode(), row.code);
+    EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+    EXPECT_TRUE(log_->contains("InstallationFailed, errorCode [" + std::to_string(row.code) + "]"));
+  }
+}
+
+TEST_F(LogicTest, FacadeRefusedFailsWith601) {
+  std::unique_ptr<TestLogic> logic = make(false);
+  installing(*logic, 1);
+  arbiter_.holder = ACTIVE_DM;  // the channel lost its grant
+  logic->seqGetStatus();
+  EXPECT_EQ(logic->getErrorCode(), 601u);
+  EXPECT_TRUE(log_->contains("Unable to retrieve LUM interface!"));
+}
+
+TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
+  std::unique_ptr<TestLogic> logic = make();
+  installing(*logic, 5);
+  logic->eventDomainErrorNotification(1, 1234);
+  EXPECT_EQ(record_->getErrorCode(0), 1234);
+  ASSERT_EQ(logic->tasks.size(), 3u);
+  logic->run();
+  EXPECT_EQ(arbiter_.lum->calls,
+            (std::vector<std::string>{"getDomainUpdateResult", "closeDomainUpdateSession"}));
+  EXPECT_EQ(logic->hmi->seen.back(), "error:1234");
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
+  EXPECT_EQ(record_->getStateLum(9), 0u);
+  EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+}
+
+TEST_F(LogicTest, FinishedEventClosesThenFinishes) {
+  std::unique_ptr<TestLogic> logic = make();
+  installing(*logic, 5);
+  logic->eventDomainUpdateFinishedNotification(1);
+  logic->run();
+  EXPECT_EQ(arbiter_.lum->calls, std::vector<std::string>{"closeDomainUpdateSession"});
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFINISHED);
+  EXPECT_EQ(record_->getStateHmi(99), eINSTALLATIONFINISHED);
+  EXPECT_EQ(record_->getProgress(0), 100u);
+  EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+  // The driver's acknowledgement winds the update up.
+  logic->seqHmiStateChanged(eINSTALLATIONFINISHEDCONFIRMED);
+  EXPECT_EQ(logic->getStateHMI(), eINVALID);
+  EXPECT_EQ(record_->getTrainName(), "");
+  EXPECT_EQ(arbiter_.updateType, ORV_USB_UPDATETYPE_NONE);
+}
+
+TEST_F(LogicTest, ProgressAndOrderHelpers) {
+  std::unique_ptr<TestLogic> logic = make(false);
+  struct Row {
+    int64_t processed;
+    int64_t total;
+    uint32_t percent;
+    const char* logged;
+  };
+  const std::vector<Row> rows = {
+      {0, 0, 0, "Total bytes zero!"},
+      {150, 100, 100, "Processes bytes > total bytes!"},
+      {1, 3, 33, nullptr},
+      {-1, 3, 0, "Processed bytes negative!"},
+      {1, -3, 0, "Total bytes negative!"},
+      {INT64_MAX, INT64_MAX, 100, nullptr},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::to_string(row.processed) + "/" + std::to_string(row.total));
+    log_->clear();
+    EXPECT_EQ(logic->getProgress(row.processed, row.total), row.percent);
+    if (row.logged) {
+      kel::vxp3::minfw::testing::LogRecord record;
+      ASSERT_TRUE(log_->find(row.logged, &record));
+      EXPECT_NE(record.location.find("eventDebugMessageNotification"), std::string::npos);
+    }
+  }
+  EXPECT_TRUE(Logic::diagParseUpdateOrder("A;ORDER-1;B", "ORDER-1"));
+  EXPECT_FALSE(Logic::diagParseUpdateOrder("A;ORDER-1;B", ""));
+  EXPECT_FALSE(Logic::diagParseUpdateOrder("A;B", "ORDER-1"));
+  EXPECT_TRUE(log_->contains("Substring [ORDER-1] not found in [A;B], dtErrTxt ["));
+}
+
+// --- Restart -------------------------------------------------------------------------------
+
+TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
+  struct Resume {
+    uint32_t lumState;
+    std::vector<std::string> firstCalls;  // the LUM calls the resumption starts with
+  };
+  const std::vector<Resume> resumes = {
+      {0, {}},
+      {1, {"_internal:1", "getDomainUpdateSessionState"}},
+      {2, {"_internal:1", "checkProgrammingPreconditions", "startDomainUpdateDownload"}},
+      {3, {"_internal:1", "getDomainUpdateSessionState"}},
+      {4, {"_internal:1", "checkProgrammingPreconditions", "startDomainUpdate"}},
+      {5, {"_internal:1", "getDomainUpdateSessionState"}},
+      {6, {"_internal:1", "closeDomainUpdateSession"}},
+      {7, {"_internal:1", "getDomainUpdateSessionState"}},
+  };
+  for (const Resume& resume : resumes) {
+    for (uint32_t hmiState :
+         {static_cast<uint32_t>(eINSTALLATIONAVAILABLE), static_cast<uint32_t>(eINSTALLING)}) {
+      SCOPED_TRACE("stateLUM " + std::to_string(resume.lumState) + ", " + hmiStateName(hmiState));
+      TempDir dir;
+      auto record = std::make_shared<Persistence>(dir.path(), "persistence.json");
+      record->setStateLum(resume.lumState);
+      record->setStateHmi(hmiState);
+      record->setTrainName("T1");
+      record->setProgress(42);
+      arbiter_ = Arbiter{};
+      arbiter_.holder = ACTIVE_USB;
+      arbiter_.lum->script["getDomainUpdateSessionState"] = {4};
+      TestLogic logic(record, arbiter_);
+      logic.init();
+      logic.run(4 + resume.firstCalls.size());
+      std::vector<std::string> calls = arbiter_.lum->calls;
+      calls.resize(std::min(calls.size(), resume.firstCalls.size()));
+      EXPECT_EQ(calls, resume.firstCalls);
+      if (hmiState == eINSTALLATIONAVAILABLE) {
+        EXPECT_TRUE(
+            log_->contains("Resetting stateHMI from eINSTALLATIONAVAILABLE to eINVALID..."));
+        EXPECT_EQ(record->getStateHmi(99), resume.lumState == 6 ? eINSTALLATIONFINISHED : eINVALID);
+      } else {
+        ASSERT_GE(logic.hmi->seen.size(), 3u);
+        EXPECT_EQ(logic.hmi->seen[0], "state:9:T1");
+        EXPECT_EQ(logic.hmi->seen[1], "error:0");
+        EXPECT_EQ(logic.hmi->seen[2], "progress:42");
+      }
+      log_->clear();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orv
