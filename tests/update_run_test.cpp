@@ -1,0 +1,229 @@
+// Whole updates with real processes in one private network namespace: orvane, lum-sim and a
+// medium server, the update started through the workshop-laptop socket as a laptop does. Each
+// run ends in a defined HMI state with control released and the expected record; orvane killed
+// at every step of the session resumes after its restart and still reaches a defined end, and
+// its record is never torn. Real time: every wait is a bounded hang guard.
+
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "logic/base64.h"
+#include "minfw/json.h"
+#include "minfw/testing/temp_dir.h"
+#include "process.h"
+
+namespace orvane::testing {
+namespace {
+
+using kel::vxp3::minfw::json::JSON;
+using kel::vxp3::minfw::testing::readFile;
+using kel::vxp3::minfw::testing::TempDir;
+using kel::vxp3::minfw::testing::writeFile;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr const char* kConnected = "DiagLocalUpdateManagerControlClient connected!";
+constexpr const char* kMediumUrl = "http://127.0.0.1:29214/medium";
+constexpr auto kPatience = seconds(90);
+
+// The record as orvane left it; Null when missing or unreadable.
+JSON readRecord(const std::string& path) {
+  return JSON::Load(readFile(path));
+}
+
+int64_t member(const JSON& record, const char* key, int64_t absent = -1) {
+  const JSON* value = record.find(key);
+  return value != nullptr ? value->ToInt() : absent;
+}
+
+// One constellation: a medium folder served over HTTP, lum-sim with a scenario, and orvane.
+class UpdateRun {
+ public:
+  explicit UpdateRun(const std::string& scenario) {
+    const std::string medium = dir_.path() + "/medium";
+    const std::string keys = R"({"EncryptedFiles": [{"File": "/domain-app.pkg", )"
+                             R"("CryptoParameters": [{"Name": "Key", "Value": "00"}, )"
+                             R"({"Name": "IV", "Value": "01"}, {"Name": "Algorithm", )"
+                             R"("Value": "AES-256-GCM"}]}]})";
+    mkdirOrFail(medium);
+    writeFile(medium + "/NodboxUpdateMedium.json",
+              R"({"train": "TRAIN-9", "order": "ORDER-9", "manifests": ["m1.json"],)"
+              R"( "diagAddresses": ["6657"], "keyManifest": "KeyManifest.mose"})");
+    writeFile(medium + "/m1.json", R"({"manifest": "m1"})");
+    writeFile(medium + "/KeyManifest.mose",
+              orv::base64UrlEncode(R"({"alg":"DEBUG","enc":"DEBUG"})") + "." +
+                  orv::base64UrlEncode("key") + "." + orv::base64UrlEncode("iv") + "." +
+                  orv::base64UrlEncode(keys) + "." + orv::base64UrlEncode("tag"));
+    writeFile(dir_.path() + "/scenario.json", scenario);
+    mkdirOrFail(recordDir());
+    EXPECT_TRUE(server_.start(MEDIUM_SERVER_PATH, {"--dir", medium, "--port", "29214"}));
+    EXPECT_TRUE(lum_.start(LUM_SIM_PATH, {"--scenario", dir_.path() + "/scenario.json",
+                                          "--call-log", dir_.path() + "/calls.log"}));
+    EXPECT_TRUE(server_.waitForOutput("serving", seconds(20))) << server_.errorOutput();
+  }
+
+  std::string recordDir() const { return dir_.path() + "/record"; }
+  std::string recordPath() const { return recordDir() + "/persistence.json"; }
+  std::string calls() const { return readFile(dir_.path() + "/calls.log"); }
+  ChildProcess& orvane() { return *orvane_; }
+
+  // (Re)starts orvane and waits until it has found the LUM.
+  void startOrvane() {
+    orvane_ = std::make_unique<ChildProcess>();
+    ASSERT_TRUE(
+        orvane_->start(ORVANE_BIN, {"-console"}, {{"ORVANE_PERSISTENCE_DIR", recordDir()}}));
+    ASSERT_TRUE(orvane_->waitForOutput(kConnected, seconds(30))) << orvane_->output();
+    ASSERT_TRUE(orvane_->waitForOutput("Server created with FD", seconds(30))) << orvane_->output();
+  }
+
+  // Hands the medium's location over as the workshop laptop does.
+  void handOver() {
+    ChildProcess laptop;
+    ASSERT_TRUE(laptop.start(ORVANE_LAPTOP_PATH, {"start", kMediumUrl}));
+    ASSERT_EQ(laptop.wait(seconds(20)), 0) << laptop.output() << laptop.errorOutput();
+  }
+
+  void killOrvane() {
+    orvane_->kill(SIGKILL);
+    ASSERT_TRUE(orvane_->wait(seconds(10)));
+  }
+
+  // Polls the record until `ready` holds; false after `limit`.
+  bool waitForRecord(const std::function<bool(const JSON&)>& ready, milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (ready(readRecord(recordPath()))) {
+        return true;
+      }
+      std::this_thread::sleep_for(milliseconds(10));
+    }
+    return false;
+  }
+
+  // Waits until the record shows the update at rest: no LUM step, HMI back at eINVALID.
+  JSON waitForRest() {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    JSON record;
+    while (std::chrono::steady_clock::now() < deadline) {
+      record = readRecord(recordPath());
+      if (member(record, "statelum") == 0 && member(record, "statehmi") == 10 &&
+          member(record, "channel", 2) == 2) {
+        return record;
+      }
+      std::this_thread::sleep_for(milliseconds(100));
+    }
+    ADD_FAILURE() << "the update did not come to rest; record: " << record.dump() << "\n"
+                  << orvane_->output();
+    return record;
+  }
+
+ private:
+  static void mkdirOrFail(const std::string& path) {
+    ASSERT_EQ(::mkdir(path.c_str(), 0755), 0) << path;
+  }
+
+  TempDir dir_;
+  ChildProcess server_;
+  ChildProcess lum_;
+  std::unique_ptr<ChildProcess> orvane_;
+};
+
+TEST(UpdateRunTest, ThreadedFaultRunsEndInTheirDefinedState) {
+  struct Row {
+    const char* proves;
+    const char* session;  // lum-sim's scenario for the one session
+    int64_t errorCode;    // in the record at rest
+    const char* logged;   // a line orvane must have logged on the way
+  };
+  const std::vector<Row> rows = {
+      {"a clean update", R"({"analyseMs": 500, "downloadMs": 800, "installMs": 800})", 0,
+       "eINSTALLATIONFINISHEDCONFIRMED"},
+      {"a LUM error event", R"({"analyseMs": 500, "downloadMs": 3000,
+          "error": {"phase": "downloading", "afterMs": 300, "code": 4711}})",
+       4711, "errorCode: 4711"},
+      {"busy answers are waited out", R"({"analyseMs": 300, "downloadMs": 500, "installMs": 500,
+          "busy": {"createDomainUpdateSession": 1, "startDomainUpdate": 1}})",
+       0, "startDomainUpdate() return status [busy], retry in 10 seconds"},
+      {"a withheld ready-for-update event is made up by the poll",
+       R"({"analyseMs": 300, "downloadMs": 500, "installMs": 500,
+          "events": {"domainReadyForUpdateNotification": false}})",
+       0, "RETRY_DOWNLOAD (3)"},
+      {"a download start answered too late", R"({"analyseMs": 300, "downloadMs": 2000,
+          "delay": {"startDomainUpdateDownload": {"ms": 1500}}})",
+       603, "startDomainUpdateDownload failed!"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    UpdateRun run(std::string(R"({"sessions": [)") + row.session + "]}");
+    run.startOrvane();
+    run.handOver();
+    const JSON record = run.waitForRest();
+    EXPECT_EQ(member(record, "errorcode"), row.errorCode);
+    EXPECT_EQ(member(record, "channel"), 2);
+    EXPECT_EQ(record.find("trainname") ? record.find("trainname")->ToString() : "?", "");
+    if (row.errorCode == 0) {
+      EXPECT_EQ(member(record, "progress"), 100);
+    }
+    EXPECT_NE(run.orvane().output().find(row.logged), std::string::npos) << run.orvane().output();
+  }
+}
+
+TEST(UpdateRunTest, ThreadedKilledAtEveryStepResumesToADefinedEnd) {
+  struct Row {
+    const char* step;   // orvane's log line when it enters the step
+    int64_t stateLum;   // the step's value in the record when orvane is killed
+    const char* delay;  // lum-sim answers this operation late, to hold orvane in the step
+    std::vector<int64_t> errorCodes;  // the ends that the resumption may reach
+  };
+  // Held steps: the call has taken effect in the LUM, only its answer is outstanding, so the
+  // resumed call finds the LUM a step further and is refused (a failure with the step's code),
+  // or the poll picks the session up (a clean end).
+  const std::vector<Row> rows = {
+      {"[CreateSession]", 1, nullptr, {0}},
+      {"[StartCreateDownload]", 2, "startDomainUpdateDownload", {0, 603}},
+      {"[CreateDownload]", 3, nullptr, {0}},
+      {"[StartCreateUpdate]", 4, "startDomainUpdate", {0, 605}},
+      {"[CreateUpdate]", 5, nullptr, {0}},
+      {"[CloseUpdate]", 6, "closeDomainUpdateSession", {0}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.step);
+    std::string session = R"({"analyseMs": 2000, "downloadMs": 2500, "installMs": 2500)";
+    if (row.delay != nullptr) {
+      session += std::string(R"(, "delay": {")") + row.delay + R"(": {"ms": 900, "calls": 1}})";
+    }
+    UpdateRun run(R"({"sessions": [)" + session + "}]}");
+    run.startOrvane();
+    run.handOver();
+    ASSERT_TRUE(run.orvane().waitForOutput(row.step, kPatience)) << run.orvane().output();
+    // The step is logged before it is written: kill once the record holds it.
+    ASSERT_TRUE(run.waitForRecord(
+        [&](const JSON& r) { return member(r, "statelum") == row.stateLum; }, seconds(5)));
+    run.killOrvane();
+    // Whatever write the kill interrupted, the record is whole.
+    const JSON before = readRecord(run.recordPath());
+    ASSERT_EQ(before.JSONType(), JSON::Class::Object) << readFile(run.recordPath());
+    EXPECT_EQ(member(before, "channel"), 1);
+
+    run.startOrvane();
+    const JSON record = run.waitForRest();
+    const int64_t code = member(record, "errorcode");
+    EXPECT_NE(std::find(row.errorCodes.begin(), row.errorCodes.end(), code), row.errorCodes.end())
+        << "error code " << code << "\n"
+        << run.orvane().output();
+    // The restarted orvane showed the interrupted installation again before resuming it.
+    EXPECT_NE(run.orvane().output().find("stateHMI is [eINSTALLING]"), std::string::npos);
+    EXPECT_NE(run.orvane().output().find("init:: Sync HMI state [eINSTALLING] to welo"),
+              std::string::npos);
+  }
+}
+
+}  // namespace
+}  // namespace orvane::testing
