@@ -3,10 +3,6 @@
 // HTTP, the head unit played by a double that confirms as a driver would. Real time: every wait
 // is a bounded hang guard, never a timing assertion.
 #include <gtest/gtest.h>
-#include <httplib.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -22,12 +18,14 @@
 #include "logic/logic.h"
 #include "logic/multiplexer.h"
 #include "logic/persistence.h"
+#include "logic/testing/http_server.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/inbox.h"
 #include "minfw/testing/temp_dir.h"
 #include "platform/someip/config.h"
 #include "platform/someip/runtime.h"
+#include "process.h"
 
 namespace orv {
 namespace {
@@ -41,33 +39,6 @@ using kel::vxp3::minfw::testing::writeFile;
 using namespace std::chrono_literals;
 
 constexpr auto kPatience = 60s;
-
-// The lum-sim process; SIGKILLed if still running at the end.
-class LumSim {
- public:
-  explicit LumSim(const std::vector<std::string>& args) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      std::vector<char*> argv;
-      for (const auto& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
-      }
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-  }
-  ~LumSim() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  bool started() const { return pid_ > 0; }
-
- private:
-  pid_t pid_ = -1;
-};
 
 // The head unit with a driver who confirms every offer and acknowledges every end.
 class ConfirmingHmi : public IHmiService {
@@ -138,43 +109,20 @@ class TestMultiplexer : public Multiplexer {
 };
 
 // The medium: a description, a DEBUG key manifest and the update manifest, over HTTP.
-class MediumServer {
- public:
-  MediumServer() {
-    files_["NodboxUpdateMedium.json"] =
-        R"({"train": "TRAIN-7", "order": "ORDER-7", "manifests": ["m1.json"],)"
-        R"( "diagAddresses": ["6657"], "keyManifest": "KeyManifest.mose"})";
-    const std::string payload =
-        R"({"EncryptedFiles": [{"File": "/domain-app.pkg", "CryptoParameters": [)"
-        R"({"Name": "Key", "Value": "00"}, {"Name": "IV", "Value": "01"},)"
-        R"( {"Name": "Algorithm", "Value": "AES-256-GCM"}]}]})";
-    files_["KeyManifest.mose"] = base64UrlEncode(R"({"alg":"DEBUG","enc":"DEBUG"})") + "." +
-                                 base64UrlEncode("key") + "." + base64UrlEncode("iv") + "." +
-                                 base64UrlEncode(payload) + "." + base64UrlEncode("tag");
-    files_["m1.json"] = R"({"manifest": "m1"})";
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    server_.Get(R"(/medium/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
-      auto found = files_.find(req.matches[1]);
-      if (found == files_.end()) {
-        res.status = 404;
-        return;
-      }
-      res.set_content(found->second, "application/octet-stream");
-    });
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-  }
-  ~MediumServer() {
-    server_.stop();
-    thread_.join();
-  }
-  std::string location() const { return cat("http://127.0.0.1:", port_, "/medium"); }
-
- private:
-  std::map<std::string, std::string> files_;
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
-};
+void serveMedium(orv::testing::HttpServer& server) {
+  server.put("/medium/NodboxUpdateMedium.json",
+             R"({"train": "TRAIN-7", "order": "ORDER-7", "manifests": ["m1.json"],)"
+             R"( "diagAddresses": ["6657"], "keyManifest": "KeyManifest.mose"})");
+  const std::string payload =
+      R"({"EncryptedFiles": [{"File": "/domain-app.pkg", "CryptoParameters": [)"
+      R"({"Name": "Key", "Value": "00"}, {"Name": "IV", "Value": "01"},)"
+      R"( {"Name": "Algorithm", "Value": "AES-256-GCM"}]}]})";
+  server.put("/medium/KeyManifest.mose", base64UrlEncode(R"({"alg":"DEBUG","enc":"DEBUG"})") + "." +
+                                             base64UrlEncode("key") + "." + base64UrlEncode("iv") +
+                                             "." + base64UrlEncode(payload) + "." +
+                                             base64UrlEncode("tag"));
+  server.put("/medium/m1.json", R"({"manifest": "m1"})");
+}
 
 // The operation names of lum-sim's call log, without the status polls and progress queries.
 std::vector<std::string> sessionCalls(const std::string& log) {
@@ -213,8 +161,9 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
       {"analyseMs": 300, "downloadMs": 3000,
        "error": {"phase": "downloading", "afterMs": 300, "code": 4711}}]})");
   const std::string config = ORVANE_SOURCE_DIR "/config/host.json";
-  LumSim lumSim({LUM_SIM_PATH, "--scenario", scenario, "--call-log", callLog, "--config", config});
-  ASSERT_TRUE(lumSim.started());
+  orvane::testing::ChildProcess lumSim;
+  ASSERT_TRUE(lumSim.start(LUM_SIM_PATH,
+                           {"--scenario", scenario, "--call-log", callLog, "--config", config}));
 
   platform::someip::HostConfig hostConfig;
   std::string error;
@@ -222,7 +171,9 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
   auto runtime = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(runtime) << error;
 
-  MediumServer medium;
+  orv::testing::HttpServer server;
+  serveMedium(server);
+  const std::string location = server.base() + "/medium";
   ScopedLogCapture log;
   Inbox inbox;
   auto record = std::make_shared<Persistence>(dir.path(), "persistence.json");
@@ -234,7 +185,7 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
     Logic& logic = mux.logic();
 
     // A clean update.
-    logic.inputUsbInserted(medium.location());
+    logic.inputUsbInserted(location);
     ASSERT_TRUE(inbox.waitFor("state:5", kPatience)) << "no eINSTALLATIONFINISHED";
     ASSERT_TRUE(waitForRest(logic, inbox));
     EXPECT_EQ(record->getStateHmi(99), eINVALID);
@@ -249,7 +200,7 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
         log->contains("found at index [0], File [domain-app.pkg], CryptoParameters.size()=3"));
 
     // The next session fails in the LUM: its code reaches the record, control goes back.
-    logic.inputUsbInserted(medium.location());
+    logic.inputUsbInserted(location);
     ASSERT_TRUE(inbox.waitFor("error:4711", kPatience)) << "no failure reported";
     ASSERT_TRUE(waitForRest(logic, inbox));
     EXPECT_EQ(record->getErrorCode(0), 4711);

@@ -813,11 +813,8 @@ void Logic::seqInstallationStart() {
 
 bool Logic::seqCheckProgrammingPreconditions() {
   MLOG_INFO(kTag, "Check programming preconditions");
-  std::shared_ptr<DiagLUMControlClient> lum =
-      signalRequestInterface ? signalRequestInterface(ACTIVE_USB) : nullptr;
+  std::shared_ptr<DiagLUMControlClient> lum = lumOrFail();
   if (!lum) {
-    MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
-    seqInstallationFailed(kErrNoInterface);
     return false;
   }
   Client::CheckProgrammingPreconditionsOutput out;
@@ -847,6 +844,32 @@ bool Logic::seqCheckProgrammingPreconditions() {
   return true;
 }
 
+std::shared_ptr<DiagLUMControlClient> Logic::lumOrFail() {
+  std::shared_ptr<DiagLUMControlClient> lum =
+      signalRequestInterface ? signalRequestInterface(ACTIVE_USB) : nullptr;
+  if (!lum) {
+    MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
+    seqInstallationFailed(kErrNoInterface);
+  }
+  return lum;
+}
+
+bool Logic::callSession(const char* op, SessionCall call, std::string* refusal) {
+  std::shared_ptr<DiagLUMControlClient> lum = lumOrFail();
+  if (!lum) {
+    return false;
+  }
+  lum11::methods::StatusOutput out;
+  const bool answered = callUntilNotBusy(
+      std::string(op) + "() return status [busy], retry in 10 seconds", kBusyPauseMs, out,
+      [&](lum11::methods::StatusOutput& o) { return ((*lum).*call)(kClientId, riid_, o, true); });
+  if (answered && status(out.returnStatus) == kReturnOk) {
+    return true;
+  }
+  *refusal = answered ? lum::sequenceReturnStatusName(status(out.returnStatus)) : "no answer";
+  return false;
+}
+
 // An event queued before the update ended (failed meanwhile) finds no session to go on with.
 bool Logic::sessionRunning() const {
   if (stateLUM_ == 0) {
@@ -865,25 +888,15 @@ void Logic::seqSendStartDomainUpdateDownload() {
   }
   MLOG_INFO(kTag, "Start download phase");
   setStateLUM(2);
-  std::shared_ptr<DiagLUMControlClient> lum = signalRequestInterface(ACTIVE_USB);
-  if (!lum) {
-    MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
-    seqInstallationFailed(kErrNoInterface);
-    return;
-  }
-  Client::StartDomainUpdateDownloadOutput out;
-  const bool answered =
-      callUntilNotBusy("startDomainUpdateDownload() return status [busy], retry in 10 seconds",
-                       kBusyPauseMs, out, [&](Client::StartDomainUpdateDownloadOutput& o) {
-                         return lum->startDomainUpdateDownload(kClientId, riid_, o, true);
-                       });
-  if (answered && status(out.returnStatus) == kReturnOk) {
+  std::string refusal;
+  if (callSession("startDomainUpdateDownload", &DiagLUMControlClient::startDomainUpdateDownload,
+                  &refusal)) {
     setStateLUM(3);
     queuePoll();
-    return;
+  } else if (!refusal.empty()) {
+    MLOG_ERROR(kTag, "startDomainUpdateDownload failed!");
+    seqInstallationFailed(kErrStartDownload);
   }
-  MLOG_ERROR(kTag, "startDomainUpdateDownload failed!");
-  seqInstallationFailed(kErrStartDownload);
 }
 
 void Logic::seqSendStartDomainUpdate() {
@@ -897,25 +910,14 @@ void Logic::seqSendStartDomainUpdate() {
     return;
   }
   MLOG_INFO(kTag, "Start update");
-  std::shared_ptr<DiagLUMControlClient> lum = signalRequestInterface(ACTIVE_USB);
-  if (!lum) {
-    MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
-    seqInstallationFailed(kErrNoInterface);
-    return;
-  }
-  Client::StartDomainUpdateOutput out;
-  const bool answered =
-      callUntilNotBusy("startDomainUpdate() return status [busy], retry in 10 seconds",
-                       kBusyPauseMs, out, [&](Client::StartDomainUpdateOutput& o) {
-                         return lum->startDomainUpdate(kClientId, riid_, o, true);
-                       });
-  if (answered && status(out.returnStatus) == kReturnOk) {
+  std::string refusal;
+  if (callSession("startDomainUpdate", &DiagLUMControlClient::startDomainUpdate, &refusal)) {
     setStateLUM(5);
     queuePoll();
-    return;
+  } else if (!refusal.empty()) {
+    MLOG_ERROR(kTag, "startDomainUpdate failed!");
+    seqInstallationFailed(kErrStartUpdate);
   }
-  MLOG_ERROR(kTag, "startDomainUpdate failed!");
-  seqInstallationFailed(kErrStartUpdate);
 }
 
 // Polling goes on after a started phase; a chain that is already running carries on by itself.
@@ -935,9 +937,8 @@ void Logic::seqGetStatus() {
   std::shared_ptr<DiagLUMControlClient> lum =
       signalRequestInterface ? signalRequestInterface(ACTIVE_USB) : nullptr;
   if (!lum) {
-    MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
     polling_ = false;
-    seqInstallationFailed(kErrNoInterface);
+    lumOrFail();
     return;
   }
   Client::GetDomainUpdateSessionStateOutput state;
@@ -994,18 +995,7 @@ void Logic::seqGetStatus() {
         seqInstallationFailed(kErrDownloadProgress);
         return;
       }
-      MLOG_INFO(kTag, "getDomainUpdateDownloadProgress: returnStatus=[",
-                lum::sequenceReturnStatusName(status(progress.returnStatus)), "], processedBytes=[",
-                progress.processedBytes, "], totalBytes=[", progress.totalBytes,
-                "], currentPackageNumber=[", progress.currentPackageNumber,
-                "], totalPackageNumber=[", progress.totalPackageNumber, "], packageName=[",
-                progress.packageName, "], currentProcessingState=[",
-                toString(progress.currentProcessingState), "], currentProcessingDetails=[",
-                progress.currentProcessingDetails, "]");
-      seqUpdateProgress(getProgress(progress.processedBytes, progress.totalBytes));
-      if (signalUSBhmiSetPackageName) {
-        signalUSBhmiSetPackageName(progress.packageName);
-      }
+      reportProgress("getDomainUpdateDownloadProgress: ", progress);
     }
     if (goOn && step == 5) {
       handled = true;
@@ -1021,18 +1011,7 @@ void Logic::seqGetStatus() {
           seqInstallationFailed(kErrUpdateProgress);
           return;
         }
-        MLOG_INFO(kTag, "getDomainUpdateProgress: returnStatus=[",
-                  lum::sequenceReturnStatusName(status(progress.returnStatus)),
-                  "], processedBytes=[", progress.processedBytes, "], totalBytes=[",
-                  progress.totalBytes, "], currentPackageNumber=[", progress.currentPackageNumber,
-                  "], totalPackageNumber=[", progress.totalPackageNumber, "], packageName=[",
-                  progress.packageName, "], currentProcessingState=[",
-                  toString(progress.currentProcessingState), "], currentProcessingDetails=[",
-                  progress.currentProcessingDetails, "]");
-        seqUpdateProgress(getProgress(progress.processedBytes, progress.totalBytes));
-        if (signalUSBhmiSetPackageName) {
-          signalUSBhmiSetPackageName(progress.packageName);
-        }
+        reportProgress("getDomainUpdateProgress: ", progress);
       }
     }
     if (goOn && step == 7 && ps != PS::cancelling) {
@@ -1088,6 +1067,21 @@ uint32_t Logic::getProgress(int64_t processedBytes, int64_t totalBytes) {
   return static_cast<uint32_t>(processedBytes * 100 / totalBytes);
 }
 
+template <typename Progress>
+void Logic::reportProgress(const char* label, const Progress& progress) {
+  MLOG_INFO(kTag, label, "returnStatus=[",
+            lum::sequenceReturnStatusName(status(progress.returnStatus)), "], processedBytes=[",
+            progress.processedBytes, "], totalBytes=[", progress.totalBytes,
+            "], currentPackageNumber=[", progress.currentPackageNumber, "], totalPackageNumber=[",
+            progress.totalPackageNumber, "], packageName=[", progress.packageName,
+            "], currentProcessingState=[", toString(progress.currentProcessingState),
+            "], currentProcessingDetails=[", progress.currentProcessingDetails, "]");
+  seqUpdateProgress(getProgress(progress.processedBytes, progress.totalBytes));
+  if (signalUSBhmiSetPackageName) {
+    signalUSBhmiSetPackageName(progress.packageName);
+  }
+}
+
 void Logic::seqUpdateProgress(uint32_t percent) {
   if (!signalUSBhmiSetProgress) {
     MLOG_ERROR(kTag, "signalUSBhmiSetProgress not set!");
@@ -1102,11 +1096,8 @@ void Logic::seqUpdateProgress(uint32_t percent) {
 }
 
 void Logic::seqGetDomainUpdateResult() {
-  std::shared_ptr<DiagLUMControlClient> lum =
-      signalRequestInterface ? signalRequestInterface(ACTIVE_USB) : nullptr;
+  std::shared_ptr<DiagLUMControlClient> lum = lumOrFail();
   if (!lum) {
-    MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
-    seqInstallationFailed(kErrNoInterface);
     return;
   }
   for (int attempt = 1; attempt <= kResultTries; ++attempt) {
@@ -1152,25 +1143,13 @@ void Logic::seqCloseDomainUpdate() {
     return;
   }
   setStateLUM(6);
-  std::shared_ptr<DiagLUMControlClient> lum =
-      signalRequestInterface ? signalRequestInterface(ACTIVE_USB) : nullptr;
-  if (!lum) {
-    MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
-    seqInstallationFailed(kErrNoInterface);
-    return;
-  }
-  Client::CloseDomainUpdateSessionOutput out;
-  const bool answered =
-      callUntilNotBusy("closeDomainUpdateSession() return status [busy], retry in 10 seconds",
-                       kBusyPauseMs, out, [&](Client::CloseDomainUpdateSessionOutput& o) {
-                         return lum->closeDomainUpdateSession(kClientId, riid_, o, true);
-                       });
-  if (!answered || status(out.returnStatus) != kReturnOk) {
+  std::string refusal;
+  if (!callSession("closeDomainUpdateSession", &DiagLUMControlClient::closeDomainUpdateSession,
+                   &refusal) &&
+      !refusal.empty()) {
     // The session ends with the update either way; the LUM discards an unclosed session when
     // the next one is created.
-    MLOG_WARN(kTag, "closeDomainUpdateSession: return status [",
-              answered ? lum::sequenceReturnStatusName(status(out.returnStatus)) : "no answer",
-              "]");
+    MLOG_WARN(kTag, "closeDomainUpdateSession: return status [", refusal, "]");
   }
 }
 

@@ -176,6 +176,16 @@ class Logic : public ILumChannel {
   void resume();
   void queuePoll();
   bool sessionRunning() const;
+  // The USB channel's facade; without one the update fails with 601.
+  std::shared_ptr<DiagLUMControlClient> lumOrFail();
+  // One session call with retry on busy: true when the LUM accepted it; otherwise `refusal` is
+  // the answer's name or "no answer", or stays empty when there was no facade (already failed).
+  using SessionCall = bool (DiagLUMControlClient::*)(const std::string&, uint16_t,
+                                                     lum11::methods::StatusOutput&, bool);
+  bool callSession(const char* op, SessionCall call, std::string* refusal);
+  // Logs a progress answer under `label` and passes its percentage and package on.
+  template <typename Progress>
+  void reportProgress(const char* label, const Progress& progress);
 
   std::shared_ptr<Persistence> persistence_;
   std::unique_ptr<IHmiService> hmi_;

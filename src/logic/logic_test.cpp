@@ -1,7 +1,6 @@
 #include "logic/logic.h"
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 #include <deque>
 #include <map>
@@ -13,6 +12,7 @@
 #include "interfaces/lum/diag_lum_control_client.h"
 #include "logic/base64.h"
 #include "logic/persistence.h"
+#include "logic/testing/http_server.h"
 #include "minfw/json.h"
 #include "minfw/log.h"
 #include "minfw/testing/capture_sink.h"
@@ -238,33 +238,6 @@ class TestLogic : public Logic {
   }
 };
 
-class MediumServer {
- public:
-  MediumServer() {
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    server_.Get(R"(/medium/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
-      auto found = files_.find(req.matches[1]);
-      if (found == files_.end()) {
-        res.status = 404;
-        return;
-      }
-      res.set_content(found->second, "application/octet-stream");
-    });
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-  }
-  ~MediumServer() {
-    server_.stop();
-    thread_.join();
-  }
-  std::string location() const { return "http://127.0.0.1:" + std::to_string(port_) + "/medium"; }
-  std::map<std::string, std::string> files_;
-
- private:
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
-};
-
 // A DEBUG container whose cipher text is `payload`, its key part padded so that the whole text
 // is exactly `size` bytes when given.
 std::string debugManifest(const std::string& payload, size_t size = 0) {
@@ -281,10 +254,10 @@ std::string debugManifest(const std::string& payload, size_t size = 0) {
 class LogicTest : public ::testing::Test {
  protected:
   LogicTest() : clock_(SimulatedClock::Mode::kAutoAdvance), scoped_(clock_) {
-    medium_.files_["NodboxUpdateMedium.json"] =
-        R"({"train": "T1", "order": "ORDER-1", "manifests": ["m1.json"],)"
-        R"( "diagAddresses": ["6657"], "keyManifest": "keys/KeyManifest.mose"})";
-    medium_.files_["keys/KeyManifest.mose"] = debugManifest(kPayload);
+    medium_.put("/medium/NodboxUpdateMedium.json",
+                R"({"train": "T1", "order": "ORDER-1", "manifests": ["m1.json"],)"
+                R"( "diagAddresses": ["6657"], "keyManifest": "keys/KeyManifest.mose"})");
+    medium_.put("/medium/keys/KeyManifest.mose", debugManifest(kPayload));
   }
 
   static constexpr const char* kPayload =
@@ -293,9 +266,11 @@ class LogicTest : public ::testing::Test {
       R"( {"Name": "IV", "Value": "iv1"}, {"Name": "Algorithm", "Value": "DEBUG"}]},)"
       R"({"File": "/data/bad.bin", "CryptoParameters": [{"Name": "Key", "Value": "k2"}]}]})";
 
+  std::string location() const { return medium_.base() + "/medium"; }
+
   // Presents the medium and runs the analysis: the offer stands afterwards.
   void offer(TestLogic& logic) {
-    logic.inputUsbInserted(medium_.location());
+    logic.inputUsbInserted(location());
     logic.run(4);
     ASSERT_EQ(logic.getStateHMI(), eINSTALLATIONAVAILABLE);
   }
@@ -320,7 +295,7 @@ class LogicTest : public ::testing::Test {
     logic.setStateLUM(lumState);
   }
 
-  MediumServer medium_;
+  orv::testing::HttpServer medium_;
   SimulatedClock clock_;
   ScopedClock scoped_;
   ScopedLogCapture log_;
@@ -468,10 +443,10 @@ TEST_F(LogicTest, DiagnosticStartTable) {
 
 TEST_F(LogicTest, MediumFaultsFailTheAnalysisWith610) {
   std::unique_ptr<TestLogic> logic = make();
-  medium_.files_["NodboxUpdateMedium.json"] = R"({"train": "T1", "manifests": []})";
-  logic->inputUsbInserted(medium_.location());
+  medium_.put("/medium/NodboxUpdateMedium.json", R"({"train": "T1", "manifests": []})");
+  logic->inputUsbInserted(location());
   logic->run(4);
-  EXPECT_TRUE(log_->contains("Error reading update medium at [" + medium_.location() + "]!"));
+  EXPECT_TRUE(log_->contains("Error reading update medium at [" + location() + "]!"));
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
   EXPECT_EQ(record_->getErrorCode(0), 610);
 }
@@ -479,7 +454,7 @@ TEST_F(LogicTest, MediumFaultsFailTheAnalysisWith610) {
 TEST_F(LogicTest, AnalysisRejectsWhileTheDiagnosticMasterHoldsTheLum) {
   std::unique_ptr<TestLogic> logic = make();
   arbiter_.holder = ACTIVE_DM;
-  logic->inputUsbInserted(medium_.location());
+  logic->inputUsbInserted(location());
   logic->run(4);
   EXPECT_TRUE(log_->contains("OTA update in progress!"));
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONREJECTED);
@@ -505,9 +480,9 @@ TEST_F(LogicTest, KeyManifestSizeLimitAndFaults) {
     std::unique_ptr<TestLogic> logic = make();
     offer(*logic);
     if (row.manifest.empty()) {
-      medium_.files_.erase("keys/KeyManifest.mose");
+      medium_.remove("/medium/keys/KeyManifest.mose");
     } else {
-      medium_.files_["keys/KeyManifest.mose"] = row.manifest;
+      medium_.put("/medium/keys/KeyManifest.mose", row.manifest);
     }
     EXPECT_EQ(logic->ReadKeyManifest(), row.read);
     logic->run(4);
@@ -555,7 +530,7 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
     ASSERT_EQ(response.urlInfo.size(), 1u);
     if (row.error == lum11::CM_UrlError::noError) {
       const auto info = kel::vxp3::minfw::json::JSON::Load(response.urlInfo[0]);
-      EXPECT_EQ(info.find("url")->ToString(), medium_.location() + "/pkg.bin");
+      EXPECT_EQ(info.find("url")->ToString(), location() + "/pkg.bin");
       EXPECT_EQ(info.find("cryptoParameters")->size(), 3u);
     } else {
       EXPECT_EQ(response.urlInfo[0], "");

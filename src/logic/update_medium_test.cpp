@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "logic/http.h"
+#include "logic/testing/http_server.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/simulated_clock.h"
 
@@ -31,103 +32,6 @@ using kel::vxp3::minfw::testing::SimulatedClock;
 constexpr const char* kGood =
     R"({"train": "T1", "order": "O1", "manifests": ["a.json", "b.json"],)"
     R"( "diagAddresses": ["6657", "0x1A02", "0"], "keyManifest": "keys/km.mose"})";
-
-// A medium server: files by path, HEAD answered by the library from the GET handler. `noLength`
-// paths answer HEAD without Content-Length, `headSays` paths announce a size of their own,
-// `status` paths answer with that status.
-class Server {
- public:
-  explicit Server(const std::string& host = "127.0.0.1") {
-    server_.Get(R"(/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      ++requests_[req.method + " " + req.path];
-      lastHost_ = req.get_header_value("Host");
-      int& failing = failFirst_[req.path];
-      if (failing > 0) {
-        --failing;
-        res.status = 503;
-        return;
-      }
-      const auto status = statuses_.find(req.path);
-      if (status != statuses_.end()) {
-        res.status = status->second;
-        return;
-      }
-      const auto file = files_.find(req.path);
-      if (file == files_.end()) {
-        res.status = 404;
-        return;
-      }
-      const auto lie = headSizes_.find(req.path);
-      if (req.method == "HEAD" && lie != headSizes_.end()) {
-        res.set_content(std::string(lie->second, ' '), "application/json");
-        return;
-      }
-      if (req.method == "HEAD" && noLength_.count(req.path) != 0) {
-        // A chunked reply announces no length.
-        res.set_chunked_content_provider("application/json", [](size_t, httplib::DataSink& sink) {
-          sink.done();
-          return true;
-        });
-        return;
-      }
-      res.set_content(file->second, "application/json");
-    });
-    port_ = server_.bind_to_any_port(host);
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    base_ = "http://" + (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
-            std::to_string(port_);
-  }
-  ~Server() {
-    server_.stop();
-    thread_.join();
-  }
-  void put(const std::string& path, const std::string& body) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    files_[path] = body;
-  }
-  void status(const std::string& path, int code) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    statuses_[path] = code;
-  }
-  void withoutLength(const std::string& path) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    noLength_.insert(path);
-  }
-  // The next `count` requests for `path` are answered 503.
-  void failFirst(const std::string& path, int count) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    failFirst_[path] = count;
-  }
-  // HEAD announces `size` bytes whatever the file holds.
-  void headSays(const std::string& path, size_t size) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    headSizes_[path] = size;
-  }
-  int requests(const std::string& key) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_[key];
-  }
-  std::string lastHost() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lastHost_;
-  }
-  const std::string& base() const { return base_; }
-
- private:
-  httplib::Server server_;
-  std::mutex mutex_;  // guards the maps, read on the server's threads
-  std::map<std::string, std::string> files_;
-  std::map<std::string, int> statuses_;
-  std::set<std::string> noLength_;
-  std::map<std::string, size_t> headSizes_;
-  std::map<std::string, int> failFirst_;
-  std::string lastHost_;
-  std::map<std::string, int> requests_;
-  int port_ = 0;
-  std::string base_;
-  std::thread thread_;
-};
 
 // True when an error record's message is exactly `text`.
 bool loggedError(ScopedLogCapture& log, const std::string& text) {
@@ -147,7 +51,7 @@ class UpdateMediumTest : public ::testing::Test {
   SimulatedClock clock_;
   ScopedClock scoped_;
   ScopedLogCapture log_;
-  Server server_;
+  orv::testing::HttpServer server_;
 };
 
 TEST_F(UpdateMediumTest, GoodDescriptionWithAndWithoutFinalSlash) {
@@ -301,7 +205,7 @@ TEST_F(UpdateMediumTest, HttpFaultsAndRetries) {
   struct Row {
     const char* proves;
     std::string url;
-    std::function<void(Server&)> arrange;
+    std::function<void(orv::testing::HttpServer&)> arrange;
     bool sized;
     std::vector<std::string> logged;
   };
@@ -317,7 +221,7 @@ TEST_F(UpdateMediumTest, HttpFaultsAndRetries) {
        {"Bad URL [http://127.0.0.1:70000/x]"}},
       {"HEAD without Content-Length",
        base + "/nolen",
-       [](Server& s) {
+       [](orv::testing::HttpServer& s) {
          s.put("/nolen", "{}");
          s.withoutLength("/nolen");
        },
@@ -325,12 +229,12 @@ TEST_F(UpdateMediumTest, HttpFaultsAndRetries) {
        {"Content-Length=[]", "Unable to convert [] to uint64_t"}},
       {"HEAD refused",
        base + "/gone",
-       [](Server& s) { s.status("/gone", 503); },
+       [](orv::testing::HttpServer& s) { s.status("/gone", 503); },
        false,
        {"Request status = [503] for [" + base + "/gone]"}},
       {"GET refused",
        base + "/gone",
-       [](Server& s) { s.status("/gone", 404); },
+       [](orv::testing::HttpServer& s) { s.status("/gone", 404); },
        true,
        {"GET [" + base + "/gone]: Status=404"}},
   };
@@ -430,7 +334,7 @@ TEST_F(UpdateMediumTest, AServerThatNeverAnswersTimesOut) {
 }
 
 TEST_F(UpdateMediumTest, Ipv6LiteralHost) {
-  Server v6("::1");
+  orv::testing::HttpServer v6("::1");
   v6.put("/usb/NodboxUpdateMedium.json", kGood);
   UpdateMedium medium;
   ASSERT_TRUE(medium.Parse(v6.base() + "/usb"));

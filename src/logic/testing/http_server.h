@@ -1,0 +1,119 @@
+#pragma once
+// HttpServer: a real cpp-httplib server on a free loopback port, for tests of the code that
+// fetches update media. Files are set per path while it runs.
+//
+// Threading: the server answers on its own threads; mutex_ guards everything they read, so a
+// test may change files at any time.
+
+#include <httplib.h>
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+namespace orv::testing {
+
+// A medium server: files by path, HEAD answered by the library from the GET handler. `noLength`
+// paths answer HEAD without Content-Length, `headSays` paths announce a size of their own,
+// `status` paths answer with that status.
+class HttpServer {
+ public:
+  explicit HttpServer(const std::string& host = "127.0.0.1") {
+    server_.Get(R"(/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ++requests_[req.method + " " + req.path];
+      lastHost_ = req.get_header_value("Host");
+      int& failing = failFirst_[req.path];
+      if (failing > 0) {
+        --failing;
+        res.status = 503;
+        return;
+      }
+      const auto status = statuses_.find(req.path);
+      if (status != statuses_.end()) {
+        res.status = status->second;
+        return;
+      }
+      const auto file = files_.find(req.path);
+      if (file == files_.end()) {
+        res.status = 404;
+        return;
+      }
+      const auto lie = headSizes_.find(req.path);
+      if (req.method == "HEAD" && lie != headSizes_.end()) {
+        res.set_content(std::string(lie->second, ' '), "application/json");
+        return;
+      }
+      if (req.method == "HEAD" && noLength_.count(req.path) != 0) {
+        // A chunked reply announces no length.
+        res.set_chunked_content_provider("application/json", [](size_t, httplib::DataSink& sink) {
+          sink.done();
+          return true;
+        });
+        return;
+      }
+      res.set_content(file->second, "application/json");
+    });
+    port_ = server_.bind_to_any_port(host);
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    base_ = "http://" + (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
+            std::to_string(port_);
+  }
+  ~HttpServer() {
+    server_.stop();
+    thread_.join();
+  }
+  void put(const std::string& path, const std::string& body) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    files_[path] = body;
+  }
+  void remove(const std::string& path) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    files_.erase(path);
+  }
+  void status(const std::string& path, int code) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    statuses_[path] = code;
+  }
+  void withoutLength(const std::string& path) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    noLength_.insert(path);
+  }
+  // The next `count` requests for `path` are answered 503.
+  void failFirst(const std::string& path, int count) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    failFirst_[path] = count;
+  }
+  // HEAD announces `size` bytes whatever the file holds.
+  void headSays(const std::string& path, size_t size) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    headSizes_[path] = size;
+  }
+  int requests(const std::string& key) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_[key];
+  }
+  std::string lastHost() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lastHost_;
+  }
+  const std::string& base() const { return base_; }
+
+ private:
+  httplib::Server server_;
+  std::mutex mutex_;  // guards the maps, read on the server's threads
+  std::map<std::string, std::string> files_;
+  std::map<std::string, int> statuses_;
+  std::set<std::string> noLength_;
+  std::map<std::string, size_t> headSizes_;
+  std::map<std::string, int> failFirst_;
+  std::string lastHost_;
+  std::map<std::string, int> requests_;
+  int port_ = 0;
+  std::string base_;
+  std::thread thread_;
+};
+
+}  // namespace orv::testing
