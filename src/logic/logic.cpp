@@ -92,15 +92,20 @@ Logic::Logic(std::shared_ptr<Persistence> persistence) : persistence_(std::move(
 }
 
 Logic::~Logic() {
-  // drain() logs "Waiting on threadPool, size=" and "Waiting on threadPool done".
+  // From here on no new task is queued and the waiting tasks give up, so the queue runs out even
+  // without a LUM. drain() logs "Waiting on threadPool, size=" and "Waiting on threadPool done".
+  stopping_ = true;
   pool_->drain();
-  // The HMI service's threads feed the pool: stop them, then let their last inputs run out.
+  // Nothing runs on the pool any more: the HMI service (and its socket thread) can go.
   hmi_.reset();
-  pool_->drain();
   pool_.reset();
 }
 
 void Logic::enqueue(std::function<void()> task) {
+  if (stopping_) {
+    MLOG_WARN(kTag, "Shutting down, task dropped");
+    return;
+  }
   pool_->enqueue(std::move(task));
 }
 
@@ -122,6 +127,7 @@ bool Logic::init() {
     {
       std::lock_guard<std::mutex> lock(mediumMutex_);
       keyManifest_ = persistence_->getKeyManifest();
+      medium_.usbPath = persistence_->getUsbPath();
     }
     MLOG_INFO(kTag, "stateHMI is [", hmiStateName(stateHMI_), "]");
     MLOG_INFO(kTag, "stateLUM is [", lum::sessionStepName(stateLUM_), "]");
@@ -200,7 +206,7 @@ void Logic::waitForLum() {
     throw std::runtime_error("init:: no signalQueryAlive!");
   }
   while (!signalQueryAlive()) {
-    if (pool_->stopping()) {
+    if (stopping_ || pool_->stopping()) {
       MLOG_WARN(kTag, "Thread interrupted!");
       return;
     }
@@ -235,20 +241,10 @@ void Logic::resume() {
   const uint32_t interrupted = stateLUM_;
   switch (interrupted) {
     case 2:
+      seqSendStartDomainUpdateDownload();
+      break;
     case 4:
-      if (interrupted == 2) {
-        seqSendStartDomainUpdateDownload();
-      } else {
-        seqSendStartDomainUpdate();
-      }
-      // The start did not go through (the preconditions were refused): nothing polls in this
-      // step, so fall back to the step before and let the poll find where the LUM stands.
-      if (stateLUM_ == interrupted) {
-        MLOG_WARN(kTag, "Start did not go through, polling from [",
-                  lum::sessionStepName(interrupted - 1), "]");
-        setStateLUM(interrupted - 1);
-        queuePoll();
-      }
+      seqSendStartDomainUpdate();
       break;
     case 6:
       seqCloseDomainUpdate();
@@ -261,8 +257,9 @@ void Logic::resume() {
     default:
       MLOG_TRACE(kTag, "init:: Start LUM status polling");
       sleepMs(1000);
-      polling_ = true;
-      seqGetStatus();
+      if (!polling_.exchange(true)) {
+        seqGetStatus();
+      }
       break;
   }
 }
@@ -296,6 +293,7 @@ void Logic::setTrainName(const std::string& name) {
 }
 
 void Logic::writeErrorCode(uint32_t code) {
+  errorCode_.store(code);
   if (persistence_) {
     persistence_->setErrorCode(static_cast<int32_t>(code));
   }
@@ -372,7 +370,11 @@ void Logic::seqUsbInserted(const std::string& path) {
     writeErrorCode(0);
     {
       std::lock_guard<std::mutex> lock(mediumMutex_);
+      medium_ = Medium{};
       medium_.usbPath = path;
+    }
+    if (persistence_) {
+      persistence_->setUsbPath(path);
     }
     enqueue([this] { seqInstallationAnalysis(); });
     return;
@@ -465,6 +467,12 @@ bool Logic::diagTriggerStartUpdate(const std::string& ctrlOptions, int override)
   if (updateType != ORV_USB_UPDATETYPE_NONE) {
     MLOG_ERROR(kTag, "Other update in progress! updateType is (", updateType,
                ") != ORV_USB_UPDATETYPE_NONE");
+    return false;
+  }
+  if (stateLUM_ != 0 || stateHMI_ == eINSTALLATIONCONFIRMED || stateHMI_ == eINSTALLING) {
+    // A USB installation is starting or running: refuse without failing it.
+    MLOG_ERROR(kTag, "Update medium NOT available! -> error (", kErrNoMedium, ")");
+    MLOG_ERROR(kTag, "USB installation in progress [", hmiStateName(stateHMI_), "], left alone");
     return false;
   }
   uint32_t failure = 0;
@@ -617,11 +625,31 @@ void Logic::seqInstallationAnalysis() {
     return;
   }
   const std::string path = medium().usbPath;
-  UpdateMedium description;
-  if (!description.Parse(path)) {
+  if (!takeOver(path)) {
     MLOG_ERROR(kTag, "Error reading update medium at [", path, "]!");
     enqueue([this] { seqInstallationFailed(kErrMedium); });
     return;
+  }
+  const Medium taken = medium();
+  const uint32_t holder = signalQueryControl();
+  if (holder != ACTIVE_USB && holder != ACTIVE_NONE) {
+    MLOG_ERROR(kTag, "OTA update in progress!");
+    setStateHMI(eINSTALLATIONREJECTED);
+    sendHmiState(eINSTALLATIONREJECTED, taken.trainName);
+    return;
+  }
+  MLOG_INFO(kTag, "Update medium is valid! Train=[", taken.trainName, "], updateBaseUrl=[",
+            taken.updateBaseUrl, "], updateOrder=[", taken.updateOrder, "], updateManifests(",
+            taken.updateManifests.size(), "): [", joined(taken.updateManifests),
+            "], diagAddresses(", taken.diagAddresses.size(), "): [", joinedHex(taken.diagAddresses),
+            "], keyManifestFileAddr [", taken.keyManifestFileAddr, "]");
+  enqueue([this] { seqInstallationAvailable(); });
+}
+
+bool Logic::takeOver(const std::string& path) {
+  UpdateMedium description;
+  if (!description.Parse(path)) {
+    return false;
   }
   Medium taken;
   taken.usbPath = path;
@@ -638,20 +666,20 @@ void Logic::seqInstallationAnalysis() {
   if (persistence_) {
     persistence_->setTrainName(taken.trainName);
   }
-  // The key-manifest address is kept with the key manifest itself: it is read again on demand.
-  const uint32_t holder = signalQueryControl();
-  if (holder != ACTIVE_USB && holder != ACTIVE_NONE) {
-    MLOG_ERROR(kTag, "OTA update in progress!");
-    setStateHMI(eINSTALLATIONREJECTED);
-    sendHmiState(eINSTALLATIONREJECTED, taken.trainName);
+  return true;
+}
+
+// After a restart only the medium's location survives (in the record): the description is read
+// again from there when the update needs it.
+void Logic::restoreMedium() {
+  const Medium known = medium();
+  if (!known.updateBaseUrl.empty() || known.usbPath.empty()) {
     return;
   }
-  MLOG_INFO(kTag, "Update medium is valid! Train=[", taken.trainName, "], updateBaseUrl=[",
-            taken.updateBaseUrl, "], updateOrder=[", taken.updateOrder, "], updateManifests(",
-            taken.updateManifests.size(), "): [", joined(taken.updateManifests),
-            "], diagAddresses(", taken.diagAddresses.size(), "): [", joinedHex(taken.diagAddresses),
-            "], keyManifestFileAddr [", taken.keyManifestFileAddr, "]");
-  enqueue([this] { seqInstallationAvailable(); });
+  MLOG_INFO(kTag, "Reading the update medium again at [", known.usbPath, "]");
+  if (!takeOver(known.usbPath)) {
+    MLOG_ERROR(kTag, "Error reading update medium at [", known.usbPath, "]!");
+  }
 }
 
 void Logic::seqInstallationAvailable() {
@@ -676,8 +704,10 @@ namespace {
 // Runs `call` until the LUM answers something other than busy; logs each busy answer with
 // `busyLine` and pauses `pauseMs`. Returns false on a communication failure, else true with the
 // final answer in `out`.
+// A shutdown ends the waiting like a lost LUM.
 template <typename Output, typename Call>
-bool callUntilNotBusy(const std::string& busyLine, int64_t pauseMs, Output& out, Call&& call) {
+bool callUntilNotBusy(const std::atomic<bool>& stopping, const std::string& busyLine,
+                      int64_t pauseMs, Output& out, Call&& call) {
   for (;;) {
     out = Output{};
     if (!call(out)) {
@@ -687,6 +717,9 @@ bool callUntilNotBusy(const std::string& busyLine, int64_t pauseMs, Output& out,
       return true;
     }
     MLOG_WARN(kTag, busyLine);
+    if (stopping) {
+      return false;
+    }
     sleepMs(pauseMs);
   }
 }
@@ -787,9 +820,11 @@ void Logic::seqInstallationStart() {
         }
       }
       setStateLUM(1);
+      retry_.fill(0);
       sleepMs(1000);
-      polling_ = true;
-      seqGetStatus();
+      if (!polling_.exchange(true)) {
+        seqGetStatus();
+      }
       return;
     }
     if (attempt == kSessionTries) {
@@ -818,11 +853,11 @@ bool Logic::seqCheckProgrammingPreconditions() {
     return false;
   }
   Client::CheckProgrammingPreconditionsOutput out;
-  const bool answered =
-      callUntilNotBusy("checkProgrammingPreconditions() return status [busy], retry in 10 seconds",
-                       kBusyPauseMs, out, [&](Client::CheckProgrammingPreconditionsOutput& o) {
-                         return lum->checkProgrammingPreconditions(kClientId, riid_, o, true);
-                       });
+  const bool answered = callUntilNotBusy(
+      stopping_, "checkProgrammingPreconditions() return status [busy], retry in 10 seconds",
+      kBusyPauseMs, out, [&](Client::CheckProgrammingPreconditionsOutput& o) {
+        return lum->checkProgrammingPreconditions(kClientId, riid_, o, true);
+      });
   if (!answered) {
     MLOG_ERROR(kTag, "checkProgrammingPreconditions: LUM communication error!");
     return false;
@@ -861,7 +896,8 @@ bool Logic::callSession(const char* op, SessionCall call, std::string* refusal) 
   }
   lum11::methods::StatusOutput out;
   const bool answered = callUntilNotBusy(
-      std::string(op) + "() return status [busy], retry in 10 seconds", kBusyPauseMs, out,
+      stopping_, std::string(op) + "() return status [busy], retry in 10 seconds", kBusyPauseMs,
+      out,
       [&](lum11::methods::StatusOutput& o) { return ((*lum).*call)(kClientId, riid_, o, true); });
   if (answered && status(out.returnStatus) == kReturnOk) {
     return true;
@@ -870,20 +906,37 @@ bool Logic::callSession(const char* op, SessionCall call, std::string* refusal) 
   return false;
 }
 
-// An event queued before the update ended (failed meanwhile) finds no session to go on with.
-bool Logic::sessionRunning() const {
-  if (stateLUM_ == 0) {
-    MLOG_WARN(kTag, "No update session running, ignoring");
-    return false;
+// A phase starts from the step before it, or from its own step when resumed after a restart.
+// A second start (the event and the poll that made it up both queue one), or one queued before
+// the update ended, finds the session elsewhere and is dropped.
+bool Logic::startExpected(uint32_t before, const char* phase) const {
+  const uint32_t step = stateLUM_;
+  if (step == before || step == before + 1) {
+    return true;
   }
-  return true;
+  MLOG_WARN(kTag, "Not starting the ", phase, " phase in [", lum::sessionStepName(step), "]");
+  return false;
+}
+
+// The preconditions were refused: nothing polls in a start step, so the update falls back to
+// the step before, whose poll repeats the start once the LUM shows the step complete again.
+void Logic::fallBackTo(uint32_t step) {
+  if (stateLUM_ == 0) {
+    return;  // the update already failed
+  }
+  if (stateLUM_ != step) {
+    MLOG_WARN(kTag, "Start did not go through, polling from [", lum::sessionStepName(step), "]");
+    setStateLUM(step);
+  }
+  queuePoll();
 }
 
 void Logic::seqSendStartDomainUpdateDownload() {
-  if (!sessionRunning()) {
+  if (!startExpected(1, "download")) {
     return;
   }
   if (!seqCheckProgrammingPreconditions()) {
+    fallBackTo(1);
     return;
   }
   MLOG_INFO(kTag, "Start download phase");
@@ -900,13 +953,14 @@ void Logic::seqSendStartDomainUpdateDownload() {
 }
 
 void Logic::seqSendStartDomainUpdate() {
-  if (!sessionRunning()) {
+  if (!startExpected(3, "update")) {
     return;
   }
   MLOG_INFO(kTag, "Start update phase");
   setStateLUM(4);
   seqUpdateProgress(0);
   if (!seqCheckProgrammingPreconditions()) {
+    fallBackTo(3);
     return;
   }
   MLOG_INFO(kTag, "Start update");
@@ -1015,13 +1069,22 @@ void Logic::seqGetStatus() {
       }
     }
     if (goOn && step == 7 && ps != PS::cancelling) {
+      // Only a restart between two session tries polls a cancel: the session is gone.
       handled = true;
-      goOn = false;
+      polling_ = false;
+      MLOG_ERROR(kTag, "createDomainUpdateSession failed!");
+      seqInstallationFailed(kErrCreateSession);
+      return;
     }
     if (!handled) {
       MLOG_INFO(kTag, "Possible unhandled LUM processing state!");
     }
-  } else if (returned != kReturnBusy && step != 7) {
+  } else if (returned != kReturnBusy && step == 7) {
+    polling_ = false;
+    MLOG_ERROR(kTag, "createDomainUpdateSession failed!");
+    seqInstallationFailed(kErrCreateSession);
+    return;
+  } else if (returned != kReturnBusy) {
     polling_ = false;
     if (returned >= 1 && returned <= 3) {
       MLOG_ERROR(kTag, "Update forcefully interrupted! stateLUM=[ ", lum::sessionStepName(step),
@@ -1040,6 +1103,10 @@ void Logic::seqGetStatus() {
     return;
   }
   sleepMs(kPollPauseMs);
+  if (stopping_) {
+    polling_ = false;
+    return;
+  }
   enqueue([this] { seqGetStatus(); });
 }
 
@@ -1102,11 +1169,11 @@ void Logic::seqGetDomainUpdateResult() {
   }
   for (int attempt = 1; attempt <= kResultTries; ++attempt) {
     Client::getDomainUpdateResultOutput out;
-    const bool answered =
-        callUntilNotBusy("getDomainUpdateResult() return status [busy], retry in 1 second",
-                         kResultBusyPauseMs, out, [&](Client::getDomainUpdateResultOutput& o) {
-                           return lum->getDomainUpdateResult(kClientId, riid_, o, true);
-                         });
+    const bool answered = callUntilNotBusy(
+        stopping_, "getDomainUpdateResult() return status [busy], retry in 1 second",
+        kResultBusyPauseMs, out, [&](Client::getDomainUpdateResultOutput& o) {
+          return lum->getDomainUpdateResult(kClientId, riid_, o, true);
+        });
     if (answered) {
       const lum11::DomainResult& r = out.domainResult;
       MLOG_INFO(
@@ -1136,10 +1203,11 @@ void Logic::seqGetDomainUpdateResult() {
 
 void Logic::seqCloseDomainUpdate() {
   MLOG_INFO(kTag, "Close session");
-  // A failure that was already wound up (the LUM state is back at Idle with an error standing)
-  // has no session left to close, and no control to close it with.
-  if (stateLUM_ == 0 && errorCode_ != 0) {
-    MLOG_INFO(kTag, "Update already closed with error, skipping");
+  // An update that was already wound up (the LUM state is back at Idle) has no session left to
+  // close and no control to close it with: a failure gave both up, or this is a second close.
+  if (stateLUM_ == 0) {
+    MLOG_INFO(kTag, errorCode_ != 0 ? "Update already closed with error, skipping"
+                                    : "Update already closed, skipping");
     return;
   }
   setStateLUM(6);
@@ -1177,6 +1245,10 @@ void Logic::seqInstallationFinished() {
     MLOG_WARN(kTag, "Error [", errorCode_.load(), "] reported earlier.");
     return;
   }
+  if (stateLUM_ == 0) {
+    MLOG_WARN(kTag, "Update already ended, skipping");
+    return;
+  }
   // Complete, whatever the last progress poll saw before the LUM finished.
   seqUpdateProgress(100);
   setStateHMI(eINSTALLATIONFINISHED);
@@ -1202,15 +1274,11 @@ void Logic::seqInstallationFailed(int errorCode) {
 // Key manifest and URL resolution
 
 bool Logic::ReadKeyManifest() {
+  restoreMedium();
   const Medium taken = medium();
-  if (taken.keyManifestFileAddr.empty()) {
-    // Nothing to read; files the LUM asks for then resolve to "not found".
-    MLOG_WARN(kTag, "No keyManifest on the update medium");
-    return true;
-  }
   const std::string url = joinUrl(taken.usbPath, taken.keyManifestFileAddr);
   uint64_t size = 0;
-  if (!Http::_Size(url, size, kHttpTries)) {
+  if (taken.keyManifestFileAddr.empty() || !Http::_Size(url, size, kHttpTries)) {
     MLOG_ERROR(kTag, "Error reading keyManifest at [", url, "]");
     seqInstallationFailed(kErrKeyManifestRead);
     return false;
@@ -1246,6 +1314,7 @@ void Logic::seqResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) {
   } else {
     MLOG_INFO(kTag, "Key manifest loaded!");
   }
+  restoreMedium();
   const Medium taken = medium();
   const std::string& address = taken.keyManifestFileAddr;
   const size_t slash = address.rfind('/');

@@ -160,6 +160,9 @@ class Logic : public ILumChannel {
   std::string keyManifest() const;
   void setKeyManifest(const std::string& text);
   void setTrainName(const std::string& name);
+  // Reads the description at `path` and takes its fields over; false (unlogged) on a fault.
+  bool takeOver(const std::string& path);
+  void restoreMedium();
 
   // Clean-ups of seqHmiStateChanged.
   void forgetMedium();
@@ -175,7 +178,8 @@ class Logic : public ILumChannel {
   void resynchroniseHmi();
   void resume();
   void queuePoll();
-  bool sessionRunning() const;
+  bool startExpected(uint32_t before, const char* phase) const;
+  void fallBackTo(uint32_t step);
   // The USB channel's facade; without one the update fails with 601.
   std::shared_ptr<DiagLUMControlClient> lumOrFail();
   // One session call with retry on busy: true when the LUM accepted it; otherwise `refusal` is
@@ -196,6 +200,8 @@ class Logic : public ILumChannel {
   std::atomic<uint16_t> riid_{1};
   // True while a status poll is queued or running, so that no second poll chain starts.
   std::atomic<bool> polling_{false};
+  // Set when destruction begins: no new task is queued, waiting tasks give up.
+  std::atomic<bool> stopping_{false};
 
   mutable std::mutex mediumMutex_;  // guards medium_ and keyManifest_
   Medium medium_;

@@ -268,6 +268,15 @@ class LogicTest : public ::testing::Test {
 
   std::string location() const { return medium_.base() + "/medium"; }
 
+  // A Logic without a record whose analysis of the medium has run: the medium's fields are
+  // known, what the head unit saw so far is forgotten.
+  std::unique_ptr<TestLogic> offered() {
+    std::unique_ptr<TestLogic> logic = make(false);
+    offer(*logic);
+    logic->hmi->seen.clear();
+    return logic;
+  }
+
   // Presents the medium and runs the analysis: the offer stands afterwards.
   void offer(TestLogic& logic) {
     logic.inputUsbInserted(location());
@@ -364,7 +373,7 @@ TEST_F(LogicTest, HmiAnswerTransitionTableOverEveryPair) {
       SCOPED_TRACE(std::string(hmiStateName(current)) + " -> " + hmiStateName(next) + ": " +
                    (effect ? effect->proves : "ignored"));
       arbiter_ = Arbiter{};
-      std::unique_ptr<TestLogic> logic = make(false);
+      std::unique_ptr<TestLogic> logic = offered();
       logic->setStateHMI(current);
       log_->clear();
       logic->seqHmiStateChanged(static_cast<int>(next));
@@ -598,7 +607,7 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     arbiter_ = Arbiter{};
-    std::unique_ptr<TestLogic> logic = make(false);
+    std::unique_ptr<TestLogic> logic = offered();
     arbiter_.lum->script["createDomainUpdateSession"] = row.answers;
     arbiter_.lum->script["getDomainUpdateSessionState"] = {4};  // keeps the poll quiet
     logic->setStateHMI(eINSTALLATIONCONFIRMED);
@@ -767,6 +776,66 @@ TEST_F(LogicTest, ProgressAndOrderHelpers) {
   EXPECT_TRUE(log_->contains("Substring [ORDER-1] not found in [A;B], dtErrTxt ["));
 }
 
+TEST_F(LogicTest, LateAndDuplicateInputsLeaveARunningUpdateAlone) {
+  struct Row {
+    const char* proves;
+    uint32_t lumState;
+    std::function<void(TestLogic&, Arbiter&)> input;
+    uint32_t lumStateAfter;
+    const char* absentCall;  // the LUM call that must not happen
+  };
+  const std::vector<Row> rows = {
+      {"a second download start (event and made-up poll) is dropped", 3,
+       [](TestLogic& l, Arbiter&) { l.seqSendStartDomainUpdateDownload(); }, 3,
+       "startDomainUpdateDownload"},
+      {"a second update start is dropped", 5,
+       [](TestLogic& l, Arbiter&) { l.seqSendStartDomainUpdate(); }, 5, "startDomainUpdate"},
+      {"refused preconditions fall back to polling the step before", 3,
+       [](TestLogic& l, Arbiter& a) {
+         a.lum->script["checkProgrammingPreconditions"] = {1};
+         l.seqSendStartDomainUpdate();
+       },
+       3, "startDomainUpdate"},
+      {"a tester's start during the installation fails nothing", 1,
+       [](TestLogic& l, Arbiter&) { EXPECT_FALSE(l.diagTriggerStartUpdate("ORDER-1", 1)); }, 1,
+       "cancelDomainUpdate"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make(false);
+    installing(*logic, row.lumState);
+    row.input(*logic, arbiter_);
+    logic->run(1);
+    EXPECT_EQ(logic->getStateLUM(), row.lumStateAfter);
+    EXPECT_EQ(logic->getStateHMI(), eINSTALLING);
+    EXPECT_EQ(arbiter_.holder, ACTIVE_USB);
+    EXPECT_EQ(arbiter_.lum->count(row.absentCall), 0u);
+  }
+}
+
+// The real pool: destruction ends even though the LUM never appeared and a poll chain runs.
+TEST_F(LogicTest, ThreadedDestructionEndsWithoutALum) {
+  TempDir dir;
+  auto record = std::make_shared<Persistence>(dir.path(), "persistence.json");
+  record->setStateLum(3);
+  record->setStateHmi(eINSTALLING);
+  {
+    class RealPoolLogic : public Logic {
+     public:
+      using Logic::Logic;
+
+     protected:
+      std::unique_ptr<IHmiService> createHmiService() override {
+        return std::make_unique<RecordingHmi>();
+      }
+    } logic(record);
+    logic.signalQueryAlive = [] { return false; };
+    logic.init();
+  }
+  EXPECT_TRUE(log_->contains("Thread interrupted!"));
+}
+
 // --- Restart -------------------------------------------------------------------------------
 
 TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
@@ -806,7 +875,11 @@ TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
       if (hmiState == eINSTALLATIONAVAILABLE) {
         EXPECT_TRUE(
             log_->contains("Resetting stateHMI from eINSTALLATIONAVAILABLE to eINVALID..."));
-        EXPECT_EQ(record->getStateHmi(99), resume.lumState == 6 ? eINSTALLATIONFINISHED : eINVALID);
+        // A cancel in progress means the session was never created: that update failed.
+        const uint32_t expected = resume.lumState == 6   ? eINSTALLATIONFINISHED
+                                  : resume.lumState == 7 ? eINSTALLATIONFAILED
+                                                         : eINVALID;
+        EXPECT_EQ(record->getStateHmi(99), expected);
       } else {
         ASSERT_GE(logic.hmi->seen.size(), 3u);
         EXPECT_EQ(logic.hmi->seen[0], "state:9:T1");

@@ -35,6 +35,8 @@ constexpr const char* kStateLum = "statelum";
 constexpr const char* kErrorCode = "errorcode";
 constexpr const char* kProgress = "progress";
 constexpr const char* kTrainName = "trainname";
+// Where the medium of the current update is served, so that a restarted update can read it again.
+constexpr const char* kUsbPath = "usbpath";
 constexpr const char* kKeyManifest = "keyManifest";
 constexpr const char* kTimestamps = "timestamps";
 constexpr const char* kStartDate = "start-date";
@@ -278,6 +280,14 @@ std::string Persistence::getTrainName() {
 std::string Persistence::getKeyManifest() {
   return readString(kKeyManifest);
 }
+std::string Persistence::getUsbPath() {
+  return readString(kUsbPath);
+}
+
+void Persistence::setUsbPath(const std::string& value) {
+  writeString(kUsbPath, value);
+}
+
 void Persistence::setTrainName(const std::string& value) {
   writeString(kTrainName, value);
 }

@@ -48,6 +48,9 @@ class Persistence {
   std::string getTrainName();
   std::string getKeyManifest();
   void setTrainName(const std::string& value);
+  // The location of the current update's medium ("usbpath").
+  std::string getUsbPath();
+  void setUsbPath(const std::string& value);
   void setKeyManifest(const std::string& value);
 
   // "--.--.----" / "--:--:--" when absent.

@@ -120,6 +120,8 @@ TEST_F(PersistenceTest, EveryKeyRoundTripsAndLeavesTheOthersAlone) {
        [](Persistence& p) { return std::to_string(p.getProgress(0)); }, std::to_string(maxU)},
       {"trainname", [](Persistence& p) { p.setTrainName("T \"quoted\" \\ train"); },
        [](Persistence& p) { return p.getTrainName(); }, "T \"quoted\" \\ train"},
+      {"usbpath", [](Persistence& p) { p.setUsbPath("http://[fd00::1]:29214/medium"); },
+       [](Persistence& p) { return p.getUsbPath(); }, "http://[fd00::1]:29214/medium"},
       {"keyManifest", [](Persistence& p) { p.setKeyManifest("eyJhbGciOi.x.y"); },
        [](Persistence& p) { return p.getKeyManifest(); }, "eyJhbGciOi.x.y"},
       {"timestamps", [](Persistence& p) { p.setStartTime("08:00:01"); },
