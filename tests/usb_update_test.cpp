@@ -194,6 +194,7 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
     EXPECT_EQ(record->getProgress(0), 100u);
     EXPECT_EQ(record->getTrainName(), "");
     EXPECT_EQ(record->getKeyManifest(), "");
+    EXPECT_EQ(record->getUsbPath(), "");
     EXPECT_EQ(record->getChannel(99), ACTIVE_NONE);
     EXPECT_EQ(record->getUpdateType(99), ORV_USB_UPDATETYPE_NONE);
     EXPECT_TRUE(

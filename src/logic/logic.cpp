@@ -432,6 +432,7 @@ void Logic::closeUpdate() {
   setTrainName("");
   if (persistence_) {
     persistence_->setTrainName("");
+    persistence_->setUsbPath("");
   }
   relinquishIfHeld();
   signalUSBhmiDelete();
