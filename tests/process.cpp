@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -62,6 +63,8 @@ bool ChildProcess::start(const std::string& path, const std::vector<std::string>
   if (pid < 0)
     return false;
   if (pid == 0) {
+    // A test that crashes must not leave its peers running.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(outPipe[1], STDOUT_FILENO);
     dup2(errPipe[1], STDERR_FILENO);
     execve(path.c_str(), argv.data(), envp.data());
