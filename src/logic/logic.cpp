@@ -62,16 +62,6 @@ std::string joinedHex(const std::vector<uint16_t>& items) {
   return text;
 }
 
-std::string uuidText(const lum11::DT_uuid& uuid) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (uint8_t byte : uuid) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0x0F];
-  }
-  return text;
-}
-
 uint32_t status(lum11::CM_ReturnStatus value) {
   return static_cast<uint32_t>(value);
 }
@@ -598,7 +588,9 @@ void Logic::eventDebugMessageNotification(uint16_t domainRepairInstructionID,
 void Logic::eventResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) {
   MLOG_INFO(kTag, "fileType [", toString(request.fileType),
             "], fileNames.size()=", request.fileNames.size(), ", updateURLRequestID: [",
-            uuidText(request.updateURLRequestID), "]");
+            kel::vxp3::minfw::hexText(request.updateURLRequestID.data(),
+                                      request.updateURLRequestID.size()),
+            "]");
   enqueue([this, request] { seqResolveUpdateURLRequest(request); });
 }
 

@@ -1,6 +1,5 @@
 #include "medium_writer.h"
 
-#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +10,7 @@
 
 #include "logic/base64.h"
 #include "logic/key_manifest.h"
+#include "logic/update_medium.h"
 #include "minfw/log.h"
 
 namespace orvmedium {
@@ -33,18 +33,6 @@ bool plainName(const std::string& name) {
 }
 
 // Decimal or 0x-hexadecimal, 0..65535, nothing else (no sign, no blanks).
-bool parseAddress(const std::string& text, uint16_t& value) {
-  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  const char* begin = text.data() + (hex ? 2 : 0);
-  const char* end = text.data() + text.size();
-  uint32_t parsed = 0;
-  const auto result = std::from_chars(begin, end, parsed, hex ? 16 : 10);
-  if (begin == end || result.ec != std::errc() || result.ptr != end || parsed > 0xffff)
-    return false;
-  value = static_cast<uint16_t>(parsed);
-  return true;
-}
-
 std::vector<unsigned char> randomBytes(std::size_t count) {
   std::random_device device;
   std::vector<unsigned char> bytes(count);
@@ -99,16 +87,16 @@ bool parseArguments(const std::vector<std::string>& args, Options& options, std:
       options.payloadFile = value;
     } else if (arg == "--manifest") {
       const std::size_t equals = value.find('=');
-      ManifestArg spec{value.substr(0, equals),
-                       equals == std::string::npos ? "" : value.substr(equals + 1)};
-      if (!plainName(spec.name) || (equals != std::string::npos && spec.source.empty())) {
+      ManifestArg manifest{value.substr(0, equals),
+                           equals == std::string::npos ? "" : value.substr(equals + 1)};
+      if (!plainName(manifest.name) || (equals != std::string::npos && manifest.source.empty())) {
         error = "--manifest needs NAME[=SOURCEFILE] with a plain file name, got [" + value + "]";
         return false;
       }
-      options.manifests.push_back(std::move(spec));
+      options.manifests.push_back(std::move(manifest));
     } else if (arg == "--diag-address") {
       uint16_t address = 0;
-      if (!parseAddress(value, address)) {
+      if (!orv::UpdateMedium::toAddress(value, address)) {
         error = "--diag-address [" + value + "] is not a number from 0 to 65535 (or 0x0 to 0xffff)";
         return false;
       }
@@ -132,16 +120,16 @@ bool parseArguments(const std::vector<std::string>& args, Options& options, std:
   std::set<std::string> names{kDescription};
   if (!options.noKeyManifest && !names.insert(options.keyManifest).second && error.empty())
     error = "--key-manifest must not be " + options.keyManifest;
-  for (const ManifestArg& spec : options.manifests) {
-    if (!names.insert(spec.name).second && error.empty())
-      error = "--manifest " + spec.name + " names a file twice";
+  for (const ManifestArg& manifest : options.manifests) {
+    if (!names.insert(manifest.name).second && error.empty())
+      error = "--manifest " + manifest.name + " names a file twice";
   }
   return error.empty();
 }
 
 JSON makePayload(const std::vector<ManifestArg>& manifests) {
   JSON files = JSON::Make(JSON::Class::Array);
-  for (const ManifestArg& spec : manifests) {
+  for (const ManifestArg& manifest : manifests) {
     JSON parameters = JSON::Make(JSON::Class::Array);
     for (const auto& [name, value] : {std::pair<std::string, std::string>{"Key", randomHex(32)},
                                       {"IV", randomHex(12)},
@@ -152,7 +140,7 @@ JSON makePayload(const std::vector<ManifestArg>& manifests) {
       parameters.append(std::move(parameter));
     }
     JSON entry;
-    entry["File"] = "/" + spec.name;
+    entry["File"] = "/" + manifest.name;
     entry["CryptoParameters"] = std::move(parameters);
     files.append(std::move(entry));
   }
@@ -181,19 +169,19 @@ Result writeMedium(const Options& options, std::string& error) {
   description["diagAddresses"] = JSON::Make(JSON::Class::Array);
   for (const uint16_t address : options.diagAddresses)
     description["diagAddresses"].append(std::to_string(address));
-  for (const ManifestArg& spec : options.manifests) {
-    description["manifests"].append(spec.name);
+  for (const ManifestArg& manifest : options.manifests) {
+    description["manifests"].append(manifest.name);
     std::string content;
-    if (spec.source.empty()) {
+    if (manifest.source.empty()) {
       JSON placeholder;
       placeholder["train"] = options.train;
-      placeholder["file"] = spec.name;
+      placeholder["file"] = manifest.name;
       content = placeholder.dump();
-    } else if (!readWhole(spec.source, content)) {
-      error = "cannot read manifest source " + spec.source;
+    } else if (!readWhole(manifest.source, content)) {
+      error = "cannot read manifest source " + manifest.source;
       return Result::kBadInput;
     }
-    files.emplace_back(spec.name, std::move(content));
+    files.emplace_back(manifest.name, std::move(content));
   }
 
   if (!options.noKeyManifest) {
