@@ -182,17 +182,18 @@ bool Multiplexer::initInterfaces() {
   } else {
     MLOG_ERROR(kTag, "LUM object not defined!");
   }
-  // The channels start once their slots are bound and the LUM client is up.
-  for (const std::unique_ptr<ILumChannel>& channel : channels_) {
-    if (channel) {
-      channel->init();
-    }
-  }
   const bool routineUp = diagRoutineCtrl_ != nullptr && diagRoutineCtrl_->connect();
   const bool messwertUp = diagMesswert_ != nullptr && diagMesswert_->connect();
   MLOG_INFO(kTag, "LUM init [", trueFalse(lumUp), "]");
   MLOG_INFO(kTag, "DiagnosisRoutineCtrl init [", trueFalse(routineUp), "]");
   MLOG_INFO(kTag, "DiagnosisMesswert init [", trueFalse(messwertUp), "]");
+  // The channels start last, once their slots are bound and the clients are up; their start-up
+  // (the HMI service and its socket) must not hold back the report above.
+  for (const std::unique_ptr<ILumChannel>& channel : channels_) {
+    if (channel) {
+      channel->init();
+    }
+  }
   // The routine client is optional: without it only the tester's routine start is missing.
   return lumUp && messwertUp;
 }
