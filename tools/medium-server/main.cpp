@@ -6,21 +6,40 @@
 //
 // Only loopback hosts are accepted. Runs until SIGTERM or SIGINT.
 #include <httplib.h>
+#include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace {
 
-httplib::Server* g_server = nullptr;
+// SIGTERM/SIGINT are taken by a thread of their own (sigwait), not by a handler: stop() is not
+// async-signal-safe, and a stop() before the accept loop runs is lost in cpp-httplib, so the
+// thread repeats it until the loop has ended.
+std::thread stopOnSignal(httplib::Server& server, const sigset_t& signals,
+                         std::atomic<bool>& ended) {
+  return std::thread([&server, signals, &ended] {
+    pthread_setname_np(pthread_self(), "medium-signal");
+    int signal = 0;
+    sigwait(&signals, &signal);
+    while (!ended.load()) {
+      server.stop();
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  });
+}
 
-void onSignal(int) {
-  if (g_server != nullptr) {
-    g_server->stop();
-  }
+// Ends the signal thread whether or not a signal came.
+void endSignalThread(std::thread& thread, std::atomic<bool>& ended) {
+  ended = true;
+  pthread_kill(thread.native_handle(), SIGTERM);
+  thread.join();
 }
 
 bool isLoopback(const std::string& host) {
@@ -80,12 +99,18 @@ int main(int argc, char** argv) {
                 res.status, res.body.size());
     std::fflush(stdout);
   });
-  g_server = &server;
-  signal(SIGTERM, onSignal);
-  signal(SIGINT, onSignal);
+  // Blocked before cpp-httplib starts its workers, so that they inherit the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::atomic<bool> ended{false};
+  std::thread signalThread = stopOnSignal(server, signals, ended);
   if (!server.bind_to_port(host, port)) {
     std::fprintf(stderr, "medium-server: cannot listen on %s port %d: %s\n", host.c_str(), port,
                  std::strerror(errno));
+    endSignalThread(signalThread, ended);
     return 1;
   }
   const std::string shown = host.find(':') != std::string::npos ? "[" + host + "]" : host;
@@ -93,5 +118,6 @@ int main(int argc, char** argv) {
               prefix.c_str());
   std::fflush(stdout);
   server.listen_after_bind();
+  endSignalThread(signalThread, ended);
   return 0;
 }

@@ -3,10 +3,15 @@
 // fetches update media. Files are set per path while it runs.
 //
 // Threading: the server answers on its own threads; mutex_ guards everything they read, so a
-// test may change files at any time.
+// test may change files at any time. The constructor returns only once the server accepts, so
+// the destructor's stop() always lands.
 
 #include <httplib.h>
+#include <pthread.h>
 
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <set>
@@ -57,7 +62,19 @@ class HttpServer {
       res.set_content(file->second, "application/json");
     });
     port_ = server_.bind_to_any_port(host);
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    if (port_ <= 0)
+      die("cannot bind a test HTTP server on " + host);
+    thread_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "http-test");
+      server_.listen_after_bind();
+    });
+    // cpp-httplib's stop() is a no-op until the accept loop runs, and the loop then never ends:
+    // wait for it here (bounded) instead of letting the destructor's stop() get lost.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!server_.is_running() && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (!server_.is_running())
+      die("the test HTTP server on " + host + " did not start within 10 s");
     base_ = "http://" + (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
             std::to_string(port_);
   }
@@ -102,6 +119,12 @@ class HttpServer {
   const std::string& base() const { return base_; }
 
  private:
+  // A test that cannot start its server has no defined result: end it with the reason.
+  [[noreturn]] static void die(const std::string& why) {
+    std::fprintf(stderr, "HttpServer: %s\n", why.c_str());
+    std::abort();
+  }
+
   httplib::Server server_;
   std::mutex mutex_;  // guards the maps, read on the server's threads
   std::map<std::string, std::string> files_;
