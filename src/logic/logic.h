@@ -4,6 +4,8 @@
 // turns inputs (a medium path, the driver's answer, a tester's start, the LUM's events) into
 // the update sequences, and writes every change of state, error code, progress, train name and
 // key manifest through to the record at once, so that a restart resumes where it stopped.
+// The definitions lie in logic*.cpp, one file per part of that story: life cycle, inputs, LUM
+// events, session, progress, key manifest and URLs, resume.
 //
 // Threading: every input returns quickly; the work runs as tasks on the one worker of pool_,
 // strictly in enqueue order, so the sequences never overlap. stateHMI_, stateLUM_, errorCode_

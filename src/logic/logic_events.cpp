@@ -1,0 +1,114 @@
+// What the LUM reports while this channel holds control: each event is logged and turned into
+// queued sequences. Threading: the events arrive on middleware threads and only queue; the
+// queued handling runs on the pool worker (queue*Handling is also called there by the poll).
+#include "logic/logic.h"
+
+#include "interfaces/lum/lum_names.h"
+#include "logic/logic_internal.h"
+#include "minfw/log.h"
+#include "minfw/str.h"
+
+namespace orv {
+
+using namespace logic_internal;
+
+void Logic::eventDomainReadyForDownloadNotification(uint16_t domainRepairInstructionID,
+                                                    const lum11::ReadyForDownloadInfo& info) {
+  (void)domainRepairInstructionID;
+  MLOG_INFO(kTag, "info.downloadDataSize: ", info.downloadDataSize,
+            ", info.installationTime=", info.installationTime);
+  enqueue([this, info] {
+    if (signalUSBhmiSetDownloadInfo) {
+      signalUSBhmiSetDownloadInfo(info.downloadDataSize, info.installationTime);
+    }
+    seqSendStartDomainUpdateDownload();
+  });
+}
+
+void Logic::eventDomainReadyForUpdateNotification(uint16_t domainRepairInstructionID,
+                                                  const lum11::ReadyForUpdateInfo& info) {
+  (void)domainRepairInstructionID;
+  MLOG_INFO(kTag, "info.downloadedDataSize: ", info.downloadedDataSize,
+            ", info.installationTime=", info.installationTime);
+  enqueue([this, info] {
+    if (signalUSBhmiSetUpdateInfo) {
+      signalUSBhmiSetUpdateInfo(info.downloadedDataSize, info.installationTime);
+    }
+    seqSendStartDomainUpdate();
+  });
+}
+
+void Logic::eventDomainUpdateFinishedNotification(uint16_t domainRepairInstructionID) {
+  MLOG_INFO(kTag, "riid: ", domainRepairInstructionID);
+  if (errorCode_ != 0) {
+    MLOG_WARN(kTag, "We have a previous error [", errorCode_.load(),
+              "] active, this should not happen!");
+  }
+  queueFinishedHandling();
+}
+
+void Logic::queueFinishedHandling() {
+  writeErrorCode(0);
+  enqueue([this] { seqCloseDomainUpdate(); });
+  enqueue([this] { seqInstallationFinished(); });
+}
+
+void Logic::eventDomainErrorNotification(uint16_t domainRepairInstructionID, uint32_t errorCode) {
+  (void)domainRepairInstructionID;
+  MLOG_INFO(kTag, "errorCode: ", errorCode);
+  queueErrorHandling(errorCode);
+}
+
+void Logic::queueErrorHandling(uint32_t errorCode) {
+  errorCode_.store(errorCode);
+  writeErrorCode(errorCode);
+  // First in, first out: the result is fetched before the session closes, the state comes last.
+  enqueue([this] { seqGetDomainUpdateResult(); });
+  enqueue([this] { seqCloseDomainUpdate(); });
+  // An error made up by the status poll has no code of its own: it takes the result's code,
+  // which seqGetDomainUpdateResult adopts, when the task runs.
+  enqueue([this, errorCode] {
+    seqInstallationFailed(static_cast<int>(errorCode != 0 ? errorCode : errorCode_.load()));
+  });
+}
+
+void Logic::eventDomainOffTimeNotification(uint16_t domainRepairInstructionID, uint16_t timeout) {
+  (void)domainRepairInstructionID;
+  (void)timeout;
+  MLOG_INFO(kTag, "NOT IMPLEMENTED!");
+}
+
+void Logic::eventDebugMessageNotification(uint16_t domainRepairInstructionID,
+                                          const std::string& debugMessageID,
+                                          const std::string& debugMessage) {
+  (void)domainRepairInstructionID;
+  (void)debugMessageID;
+  (void)debugMessage;
+  MLOG_INFO(kTag, "NOT IMPLEMENTED!");
+}
+
+void Logic::eventResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) {
+  MLOG_INFO(kTag, "fileType [", toString(request.fileType),
+            "], fileNames.size()=", request.fileNames.size(), ", updateURLRequestID: [",
+            kel::vxp3::minfw::hexText(request.updateURLRequestID.data(),
+                                      request.updateURLRequestID.size()),
+            "]");
+  enqueue([this, request] { seqResolveUpdateURLRequest(request); });
+}
+
+void Logic::eventConnection(bool connected) {
+  MLOG_INFO(kTag, connected ? "LUM connected." : "LUM disconnected!");
+  // A poll chain that ended on a lost LUM is picked up again once the LUM is back.
+  const uint32_t step = stateLUM_;
+  const bool pollingStep = step == 1 || step == 3 || step == 5 || step == 7;
+  if (connected && pollingStep && !polling_.exchange(true)) {
+    MLOG_INFO(kTag, "Resuming status polling");
+    enqueue([this] { seqGetStatus(); });
+  }
+}
+
+void Logic::eventInternal(int value) {
+  MLOG_INFO(kTag, "Internal event [", value, "]", value == 1 ? ", USB channel re-armed" : "");
+}
+
+}  // namespace orv
