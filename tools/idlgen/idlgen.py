@@ -148,24 +148,24 @@ class Gen:
             out += "\n"
         out += "// Every operation, in the order of the method ids.\n"
         out += "using All = std::tuple<%s>;\n\n}  // namespace methods\n" % ", ".join(d.descriptor for d in m.methods)
-        if m.events:
-            out += "\nnamespace events {\n\n"
-            for d in m.events:
-                out += comment(d.doc) + "struct %s {\n" % d.descriptor
-                out += '  static constexpr const char* kName = "%s";\n' % d.name
-                out += self.struct("Sample", d.params, "  ") + "};\n"
-                out += self.marshal("%s::Sample" % d.descriptor, d.params, False) + "\n"
-            out += "// Every event, in the order of the event ids.\n"
-            out += "using All = std::tuple<%s>;\n\n}  // namespace events\n" % ", ".join(d.descriptor for d in m.events)
-        if m.fields:
-            out += "\nnamespace fields {\n\n"
-            for d in m.fields:
-                out += comment(d.doc) + "struct %s {\n" % d.descriptor
-                out += '  static constexpr const char* kName = "%s";\n' % d.name
-                out += "  using Value = %s;\n};\n\n" % d.resolved.cpp
-            out += "// Every field, in the order of the notifier ids.\n"
-            out += "using All = std::tuple<%s>;\n\n}  // namespace fields\n" % ", ".join(d.descriptor for d in m.fields)
+        out += self.descriptors("events", m.events, "event ids", lambda d: (
+            self.struct("Sample", d.params, "  ") + "};\n"
+            + self.marshal("%s::Sample" % d.descriptor, d.params, False) + "\n"))
+        out += self.descriptors("fields", m.fields, "notifier ids",
+                                lambda d: "  using Value = %s;\n};\n\n" % d.resolved.cpp)
         return out + "\n" + self.ns_close()
+
+    def descriptors(self, ns, decls, order, body):
+        """A namespace of event or field descriptors and their tuple; nothing when there are none."""
+        if not decls:
+            return ""
+        out = "\nnamespace %s {\n\n" % ns
+        for d in decls:
+            out += comment(d.doc) + "struct %s {\n" % d.descriptor
+            out += '  static constexpr const char* kName = "%s";\n' % d.name + body(d)
+        out += "// Every %s, in the order of the %s.\n" % (ns[:-1], order)
+        return out + "using All = std::tuple<%s>;\n\n}  // namespace %s\n" % (
+            ", ".join(d.descriptor for d in decls), ns)
 
     def ids_h(self):
         m = self.m
