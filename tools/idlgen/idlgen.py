@@ -474,6 +474,13 @@ def main(argv=None):
         return 1
     for rel, text in outputs.items():
         path = os.path.join(args.out_dir, rel)
+        # An unchanged file keeps its time stamp, so the build recompiles only what changed.
+        try:
+            with open(path, encoding="utf-8") as f:
+                if f.read() == text:
+                    continue
+        except OSError:
+            pass
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path, "w", encoding="utf-8") as f:
             f.write(text)
