@@ -45,7 +45,7 @@ struct Setup {
       return fail("mkdtemp");
     std::string path = std::string(dir) + "/host.json";
     std::ofstream(path) << testConfigJson();
-    const bool loaded = loadHostConfig(path, config, error);
+    const bool loaded = loadHostConfig(path, {testInterfaceIds()}, config, error);
     std::remove(path.c_str());
     ::rmdir(dir);
     if (!loaded)

@@ -20,3 +20,26 @@ function(orvane_test name)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${T_TIMEOUT})
   endif()
 endfunction()
+
+# orvane_idl(<var> NAME <alias> IDL <description> INCLUDE_DIR <dir> [IMPORTS <descriptions...>])
+# Generates the C++ of one service interface from its description (tools/idlgen) into
+# ${CMAKE_BINARY_DIR}/generated/<dir>/<alias>_*.{h,cpp} at build time; editing the description,
+# an imported one or the generator regenerates. Sets <var> to the generated files.
+set(ORVANE_GENERATED_DIR ${CMAKE_BINARY_DIR}/generated)
+function(orvane_idl var)
+  cmake_parse_arguments(I "" "NAME;IDL;INCLUDE_DIR" "IMPORTS" ${ARGN})
+  set(outputs)
+  foreach(part types.h interface.h ids.h ids.cpp names.h names.cpp proxy.h proxy.cpp skeleton.h
+               skeleton.cpp)
+    list(APPEND outputs ${ORVANE_GENERATED_DIR}/${I_INCLUDE_DIR}/${I_NAME}_${part})
+  endforeach()
+  set(generator ${PROJECT_SOURCE_DIR}/tools/idlgen/idlgen.py)
+  add_custom_command(
+    OUTPUT ${outputs}
+    COMMAND Python3::Interpreter ${generator} --out-dir ${ORVANE_GENERATED_DIR}
+            --include-dir ${I_INCLUDE_DIR} --name ${I_NAME} ${I_IDL}
+    DEPENDS ${I_IDL} ${I_IMPORTS} ${generator} ${PROJECT_SOURCE_DIR}/tools/idlgen/idlparse.py
+    COMMENT "idlgen: ${I_NAME} from ${I_IDL}"
+    VERBATIM)
+  set(${var} ${outputs} PARENT_SCOPE)
+endfunction()

@@ -14,6 +14,7 @@
 
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "interfaces/lum/diag_lum_control_client.h"
+#include "interfaces/lum/lum_catalog.h"
 #include "logic/base64.h"
 #include "logic/logic.h"
 #include "logic/multiplexer.h"
@@ -167,7 +168,8 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
 
   platform::someip::HostConfig hostConfig;
   std::string error;
-  ASSERT_TRUE(platform::someip::loadHostConfig(config, hostConfig, error)) << error;
+  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::lum::interfaces(), hostConfig, error))
+      << error;
   auto runtime = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(runtime) << error;
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
+#include "interfaces/lum/lum_catalog.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/inbox.h"
@@ -123,7 +124,8 @@ TEST(LumSimProcessTest, ThreadedCleanSessionThroughTheRealClient) {
 
   platform::someip::HostConfig hostConfig;
   std::string error;
-  ASSERT_TRUE(platform::someip::loadHostConfig(config, hostConfig, error)) << error;
+  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::lum::interfaces(), hostConfig, error))
+      << error;
   auto orvane = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(orvane) << error;
 
@@ -213,7 +215,8 @@ TEST(LumSimProcessTest, ThreadedServiceGoesAwayComesBackAndCrashes) {
 
   platform::someip::HostConfig hostConfig;
   std::string error;
-  ASSERT_TRUE(platform::someip::loadHostConfig(config, hostConfig, error)) << error;
+  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::lum::interfaces(), hostConfig, error))
+      << error;
   auto orvane = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(orvane) << error;
   ScopedLogCapture capture;

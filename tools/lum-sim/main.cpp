@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "interfaces/lum/lum_catalog.h"
 #include "lum_service.h"
 #include "minfw/log.h"
 #include "minfw/str.h"
@@ -74,7 +75,7 @@ int main(int argc, char** argv) {
     configPath = platform::someip::hostConfigPath();
   platform::someip::HostConfig config;
   std::string error;
-  if (!platform::someip::loadHostConfig(configPath, config, error)) {
+  if (!platform::someip::loadHostConfig(configPath, orv::lum::interfaces(), config, error)) {
     MLOG_ERROR(kTag, error);
     std::fprintf(stderr, "%s\n", error.c_str());
     return 2;

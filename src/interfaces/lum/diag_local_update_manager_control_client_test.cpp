@@ -133,8 +133,8 @@ bool awaitEventFlow(mw::Skeleton& skeleton, Inbox& inbox, uint16_t probe) {
 TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   platform::someip::HostConfig config;
   std::string error;
-  ASSERT_TRUE(
-      platform::someip::loadHostConfig(ORVANE_SOURCE_DIR "/config/host.json", config, error))
+  ASSERT_TRUE(platform::someip::loadHostConfig(ORVANE_SOURCE_DIR "/config/host.json",
+                                               orv::lum::interfaces(), config, error))
       << error;
   auto lum = platform::someip::Runtime::start(config, "lum-sim", error);
   ASSERT_TRUE(lum) << error;

@@ -20,6 +20,7 @@
 #include "interfaces/lum/lum11_skeleton.h"
 #include "interfaces/lum/lum12_proxy.h"
 #include "interfaces/lum/lum12_skeleton.h"
+#include "interfaces/lum/lum_catalog.h"
 #include "interfaces/lum/lum_test_support.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/inbox.h"
@@ -185,8 +186,8 @@ std::unique_ptr<P> discover(mw::Binding* binding, const std::string& instance) {
 platform::someip::HostConfig hostConfig() {
   platform::someip::HostConfig config;
   std::string error;
-  EXPECT_TRUE(
-      platform::someip::loadHostConfig(ORVANE_SOURCE_DIR "/config/host.json", config, error))
+  EXPECT_TRUE(platform::someip::loadHostConfig(ORVANE_SOURCE_DIR "/config/host.json",
+                                               orv::lum::interfaces(), config, error))
       << error;
   return config;
 }

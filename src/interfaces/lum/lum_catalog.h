@@ -1,35 +1,22 @@
 #pragma once
-// The names under which both versions of the LUM control interface appear in the host
-// configuration: the interface entries and, per version, the names of every method, event and
-// field descriptor in interface order. Bindings look their identifiers up under these names;
-// the list is derived from the descriptors, so a descriptor cannot be forgotten here.
+// Both versions of the LUM control interface as bindings know them: their names and their ids,
+// generated from src/interfaces/idl/lum_v11.idl and lum_v12.idl.
 //
-// Threading: pure functions; thread-safe.
+// Threading: constants and pure functions over constant data; thread-safe.
 
-#include <string>
-#include <tuple>
 #include <vector>
+
+#include "interfaces/lum/lum11_ids.h"
+#include "interfaces/lum/lum12_ids.h"
 
 namespace orv::lum {
 
-inline constexpr const char* kInterfaceV11 = "DiagLocalUpdateManagerControl_v11";
-inline constexpr const char* kInterfaceV12 = "DiagLocalUpdateManagerControl_v12";
+inline constexpr const char* kInterfaceV11 = lum11::kInterfaceName;
+inline constexpr const char* kInterfaceV12 = lum12::kInterfaceName;
 
-struct MemberNames {
-  std::vector<std::string> methods;  // in interface order (method id 1, 2, ...)
-  std::vector<std::string> events;   // in interface order (event id 0x8001, 0x8002, ...)
-  std::vector<std::string> fields;   // in interface order (notifier id 0x8001, ...)
-};
-
-MemberNames v11MemberNames();
-MemberNames v12MemberNames();
-
-// The kName of every descriptor in a std::tuple of descriptors, in order.
-template <typename Tuple>
-std::vector<std::string> descriptorNames() {
-  return std::apply(
-      [](auto... descriptors) { return std::vector<std::string>{decltype(descriptors)::kName...}; },
-      Tuple{});
+// The descriptions of both versions, for loading the host configuration.
+inline std::vector<platform::middleware::InterfaceIds> interfaces() {
+  return {lum11::interfaceIds(), lum12::interfaceIds()};
 }
 
 }  // namespace orv::lum

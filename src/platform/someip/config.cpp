@@ -335,16 +335,12 @@ class Loader {
     return true;
   }
 
+  // The deployment of one interface, joined with its description.
   bool interface(const JSON& v, const std::string& p, const std::map<std::string, uint32_t>& known,
-                 InterfaceConfig& out) {
-    if (!isObject(v, p) || !onlyKeys(v, p,
-                                     {"serviceId", "instanceId", "majorVersion", "minorVersion",
-                                      "server", "tcpPort", "methods", "events", "fields"}))
+                 const middleware::InterfaceIds& ids, InterfaceConfig& out) {
+    if (!isObject(v, p) || !onlyKeys(v, p, {"instanceId", "server", "tcpPort"}))
       return false;
-    if (!integerMember(v, p, "serviceId", 1, 0xFFFE, out.serviceId) ||
-        !integerMember(v, p, "instanceId", 1, 0xFFFE, out.instanceId) ||
-        !integerMember(v, p, "majorVersion", 0, 0xFE, out.majorVersion) ||
-        !integerMember(v, p, "minorVersion", 0, 0xFFFFFFFE, out.minorVersion) ||
+    if (!integerMember(v, p, "instanceId", 1, 0xFFFE, out.instanceId) ||
         !integerMember(v, p, "tcpPort", 1, 65535, out.tcpPort))
       return false;
     const JSON* server = member(v, p, "server");
@@ -354,72 +350,20 @@ class Loader {
     out.server = server->ToString(isText);
     if (!isText || known.count(out.server) == 0)
       return fail(join(p, "server"), "expected the name of a process in processes");
-
-    // Methods, getters and setters share one id space, events and notifiers another.
-    std::map<uint16_t, std::string> methodIds, eventIds;
-    auto unique = [this](std::map<uint16_t, std::string>& ids, uint16_t id,
-                         const std::string& path) {
-      const auto [it, fresh] = ids.emplace(id, path);
-      return fresh || fail(path, cat("id ", id, " is already used by ", it->second));
-    };
-    constexpr int64_t kMethodMin = 1, kMethodMax = 0x7FFF, kEventMin = 0x8000, kEventMax = 0xFFFF;
-
-    if (const JSON* methods = v.find("methods")) {
-      const std::string mp = join(p, "methods");
-      if (!isObject(*methods, mp))
-        return false;
-      for (const auto& [name, id] : methods->ObjectRange()) {
-        uint16_t value = 0;
-        if (!integer(id, join(mp, name), kMethodMin, kMethodMax, value) ||
-            !unique(methodIds, value, join(mp, name)))
-          return false;
-        out.methods[name] = value;
-      }
-    }
-    if (const JSON* events = v.find("events")) {
-      const std::string ep = join(p, "events");
-      if (!isObject(*events, ep))
-        return false;
-      for (const auto& [name, event] : events->ObjectRange()) {
-        const std::string path = join(ep, name);
-        EventConfig e;
-        if (!isObject(event, path) || !onlyKeys(event, path, {"id", "eventgroup"}) ||
-            !integerMember(event, path, "id", kEventMin, kEventMax, e.id) ||
-            !integerMember(event, path, "eventgroup", 1, 0xFFFF, e.eventgroup) ||
-            !unique(eventIds, e.id, join(path, "id")))
-          return false;
-        out.events[name] = e;
-      }
-    }
-    if (const JSON* fields = v.find("fields")) {
-      const std::string fp = join(p, "fields");
-      if (!isObject(*fields, fp))
-        return false;
-      for (const auto& [name, field] : fields->ObjectRange()) {
-        const std::string path = join(fp, name);
-        FieldConfig f;
-        if (!isObject(field, path) ||
-            !onlyKeys(field, path, {"notifier", "getter", "setter", "eventgroup"}) ||
-            !integerMember(field, path, "notifier", kEventMin, kEventMax, f.notifier) ||
-            !integerMember(field, path, "getter", kMethodMin, kMethodMax, f.getter) ||
-            !integerMember(field, path, "eventgroup", 1, 0xFFFF, f.eventgroup) ||
-            !unique(eventIds, f.notifier, join(path, "notifier")) ||
-            !unique(methodIds, f.getter, join(path, "getter")))
-          return false;
-        if (const JSON* setter = field.find("setter")) {
-          uint16_t id = 0;
-          if (!integer(*setter, join(path, "setter"), kMethodMin, kMethodMax, id) ||
-              !unique(methodIds, id, join(path, "setter")))
-            return false;
-          f.setter = id;
-        }
-        out.fields[name] = f;
-      }
-    }
+    out.serviceId = ids.serviceId;
+    out.majorVersion = ids.majorVersion;
+    out.minorVersion = ids.minorVersion;
+    for (const auto& m : ids.methods)
+      out.methods[m.name] = m.id;
+    for (const auto& e : ids.events)
+      out.events[e.name] = e;
+    for (const auto& f : ids.fields)
+      out.fields[f.name] = f;
     return true;
   }
 
-  bool document(const JSON& root, HostConfig& out) {
+  bool document(const JSON& root, const std::vector<middleware::InterfaceIds>& descriptions,
+                HostConfig& out) {
     if (root.JSONType() != JSON::Class::Object)
       return fail("(document)", "expected an object");
     if (!onlyKeys(root, "", {"sd", "processes", "interfaces"}))
@@ -435,14 +379,24 @@ class Loader {
     std::map<uint32_t, std::string> services;  // service << 16 | instance -> path
     for (const auto& [name, value] : interfaceValue->ObjectRange()) {
       const std::string path = join("interfaces", name);
+      const middleware::InterfaceIds* ids = nullptr;
+      std::string names;
+      for (const auto& d : descriptions) {
+        if (d.name == name)
+          ids = &d;
+        names += names.empty() ? d.name : ", " + d.name;
+      }
+      if (ids == nullptr)
+        return fail(path, cat("no interface of that name is described (known: ",
+                              names.empty() ? "none" : names, ")"));
       InterfaceConfig itf;
       itf.name = name;
-      if (!interface(value, path, out.processes, itf))
+      if (!interface(value, path, out.processes, *ids, itf))
         return false;
       const auto [it, fresh] =
           services.emplace((uint32_t{itf.serviceId} << 16) | itf.instanceId, path);
       if (!fresh)
-        return fail(join(path, "serviceId"),
+        return fail(join(path, "instanceId"),
                     cat("service ", itf.serviceId, " instance ", itf.instanceId,
                         " is already used by ", it->second));
       out.interfaces[name] = std::move(itf);
@@ -487,7 +441,8 @@ bool parseIpv4(const std::string& text, uint32_t& out) {
   return true;
 }
 
-bool loadHostConfig(const std::string& path, HostConfig& out, std::string& error) {
+bool loadHostConfig(const std::string& path, const std::vector<middleware::InterfaceIds>& known,
+                    HostConfig& out, std::string& error) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     error = cat(path, ": cannot open the file");
@@ -508,7 +463,7 @@ bool loadHostConfig(const std::string& path, HostConfig& out, std::string& error
   }
   Loader loader(path);
   HostConfig config;
-  if (!loader.document(JSON::Load(document), config)) {
+  if (!loader.document(JSON::Load(document), known, config)) {
     error = loader.error();
     return false;
   }

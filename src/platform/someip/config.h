@@ -1,15 +1,19 @@
 #pragma once
-// The host configuration: one JSON file that describes the whole constellation (SD timing, each
-// process's unicast address, and per interface its ids, server, TCP port, methods, events and
-// fields). Default file config/host.json; ORVANE_MIDDLEWARE_CONFIG overrides the path.
+// The host configuration: one JSON file that describes the deployment of the whole constellation
+// (SD timing, each process's unicast address, and per interface its instance, server and TCP
+// port), joined with the ids that each interface's description fixes (service, version, method,
+// event and field ids; see platform/middleware/interface_ids.h). Default file config/host.json;
+// ORVANE_MIDDLEWARE_CONFIG overrides the path.
 //
 // Threading: loadHostConfig() shares no state; a HostConfig is read-only once loaded and may be
 // read from any thread.
 
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
+#include <vector>
+
+#include "platform/middleware/interface_ids.h"
 
 namespace platform::someip {
 
@@ -24,17 +28,9 @@ struct SdConfig {
   uint32_t ttlSeconds = 0;
 };
 
-struct EventConfig {
-  uint16_t id = 0;
-  uint16_t eventgroup = 0;
-};
-
-struct FieldConfig {
-  uint16_t notifier = 0;
-  uint16_t getter = 0;
-  std::optional<uint16_t> setter;
-  uint16_t eventgroup = 0;
-};
+// The ids of one event or field, as its interface's description gives them.
+using EventConfig = middleware::EventIds;
+using FieldConfig = middleware::FieldIds;
 
 struct InterfaceConfig {
   std::string name;
@@ -58,15 +54,17 @@ struct HostConfig {
   const InterfaceConfig* findInterface(const std::string& name) const;
 };
 
-// Loads and validates `path`. Checked: JSON syntax; every key known and every required key
-// present; ids in range (methods and getters/setters 1..32767, events and notifiers
-// 32768..65535, service and instance 1..65534, major 0..254); unicast addresses inside
-// 127.0.0.0/8 and the multicast group inside 224.0.0.0/4; ports 1..65535; the SD initial delay
-// min <= max; each server names a known process; no method id or event id used twice within an
-// interface (fields' getters and setters count as methods, notifiers as events).
+// Loads and validates the deployment in `path` and joins each interface entry with its
+// description among `known` (the interfaces this process may use; their ids are checked where
+// they are generated). Checked: JSON syntax; every key known and every required key present;
+// instance 1..65534; unicast addresses inside 127.0.0.0/8 and the multicast group inside
+// 224.0.0.0/4; ports 1..65535; the SD initial delay min <= max; each server names a known
+// process; each interface entry names a known description; no service instance twice. A known
+// description without an entry is left out: the binding names it when it is used.
 // On failure returns false, leaves `out` unchanged, and `error` names the file and the key path,
-// e.g. "config/host.json: interfaces.X.methods.y: expected an integer 1..32767".
-bool loadHostConfig(const std::string& path, HostConfig& out, std::string& error);
+// e.g. "config/host.json: interfaces.X.tcpPort: expected an integer 1..65535".
+bool loadHostConfig(const std::string& path, const std::vector<middleware::InterfaceIds>& known,
+                    HostConfig& out, std::string& error);
 
 // ORVANE_MIDDLEWARE_CONFIG when set and not empty, else the default config/host.json of the
 // build.

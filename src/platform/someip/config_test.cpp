@@ -5,9 +5,25 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <vector>
 
 namespace platform::someip {
 namespace {
+
+using middleware::InterfaceIds;
+
+// The descriptions that the test file deploys, and one that it leaves out.
+std::vector<InterfaceIds> known() {
+  return {{"Sample_v1",
+           0x1234,
+           11,
+           0,
+           {{"start", 1}, {"stop", 2}},
+           {{"progress", 0x8001, 1}},
+           {{"state", 32774, 40, std::nullopt, 2}, {"mode", 32775, 41, 42, 2}}},
+          {"Other_v2", 4661, 2, 7, {{"ping", 1}}, {}, {}},
+          {"Unused_v1", 4662, 1, 0, {}, {}, {}}};
+}
 
 std::string testdata(const std::string& name) {
   return std::string(WIRE_TESTDATA_DIR) + "/" + name;
@@ -38,7 +54,7 @@ std::string edited(const std::string& from, const std::string& to) {
 TEST(HostConfig, ValidFileLoads) {
   HostConfig config;
   std::string error;
-  ASSERT_TRUE(loadHostConfig(testdata("host.json"), config, error)) << error;
+  ASSERT_TRUE(loadHostConfig(testdata("host.json"), known(), config, error)) << error;
   EXPECT_EQ(config.sd.multicast, 0xE0F4E0F5u);
   EXPECT_EQ(config.sd.port, 30490);
   EXPECT_EQ(config.sd.initialDelayMinMs, 10u);
@@ -71,6 +87,7 @@ TEST(HostConfig, ValidFileLoads) {
   EXPECT_EQ(other->minorVersion, 7u);
   EXPECT_TRUE(other->events.empty());
   EXPECT_EQ(config.findInterface("Missing"), nullptr);
+  EXPECT_EQ(config.findInterface("Unused_v1"), nullptr) << "described, but not deployed";
 }
 
 TEST(HostConfig, BadFilesNameFileAndKey) {
@@ -78,7 +95,10 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
     const char* proves;
     std::string text;
     const char* error;  // after "<path>: "
+    std::vector<InterfaceIds> descriptions = known();
   };
+  std::vector<InterfaceIds> sameService = known();
+  sameService[1].serviceId = 0x1234;
   const Row rows[] = {
       {"syntax error with line and column", edited("\"port\": 30490,", "\"port\": 30490,,"),
        "line 4 column 19: expected a key in double quotes"},
@@ -86,9 +106,9 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
        "line 3 column 29: unterminated string"},
       {"empty file", "", "line 1 column 1: unexpected end of file"},
       {"text after the document", readFile(testdata("host.json")) + "}",
-       "line 43 column 1: unexpected text after the document"},
-      {"duplicate key", edited("\"stop\": 2", "\"stop\": 2, \"stop\": 3"),
-       "line 25 column 43: duplicate key \"stop\""},
+       "line 26 column 1: unexpected text after the document"},
+      {"duplicate key", edited("\"tcpPort\": 30501", "\"tcpPort\": 30501, \"tcpPort\": 1"),
+       "line 21 column 25: duplicate key \"tcpPort\""},
       {"document is not an object", "[1, 2]", "(document): expected an object"},
       {"missing section", "{\"processes\": {}, \"interfaces\": {}}", "sd: missing"},
       {"unknown top-level key", edited("\"sd\":", "\"extra\": 1, \"sd\":"), "extra: unknown key"},
@@ -109,34 +129,21 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
        "processes.orvane.unicast: 127.0.0.1 is already the address of processes.diag-tester"},
       {"server names no process", edited("\"server\": \"lum-sim\"", "\"server\": \"lum\""),
        "interfaces.Sample_v1.server: expected the name of a process in processes"},
-      {"method id 0", edited("\"start\": 1", "\"start\": 0"),
-       "interfaces.Sample_v1.methods.start: expected an integer 1..32767"},
-      {"method id with the event bit", edited("\"start\": 1", "\"start\": 32769"),
-       "interfaces.Sample_v1.methods.start: expected an integer 1..32767"},
-      {"method id as a float", edited("\"start\": 1", "\"start\": 1.0"),
-       "interfaces.Sample_v1.methods.start: expected an integer 1..32767"},
-      {"duplicate method id", edited("\"stop\": 2", "\"stop\": 1"),
-       "interfaces.Sample_v1.methods.stop: id 1 is already used by "
-       "interfaces.Sample_v1.methods.start"},
-      {"getter reuses a method id", edited("\"getter\": 40", "\"getter\": 2"),
-       "interfaces.Sample_v1.fields.state.getter: id 2 is already used by "
-       "interfaces.Sample_v1.methods.stop"},
-      {"notifier reuses an event id", edited("\"notifier\": 32774", "\"notifier\": 32769"),
-       "interfaces.Sample_v1.fields.state.notifier: id 32769 is already used by "
-       "interfaces.Sample_v1.events.progress.id"},
-      {"event id without the event bit", edited("\"id\": 32769", "\"id\": 5"),
-       "interfaces.Sample_v1.events.progress.id: expected an integer 32768..65535"},
-      {"misspelt optional key", edited("\"setter\": 42", "\"settr\": 42"),
-       "interfaces.Sample_v1.fields.mode.settr: unknown key"},
-      {"missing eventgroup", edited(", \"eventgroup\": 1", ""),
-       "interfaces.Sample_v1.events.progress.eventgroup: missing"},
-      {"service id of SD", edited("4660", "65535"),
-       "interfaces.Sample_v1.serviceId: expected an integer 1..65534"},
-      {"major version wildcard", edited("\"majorVersion\": 11", "\"majorVersion\": 255"),
-       "interfaces.Sample_v1.majorVersion: expected an integer 0..254"},
-      {"one service instance twice", edited("4661", "4660"),
-       "interfaces.Sample_v1.serviceId: service 4660 instance 1 is already used by "
-       "interfaces.Other_v2"},
+      {"instance id 0", edited("\"instanceId\": 1,", "\"instanceId\": 0,"),
+       "interfaces.Sample_v1.instanceId: expected an integer 1..65534"},
+      {"ids belong to the description, not to the file",
+       edited("\"instanceId\": 1,", "\"serviceId\": 4660, \"instanceId\": 1,"),
+       "interfaces.Sample_v1.serviceId: unknown key"},
+      {"missing port", edited(",\n      \"tcpPort\": 30501", ""),
+       "interfaces.Sample_v1.tcpPort: missing"},
+      {"an entry without description",
+       readFile(testdata("host.json")),
+       "interfaces.Other_v2: no interface of that name is described (known: Sample_v1)",
+       {known()[0]}},
+      {"one service instance twice", readFile(testdata("host.json")),
+       "interfaces.Sample_v1.instanceId: service 4660 instance 1 is already used by "
+       "interfaces.Other_v2",
+       sameService},
   };
   int index = 0;
   for (const Row& row : rows) {
@@ -144,7 +151,7 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
     HostConfig config;
     config.processes["untouched"] = 1;
     std::string error;
-    EXPECT_FALSE(loadHostConfig(path, config, error)) << row.proves;
+    EXPECT_FALSE(loadHostConfig(path, row.descriptions, config, error)) << row.proves;
     EXPECT_EQ(error, path + ": " + row.error) << row.proves;
     EXPECT_EQ(config.processes.count("untouched"), 1u) << row.proves << ": out was changed";
     std::remove(path.c_str());
@@ -152,7 +159,7 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
 
   HostConfig config;
   std::string error;
-  EXPECT_FALSE(loadHostConfig("/nonexistent/host.json", config, error));
+  EXPECT_FALSE(loadHostConfig("/nonexistent/host.json", known(), config, error));
   EXPECT_EQ(error, "/nonexistent/host.json: cannot open the file");
 }
 

@@ -28,7 +28,7 @@ HostConfig loadTestConfig(const TempDir& dir, std::string* pathOut) {
   std::string path = dir.path() + "/host.json";
   std::ofstream(path) << testConfigJson();
   std::string error;
-  EXPECT_TRUE(loadHostConfig(path, config, error)) << error;
+  EXPECT_TRUE(loadHostConfig(path, {testInterfaceIds()}, config, error)) << error;
   if (pathOut)
     *pathOut = path;
   return config;

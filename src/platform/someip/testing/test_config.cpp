@@ -2,6 +2,17 @@
 
 namespace platform::someip::testing {
 
+middleware::InterfaceIds testInterfaceIds() {
+  return {
+      kTestInterface,
+      4660,
+      1,
+      0,
+      {{Echo::kName, 1}, {Slow::kName, 2}, {Emit::kName, 3}, {Ghost::kName, 4}, {Note::kName, 5}},
+      {{Tick::kName, 0x8001, 1}},
+      {{Level::kName, 0x8002, 6, std::nullopt, 1}}};
+}
+
 std::string testConfigJson() {
   return R"({
   "sd": { "multicast": "224.244.224.245", "port": 30490,
@@ -9,13 +20,7 @@ std::string testConfigJson() {
           "repetitionsMax": 3, "cyclicOfferDelayMs": 100, "ttlSeconds": 1 },
   "processes": { "client": { "unicast": "127.0.0.1" }, "server": { "unicast": "127.0.0.2" } },
   "interfaces": {
-    "TestService": {
-      "serviceId": 4660, "instanceId": 1, "majorVersion": 1, "minorVersion": 0,
-      "server": "server", "tcpPort": 30501,
-      "methods": { "echo": 1, "slow": 2, "emit": 3, "ghost": 4, "note": 5 },
-      "events": { "tick": { "id": 32769, "eventgroup": 1 } },
-      "fields": { "level": { "notifier": 32770, "getter": 6, "eventgroup": 1 } }
-    }
+    "TestService": { "instanceId": 1, "server": "server", "tcpPort": 30501 }
   }
 }
 )";

@@ -1,10 +1,12 @@
 #pragma once
 // A small service interface for the binding's own tests and benchmark, described the way
-// interface code describes its members (see platform/middleware/proxy.h).
+// interface code describes its members (see platform/middleware/proxy.h) and its ids (see
+// platform/middleware/interface_ids.h); written by hand, as platform code has no generator.
 
 #include <cstdint>
 #include <string>
 
+#include "platform/middleware/interface_ids.h"
 #include "platform/middleware/marshal.h"
 
 namespace platform::someip::testing {
@@ -102,8 +104,13 @@ struct Level {
   using Value = uint32_t;
 };
 
+// The ids of TestService: service 4660 version 1.0; echo, slow, emit, ghost, note 1..5; tick
+// 0x8001 and the level field (notifier 0x8002, getter 6), both in eventgroup 1.
+middleware::InterfaceIds testInterfaceIds();
+
 // Host configuration of the tests: "client" at 127.0.0.1, "server" at 127.0.0.2, fast SD
-// timing, a TTL of 1 s.
+// timing, a TTL of 1 s; TestService instance 1 offered by "server". Loaded with
+// testInterfaceIds().
 std::string testConfigJson();
 
 }  // namespace platform::someip::testing

@@ -31,7 +31,7 @@ int main(int argc, char** argv) {
   kel::vxp3::minfw::Logger::instance().init("someip_test_peer", "PEER", kel::vxp3::minfw::kInfo);
   HostConfig config;
   std::string error;
-  if (!loadHostConfig(argv[1], config, error)) {
+  if (!loadHostConfig(argv[1], {testInterfaceIds()}, config, error)) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;
   }
