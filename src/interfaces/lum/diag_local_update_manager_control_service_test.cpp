@@ -1,11 +1,9 @@
 #include "interfaces/lum/diag_local_update_manager_control_service.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
 #include <map>
@@ -32,32 +30,25 @@ using kel::vxp3::minfw::testing::TempDir;
 using Client = DiagLUMControlClient::Client;
 using Service = DiagLocalUpdateManagerControlService;
 using PS = lum11::CM_CurrentProcessingState;
-using FieldState =
+using FS =
     lum12::CM_DT_DiagLocalUpdateManagerControl_domainUpdateSessionState_currentProcessingState;
 
 constexpr uint32_t kNoAnswer = 0xFF;
-constexpr uint32_t kOk = 0, kInvalidState = 1, kInternalError = 2;
+constexpr uint32_t kOk = 0, kIS = 1, kIE = 2;  // invalidState, internalError
+constexpr uint32_t kDm = ACTIVE_DM, kUsb = ACTIVE_USB, kNone = ACTIVE_NONE;
 
-// A LUM facade answering from a table (a return status per operation, or no answer), recording
-// every call; it can hold the state poll until the test lets it go. Set the table up before
-// threads start.
+// A LUM facade answering from a table set up before threads start (a return status per
+// operation, or no answer) and counting calls; `hold` keeps the state poll hanging.
 class FakeLum : public DiagLUMControlClient {
  public:
   FakeLum() : DiagLUMControlClient(std::make_unique<Client>()) {}
-
   std::map<std::string, uint32_t> status;
   PS state = PS::downloading;
-
+  std::atomic<bool> hold{false}, held{false};
   size_t count(const std::string& op) {
     std::lock_guard<std::mutex> lock(mutex_);
     return calls_[op];
   }
-  void hold(bool on) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hold_ = on;
-    changed_.notify_all();
-  }
-
   bool createDomainUpdateSession(const std::string&, uint16_t riid, const std::string&,
                                  const lum11::createDomainUpdateSession_manifestInformation&,
                                  const lum11::createDomainUpdateSession_cryptoParameters&,
@@ -70,10 +61,10 @@ class FakeLum : public DiagLUMControlClient {
   }
   bool getDomainUpdateSessionState(const std::string&, uint16_t,
                                    Client::GetDomainUpdateSessionStateOutput& out, bool) override {
-    std::unique_lock<std::mutex> lock(mutex_);
-    ++calls_["held"];
-    changed_.wait(lock, [this] { return !hold_; });
-    lock.unlock();
+    held = hold.load();
+    while (hold) {
+      std::this_thread::sleep_for(1ms);
+    }
     out.currentProcessingState = state;
     return reply("getDomainUpdateSessionState", out);
   }
@@ -113,16 +104,7 @@ class FakeLum : public DiagLUMControlClient {
     return value != kNoAnswer;
   }
   std::mutex mutex_;  // guards everything below
-  std::condition_variable changed_;
   std::map<std::string, size_t> calls_;
-  bool hold_ = false;
-};
-
-class Mux : public Multiplexer {
- public:
-  using Multiplexer::addChannel;
-  using Multiplexer::Multiplexer;
-  using Multiplexer::setLumClient;
 };
 
 // Waits in real time, bounded, until `condition` holds.
@@ -147,24 +129,26 @@ uint32_t status(const Service::Future<Answer>& answer) {
   return static_cast<uint32_t>(answer.get().value().returnStatus);
 }
 
-// The service as channel 0 of a real Multiplexer, the USB channel as channel 1.
-struct Rig {
-  explicit Rig(SimulatedClock& c, bool bind = true, bool withLum = true) : clock(c) {
-    auto service = std::make_unique<Service>("1");
-    // Any channel object serves as the USB channel: the tests call its slots with its value.
-    auto channel = std::make_unique<Service>("2");
-    dm = service.get();
-    usb = channel.get();
-    mux.addChannel(std::move(service));
-    mux.addChannel(std::move(channel));
+struct Files {
+  TempDir dir;
+  std::shared_ptr<Persistence> record =
+      std::make_shared<Persistence>(dir.path(), "persistence.json");
+};
+
+// The service as channel 0 of a real Multiplexer; the USB channel is its value 1 there.
+struct Rig : Files, Multiplexer {
+  explicit Rig(SimulatedClock& c, bool bind = true, bool withLum = true)
+      : Multiplexer(record), clock(c) {
+    addChannel(std::make_unique<Service>("1"));
+    dm = static_cast<Service*>(channel(ACTIVE_DM));
     if (withLum) {
-      mux.setLumClient(lum);
+      setLumClient(lum);
     }
     if (bind) {
-      mux.initBindings();
+      initBindings();
     }
   }
-  ~Rig() {
+  ~Rig() override {
     EXPECT_TRUE(runAdvancing(clock, [this] { dm->stopPoll(); }));
   }
 
@@ -178,14 +162,10 @@ struct Rig {
     }
     return true;
   }
+
   SimulatedClock& clock;
-  TempDir dir;
-  std::shared_ptr<Persistence> record =
-      std::make_shared<Persistence>(dir.path(), "persistence.json");
-  Mux mux{record};
   std::shared_ptr<FakeLum> lum = std::make_shared<FakeLum>();
   Service* dm = nullptr;
-  ILumChannel* usb = nullptr;
 };
 
 class DmServiceTest : public ::testing::Test {
@@ -208,39 +188,29 @@ TEST_F(DmServiceTest, ControlTablePerOperationGroup) {
     bool lumCalled;
   };
   const char* kUsbPath = "getServiceDescription(): Active path (USB update in progress), unable";
+  const char* kNoLum = "Unable to get LUM object!";
+  const char* kNegative = "LUM negative answer: (invalidState)";
   const std::vector<Row> rows = {
-      {"create takes control and keeps it", kCreate, ACTIVE_NONE, true, true, kOk, kOk,
-       "Starting polling thread", ACTIVE_DM, true},
-      {"create while USB holds is refused", kCreate, ACTIVE_USB, true, true, kOk, kInvalidState,
-       "Unable to get exlusive lock!", ACTIVE_USB, false},
-      {"create without a facade gives control back", kCreate, ACTIVE_NONE, true, false, kOk,
-       kInvalidState, "Unable to get LUM object!", ACTIVE_NONE, false},
-      {"create without an answer gives control back", kCreate, ACTIVE_NONE, true, true, kNoAnswer,
-       kInternalError, "LUM signals error!", ACTIVE_NONE, true},
-      {"create refused by the LUM passes its status on", kCreate, ACTIVE_NONE, true, true,
-       kInvalidState, kInvalidState, "LUM negative answer: (invalidState)", ACTIVE_NONE, true},
-      {"a failed create keeps a session already held", kCreate, ACTIVE_DM, true, true,
-       kInvalidState, kInvalidState, "LUM negative answer: (invalidState)", ACTIVE_DM, true},
-      {"unbound slots answer at once", kCreate, ACTIVE_NONE, false, true, kOk, kInternalError,
-       "Signals not bound yet!", ACTIVE_NONE, false},
-      {"cancel takes free control for the call only", kCancel, ACTIVE_NONE, true, true, kOk, kOk,
-       "Control released by [ACTIVE_DM]", ACTIVE_NONE, true},
-      {"cancel while USB holds gets no LUM", kCancel, ACTIVE_USB, true, true, kOk, kInvalidState,
-       "Unable to get LUM object!", ACTIVE_USB, false},
-      {"a forwarded call leaves control alone", kStart, ACTIVE_DM, true, true, kOk, kOk,
-       "<=", ACTIVE_DM, true},
-      {"a forwarded call takes no free control", kStart, ACTIVE_NONE, true, true, kOk,
-       kInvalidState, "Unable to get LUM object!", ACTIVE_NONE, false},
-      {"a forwarded call without an answer", kStart, ACTIVE_DM, true, true, kNoAnswer,
-       kInternalError, "LUM signals error!", ACTIVE_DM, true},
-      {"a closed session gives control back", kClose, ACTIVE_DM, true, true, kOk, kOk,
-       "stopPoll(): done", ACTIVE_NONE, true},
-      {"a refused close keeps the session", kClose, ACTIVE_DM, true, true, kInvalidState,
-       kInvalidState, "<=", ACTIVE_DM, true},
-      {"description while USB holds", kDescription, ACTIVE_USB, true, true, kOk, kInvalidState,
-       kUsbPath, ACTIVE_USB, false},
-      {"description without an answer", kDescription, ACTIVE_DM, true, true, kNoAnswer,
-       kInternalError, "getServiceDescription(): Active path (), LUM comm error!", ACTIVE_DM, true},
+      {"create takes control", kCreate, kNone, 1, 1, kOk, kOk, "Starting polling", kDm, 1},
+      {"create while USB holds", kCreate, kUsb, 1, 1, kOk, kIS, "Unable to get exlusive lock!",
+       kUsb, 0},
+      {"create without a facade", kCreate, kNone, 1, 0, kOk, kIS, kNoLum, kNone, 0},
+      {"create without an answer", kCreate, kNone, 1, 1, kNoAnswer, kIE, "LUM signals error!",
+       kNone, 1},
+      {"create refused by the LUM", kCreate, kNone, 1, 1, kIS, kIS, kNegative, kNone, 1},
+      {"a failed create keeps a held session", kCreate, kDm, 1, 1, kIS, kIS, kNegative, kDm, 1},
+      {"unbound slots", kCreate, kNone, 0, 1, kOk, kIE, "Signals not bound yet!", kNone, 0},
+      {"cancel takes free control for the call", kCancel, kNone, 1, 1, kOk, kOk,
+       "Control released by [ACTIVE_DM]", kNone, 1},
+      {"cancel while USB holds", kCancel, kUsb, 1, 1, kOk, kIS, kNoLum, kUsb, 0},
+      {"a forwarded call leaves control alone", kStart, kDm, 1, 1, kOk, kOk, "<=", kDm, 1},
+      {"a forwarded call takes no free control", kStart, kNone, 1, 1, kOk, kIS, kNoLum, kNone, 0},
+      {"a closed session gives control back", kClose, kDm, 1, 1, kOk, kOk, "stopPoll(): done",
+       kNone, 1},
+      {"a refused close keeps the session", kClose, kDm, 1, 1, kIS, kIS, "<=", kDm, 1},
+      {"description while USB holds", kDescription, kUsb, 1, 1, kOk, kIS, kUsbPath, kUsb, 0},
+      {"description without an answer", kDescription, kDm, 1, 1, kNoAnswer, kIE,
+       "getServiceDescription(): Active path (), LUM comm error!", kDm, 1},
   };
   const std::vector<std::pair<const char*, std::function<uint32_t(Service&)>>> ops = {
       {"createDomainUpdateSession",
@@ -258,14 +228,12 @@ TEST_F(DmServiceTest, ControlTablePerOperationGroup) {
     Rig rig(clock_, row.bound, row.withLum);
     const char* op = ops[row.op].first;
     rig.lum->status[op] = row.lumAnswer;
-    if (row.holder != ACTIVE_NONE) {
-      ASSERT_TRUE(rig.mux.requestExclusiveControl(row.holder, false));
-    }
+    ASSERT_TRUE(row.holder == kNone || rig.requestExclusiveControl(row.holder, false));
     log_->clear();
     const uint32_t status = ops[row.op].second(*rig.dm);
     EXPECT_EQ(status, row.expected);
     EXPECT_TRUE(log_->contains(row.logged)) << row.logged;
-    EXPECT_EQ(rig.mux.queryControl(), row.holderAfter);
+    EXPECT_EQ(rig.queryControl(), row.holderAfter);
     EXPECT_EQ(rig.lum->count(op), row.lumCalled ? 1u : 0u);
     EXPECT_EQ(rig.dm->polling(), row.op == kCreate && status == kOk);
   }
@@ -277,29 +245,25 @@ TEST_F(DmServiceTest, PollCycle) {
     uint32_t holder;
     PS state;
     const char* infoCall;  // besides the state poll
-    FieldState field;
+    FS field;
     uint32_t installationTime, holderAfter;
     bool polls;  // the worker is still there
   };
   const std::vector<Row> rows = {
-      {"download figures while downloading", ACTIVE_DM, PS::downloading, "getDomainDownloadInfo",
-       FieldState::downloading, 11, ACTIVE_DM, true},
-      {"update figures while updating", ACTIVE_DM, PS::updating, "getDomainUpdateInfo",
-       FieldState::updating, 22, ACTIVE_DM, true},
-      {"no figures while failing", ACTIVE_DM, PS::failing, nullptr, FieldState::failing, 0,
-       ACTIVE_DM, true},
-      {"free control is taken for the cycle and given back", ACTIVE_NONE, PS::verifying, nullptr,
-       FieldState::verifying, 0, ACTIVE_NONE, true},
-      {"the USB channel's update ends the worker untouched", ACTIVE_USB, PS::downloading, nullptr,
-       FieldState::downloading, 0, ACTIVE_USB, false},
+      {"download figures", kDm, PS::downloading, "getDomainDownloadInfo", FS::downloading, 11, kDm,
+       1},
+      {"update figures", kDm, PS::updating, "getDomainUpdateInfo", FS::updating, 22, kDm, 1},
+      {"no figures while failing", kDm, PS::failing, nullptr, FS::failing, 0, kDm, 1},
+      {"free control is taken for the cycle", kNone, PS::verifying, nullptr, FS::verifying, 0,
+       kNone, 1},
+      {"the USB channel's update ends the worker", kUsb, PS::downloading, nullptr, {}, 0, kUsb, 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     Rig rig(clock_);
+    log_->clear();
     rig.lum->state = row.state;
-    if (row.holder != ACTIVE_NONE) {
-      ASSERT_TRUE(rig.mux.requestExclusiveControl(row.holder, false));
-    }
+    ASSERT_TRUE(row.holder == kNone || rig.requestExclusiveControl(row.holder, false));
     rig.dm->startPoll();
     ASSERT_TRUE(rig.cycle());
     // The cycle is over once the worker sleeps again or has gone.
@@ -313,35 +277,25 @@ TEST_F(DmServiceTest, PollCycle) {
       EXPECT_EQ(states[0].currentProcessingState, row.field);
       EXPECT_EQ(states[0].installationTime, row.installationTime);
     }
-    EXPECT_EQ(rig.mux.queryControl(), row.holderAfter);
-    EXPECT_EQ(rig.dm->polling(), row.polls);
-  }
-}
-
-TEST_F(DmServiceTest, AStopIsNoticedWithinOneStep) {
-  Rig rig(clock_);
-  rig.dm->startPoll();
-  for (int i = 0; i < 7; ++i) {
-    ASSERT_TRUE(clock_.waitForSleepers(1));
+    EXPECT_EQ(rig.queryControl(), row.holderAfter);
+    ASSERT_EQ(rig.dm->polling(), row.polls);
+    // A stop is noticed within one step of the period: no further sleep begins.
+    const size_t sleeps = clock_.sleeps().size();
+    auto stopped = std::async(std::launch::async, [&] { rig.dm->stopPoll(); });
+    ASSERT_TRUE(eventually([&] { return !row.polls || log_->contains("Stopping polling"); }));
     clock_.advance(100ms);
+    ASSERT_EQ(stopped.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(clock_.sleeps().size(), sleeps);
   }
-  ASSERT_TRUE(clock_.waitForSleepers(1));
-  const size_t sleeps = clock_.sleeps().size();
-  auto stopped = std::async(std::launch::async, [&] { rig.dm->stopPoll(); });
-  ASSERT_TRUE(eventually([&] { return log_->contains("stopPoll(): Stopping polling thread..."); }));
-  clock_.advance(100ms);
-  ASSERT_EQ(stopped.wait_for(10s), std::future_status::ready);
-  EXPECT_EQ(clock_.sleeps().size(), sleeps);  // no further sleep after the stop
-  EXPECT_TRUE(log_->contains("stopPoll(): Stopped polling thread!"));
 }
 
 TEST_F(DmServiceTest, AWorkerHangingInTheLumIsLeftRunningWithThePanicLine) {
   Rig rig(clock_);
-  ASSERT_TRUE(rig.mux.requestExclusiveControl(ACTIVE_DM, false));
-  rig.lum->hold(true);
+  ASSERT_TRUE(rig.requestExclusiveControl(ACTIVE_DM, false));
+  rig.lum->hold = true;
   rig.dm->startPoll();
   ASSERT_TRUE(rig.cycle());
-  ASSERT_TRUE(eventually([&] { return rig.lum->count("held") == 1; }));
+  ASSERT_TRUE(eventually([&] { return rig.lum->held.load(); }));
   // The LUM comes back while the worker hangs: a new worker replaces it after 12 s.
   auto restarted = std::async(std::launch::async, [&] { rig.dm->eventConnection(true); });
   for (int i = 0; i < Service::kStopWaitSteps; ++i) {
@@ -352,8 +306,7 @@ TEST_F(DmServiceTest, AWorkerHangingInTheLumIsLeftRunningWithThePanicLine) {
   EXPECT_TRUE(log_->contains("Polling thread still alive!"));
   EXPECT_TRUE(log_->contains("Cannot kill polling thread!! You may panic now..."));
   EXPECT_EQ(log_->count("Starting polling thread"), 2u);
-  EXPECT_TRUE(rig.dm->polling());
-  rig.lum->hold(false);
+  rig.lum->hold = false;
   EXPECT_TRUE(eventually([&] { return log_->contains("V12 Polling Loop stopped"); }));
 }
 
@@ -364,35 +317,30 @@ TEST_F(DmServiceTest, CreateAndUsbRequestRaceForControl) {
   for (int round = 0; round < 40; ++round) {
     SCOPED_TRACE(round);
     const size_t created = rig.lum->count("createDomainUpdateSession");
-    std::atomic<int> ready{0};
-    auto atOnce = [&ready] {
-      ready.fetch_add(1);
-      while (ready.load() < 2) {
-        std::this_thread::yield();
-      }
-    };
-    uint32_t dmStatus = kNoAnswer;
-    std::thread dm([&] {
-      pthread_setname_np(pthread_self(), "race-dm");
-      atOnce();
-      dmStatus = status(rig.dm->createDomainUpdateSession("T", 7, "", {}, {}, {}, {}, {}));
+    std::promise<void> go;
+    std::shared_future<void> start = go.get_future().share();
+    auto dm = std::async(std::launch::async, [&rig, start] {
+      start.wait();
+      return status(rig.dm->createDomainUpdateSession("T", 7, "", {}, {}, {}, {}, {}));
     });
-    atOnce();
-    const bool usbWon = rig.usb->signalRequestExclusiveControl(ACTIVE_USB);
-    dm.join();
+    auto usb = std::async(std::launch::async, [&rig, start] {
+      start.wait();
+      return rig.requestExclusiveControl(ACTIVE_USB, false);
+    });
+    go.set_value();
+    const uint32_t dmStatus = dm.get();
+    const bool usbWon = usb.get();
     ASSERT_NE(dmStatus == kOk, usbWon);
     if (usbWon) {
-      EXPECT_EQ(dmStatus, kInvalidState);
+      EXPECT_EQ(dmStatus, kIS);
       EXPECT_EQ(rig.lum->count("createDomainUpdateSession"), created);
-      EXPECT_FALSE(rig.dm->polling());
-      EXPECT_TRUE(rig.usb->signalRelinquish(ACTIVE_USB));
+      EXPECT_TRUE(rig.relinquishControl(ACTIVE_USB));
     } else {
-      EXPECT_EQ(rig.mux.queryControl(), ACTIVE_DM);
-      EXPECT_TRUE(rig.dm->polling());
+      EXPECT_EQ(rig.queryControl(), ACTIVE_DM);
       EXPECT_TRUE(runAdvancing(clock_, [&] { rig.dm->closeDomainUpdateSession("T", 7); }));
       EXPECT_FALSE(rig.dm->polling());
     }
-    EXPECT_EQ(rig.mux.queryControl(), ACTIVE_NONE);
+    EXPECT_EQ(rig.queryControl(), ACTIVE_NONE);
     EXPECT_EQ(rig.record->getChannel(99), ACTIVE_NONE);
   }
 }
