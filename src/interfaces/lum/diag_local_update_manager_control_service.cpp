@@ -79,18 +79,6 @@ Service::Future<Answer> answerWith(Answer answer) {
   return promise.get_future();
 }
 
-// One entry per elementId, the newest last; a full field drops its oldest entry.
-template <typename Entry>
-void upsert(std::vector<Entry>& entries, const Entry& entry) {
-  entries.erase(std::remove_if(entries.begin(), entries.end(),
-                               [&](const Entry& e) { return e.elementId == entry.elementId; }),
-                entries.end());
-  entries.push_back(entry);
-  if (entries.size() > Service::kFieldEntries) {
-    entries.erase(entries.begin());
-  }
-}
-
 template <typename Entry>
 bool eraseElement(std::vector<Entry>& entries, uint16_t elementId) {
   const std::size_t before = entries.size();
@@ -100,6 +88,16 @@ bool eraseElement(std::vector<Entry>& entries, uint16_t elementId) {
   return entries.size() != before;
 }
 
+// One entry per elementId, the newest last; a full field drops its oldest entry.
+template <typename Entry>
+void upsert(std::vector<Entry>& entries, const Entry& entry) {
+  eraseElement(entries, entry.elementId);
+  entries.push_back(entry);
+  if (entries.size() > Service::kFieldEntries) {
+    entries.erase(entries.begin());
+  }
+}
+
 // Without a binding (or a subscriber's connection) the value stays stored and answers getters.
 template <typename Field, typename Value>
 void publish(Field& field, const Value& value) {
@@ -107,6 +105,14 @@ void publish(Field& field, const Value& value) {
   if (!result) {
     MLOG_DEBUG(kTag, "field not published: ", mw::toString(result.error()), " ",
                result.errorMessage());
+  }
+}
+
+// Drops what a field keeps of one session, and publishes the field if it kept anything.
+template <typename Field, typename Entry>
+void forget(Field& field, std::vector<Entry>& entries, uint16_t elementId) {
+  if (eraseElement(entries, elementId)) {
+    publish(field, entries);
   }
 }
 
@@ -253,9 +259,9 @@ Service::createDomainUpdateSession(
     lum12::CM_DT_DiagLocalUpdateManagerControl_createDomainUpdateSession_sessionType sessionType) {
   MLOG_INFO(kTag, "<=");
   lum12::methods::CreateDomainUpdateSession::Output answer;
-  setStatus(answer, RS::internalError);
   if (!signalsBound()) {
     MLOG_ERROR(kTag, "Signals not bound yet!");
+    setStatus(answer, RS::internalError);
     return answerWith(answer);
   }
   const bool held = signalQueryControl() == ACTIVE_DM;
@@ -535,21 +541,11 @@ void Service::beginSession(uint16_t domainRepairInstructionID, const std::string
   activePath_ = accessID;
   // A tester may reuse a session id: what the fields kept of the old session must not read as
   // the new one's (a finished state above all).
-  if (eraseElement(sessionStates_, domainRepairInstructionID)) {
-    publish(domainUpdateSessionState, sessionStates_);
-  }
-  if (eraseElement(errors_, domainRepairInstructionID)) {
-    publish(domainErrorNotification, errors_);
-  }
-  if (eraseElement(offTimes_, domainRepairInstructionID)) {
-    publish(domainOffTimeNotification, offTimes_);
-  }
-  if (eraseElement(debugMessages_, domainRepairInstructionID)) {
-    publish(debugMessageNotification, debugMessages_);
-  }
-  if (eraseElement(urlRequests_, domainRepairInstructionID)) {
-    publish(resolveUpdateURLRequest, urlRequests_);
-  }
+  forget(domainUpdateSessionState, sessionStates_, domainRepairInstructionID);
+  forget(domainErrorNotification, errors_, domainRepairInstructionID);
+  forget(domainOffTimeNotification, offTimes_, domainRepairInstructionID);
+  forget(debugMessageNotification, debugMessages_, domainRepairInstructionID);
+  forget(resolveUpdateURLRequest, urlRequests_, domainRepairInstructionID);
 }
 
 void Service::endSession() {

@@ -134,7 +134,6 @@ struct Files {
   std::shared_ptr<Persistence> record =
       std::make_shared<Persistence>(dir.path(), "persistence.json");
 };
-
 // The service as channel 0 of a real Multiplexer; the USB channel is its value 1 there.
 struct Rig : Files, Multiplexer {
   explicit Rig(SimulatedClock& c, bool bind = true, bool withLum = true)
@@ -162,7 +161,6 @@ struct Rig : Files, Multiplexer {
     }
     return true;
   }
-
   SimulatedClock& clock;
   std::shared_ptr<FakeLum> lum = std::make_shared<FakeLum>();
   Service* dm = nullptr;
@@ -266,7 +264,6 @@ TEST_F(DmServiceTest, PollCycle) {
     ASSERT_TRUE(row.holder == kNone || rig.requestExclusiveControl(row.holder, false));
     rig.dm->startPoll();
     ASSERT_TRUE(rig.cycle());
-    // The cycle is over once the worker sleeps again or has gone.
     ASSERT_TRUE(row.polls ? clock_.waitForSleepers(1)
                           : eventually([&] { return !rig.dm->polling(); }));
     EXPECT_EQ(rig.lum->count("getDomainUpdateSessionState"), row.polls ? 1u : 0u);
