@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
+#include "interfaces/lum/diag_local_update_manager_control_service.h"
 #include "interfaces/lum/diag_lum_control_client.h"
 #include "logic/logic.h"
 #include "minfw/clock.h"
@@ -19,6 +20,7 @@ namespace {
 
 constexpr const char* kTag = "GLOBAL";
 constexpr const char* kLumInstance = "12233";
+constexpr const char* kDiagMasterInstance = "1";
 
 constexpr const char* kUnsetDate = "--.--.----";
 constexpr const char* kUnsetTime = "--:--:--";
@@ -107,9 +109,9 @@ Multiplexer::~Multiplexer() = default;
 // Start-up
 
 bool Multiplexer::createInterfaces() {
-  // The list index is the channel value. The diagnostic-master service has no object in this
-  // build yet: its place stays empty and its requests can never be granted an interface.
-  addChannel(nullptr);
+  // The list index is the channel value: the diagnostic master first, then the USB channel.
+  // The service is offered by its init(), once its slots are bound.
+  addChannel(std::make_unique<DiagLocalUpdateManagerControlService>(kDiagMasterInstance));
   addChannel(std::make_unique<Logic>(persistence_));
   setLumClient(std::make_shared<DiagLUMControlClient>(
       std::make_unique<DiagLocalUpdateManagerControlClient>()));

@@ -583,17 +583,18 @@ TEST_F(MultiplexerTest, BindingChecksInOrder) {
   }
 }
 
-TEST_F(MultiplexerTest, CreatedInterfacesBindTheUsbChannelWithoutTheDiagnosticPieces) {
+TEST_F(MultiplexerTest, CreatedInterfacesBindBothChannelsWithoutTheDiagnosticClients) {
   TestMultiplexer mux(persistence_);
   EXPECT_TRUE(mux.createInterfaces());
   log_->clear();
   EXPECT_FALSE(mux.initBindings());
-  EXPECT_EQ(log_->messages(),
-            (std::vector<std::string>{"diagMesswert not defined!", "diagRoutineCtrl not defined!",
-                                      "Input signal for [0] is undefined!"}));
-  ILumChannel* usb = mux.channel(ACTIVE_USB);
-  ASSERT_NE(usb, nullptr);
-  EXPECT_TRUE(static_cast<bool>(usb->signalRequestInterface));
+  EXPECT_EQ(log_->messages(), (std::vector<std::string>{"diagMesswert not defined!",
+                                                        "diagRoutineCtrl not defined!"}));
+  for (uint32_t value : {ACTIVE_DM, ACTIVE_USB}) {
+    ILumChannel* channel = mux.channel(value);
+    ASSERT_NE(channel, nullptr);
+    EXPECT_TRUE(static_cast<bool>(channel->signalRequestInterface));
+  }
 }
 
 TEST_F(MultiplexerTest, BoundSlotsReachTheOperationsWithTheChannelsOwnValue) {
