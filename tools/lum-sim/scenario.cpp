@@ -379,8 +379,12 @@ ScenarioResult parseScenario(const std::string& text, const std::string& name) {
 
   Reader reader(name);
   Scenario scenario;
-  reader.members(doc, "", {"sessions"},
-                 [&](const std::string&, const JSON& sessions, const std::string& path) {
+  reader.members(doc, "", {"sessions", "strictSessionIds"},
+                 [&](const std::string& key, const JSON& sessions, const std::string& path) {
+                   if (key == "strictSessionIds") {
+                     scenario.strictSessionIds = reader.flag(sessions, path);
+                     return;
+                   }
                    if (sessions.JSONType() != JSON::Class::Array || sessions.size() == 0) {
                      reader.fail(path, "expected a non-empty array of session objects");
                      return;

@@ -84,6 +84,9 @@ struct SessionScript {
 struct Scenario {
   // Session n of the run follows sessions[n]; later sessions follow the last entry.
   std::vector<SessionScript> sessions{SessionScript{}};
+  // Session id 0 in the state and info reads is refused like any unknown id, instead of naming
+  // the current session.
+  bool strictSessionIds = false;
 
   const SessionScript& forSession(std::size_t index) const;
 };

@@ -37,10 +37,11 @@ TEST(ScenarioTest, FullFileIsReadIntoEveryField) {
      "crash": {"phase": "downloadFinished", "exitCode": 9},
      "preconditionResult": "ignition on"},
     {}
-  ]})");
+  ], "strictSessionIds": true})");
   const ScenarioResult r = loadScenario(path);
   ASSERT_TRUE(r.scenario) << r.error;
   ASSERT_EQ(r.scenario->sessions.size(), 2u);
+  EXPECT_TRUE(r.scenario->strictSessionIds);
   const SessionScript& s = r.scenario->sessions[0];
   EXPECT_EQ(s.analyseMs, 10);
   EXPECT_EQ(s.downloadMs, 20);
@@ -92,6 +93,7 @@ TEST(ScenarioTest, BadFilesAreRefusedNamingFileAndKey) {
       {R"({"sessions": {}})",
        "scenario.json: sessions: expected a non-empty array of session objects"},
       {R"({"sessions": [3]})", "scenario.json: sessions[0]: expected an object"},
+      {R"({"strictSessionIds": 1})", "scenario.json: strictSessionIds: expected true or false"},
       {R"({"sessions": [{"busy": {"startDomainUpdate": -1}}]})",
        "scenario.json: sessions[0].busy.startDomainUpdate: expected a non-negative integer"},
       {R"({"sessions": [{"busy": {"startDomainUpdate": "2"}}]})",

@@ -299,6 +299,12 @@ Status LumSimulator::checkLocked(const std::string& accessID, uint16_t riid) con
   return Status::ok;
 }
 
+Status LumSimulator::checkReadLocked(const std::string& accessID, uint16_t riid) const {
+  if (riid == kCurrentSession && !scenario_.strictSessionIds)
+    return session_ ? Status::ok : Status::invalidState;
+  return checkLocked(accessID, riid);
+}
+
 LumSimulator::Progress LumSimulator::progressLocked(const Session& s, bool install,
                                                     TimePoint now) const {
   Progress p;
@@ -400,7 +406,7 @@ Reply<methods::GetDomainUpdateSessionState::Output> LumSimulator::getDomainUpdat
     const methods::SessionInput& in) {
   return call<methods::GetDomainUpdateSessionState::Output>(
       "getDomainUpdateSessionState", [&](auto& out, TimePoint, std::vector<Action>&) {
-        out.returnStatus = checkLocked(in.accessID, in.domainRepairInstructionID);
+        out.returnStatus = checkReadLocked(in.accessID, in.domainRepairInstructionID);
         out.currentProcessingState = State::idle;
         if (out.returnStatus != Status::ok)
           return;
@@ -541,7 +547,7 @@ Reply<methods::GetDomainDownloadInfo::Output> LumSimulator::getDomainDownloadInf
     const methods::SessionInput& in) {
   return call<methods::GetDomainDownloadInfo::Output>(
       "getDomainDownloadInfo", [&](auto& out, TimePoint now, std::vector<Action>&) {
-        out.returnStatus = checkLocked(in.accessID, in.domainRepairInstructionID);
+        out.returnStatus = checkReadLocked(in.accessID, in.domainRepairInstructionID);
         if (out.returnStatus != Status::ok)
           return;
         const Progress p = progressLocked(*session_, false, now);
@@ -553,7 +559,7 @@ Reply<methods::GetDomainUpdateInfo::Output> LumSimulator::getDomainUpdateInfo(
     const methods::SessionInput& in) {
   return call<methods::GetDomainUpdateInfo::Output>(
       "getDomainUpdateInfo", [&](auto& out, TimePoint now, std::vector<Action>&) {
-        out.returnStatus = checkLocked(in.accessID, in.domainRepairInstructionID);
+        out.returnStatus = checkReadLocked(in.accessID, in.domainRepairInstructionID);
         if (out.returnStatus != Status::ok)
           return;
         const Progress p = progressLocked(*session_, false, now);

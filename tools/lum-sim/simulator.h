@@ -52,6 +52,9 @@ struct Reply {
 
 class LumSimulator {
  public:
+  // The session id under which the state and info reads answer for the current session.
+  static constexpr uint16_t kCurrentSession = 0;
+
   explicit LumSimulator(Scenario scenario, SimulatorOutputs outputs = {});
   LumSimulator(const LumSimulator&) = delete;
   LumSimulator& operator=(const LumSimulator&) = delete;
@@ -131,6 +134,9 @@ class LumSimulator {
   int64_t delayLocked(const std::string& op) const;
   // invalidState without a session, invalidParameters when it is not this session, else ok.
   lum11::CM_ReturnStatus checkLocked(const std::string& accessID, uint16_t riid) const;
+  // checkLocked() for the reads that a poller makes without knowing the session: session id 0
+  // names the current session, whoever opened it (unless the scenario is strict).
+  lum11::CM_ReturnStatus checkReadLocked(const std::string& accessID, uint16_t riid) const;
   const SessionScript& scriptLocked() const;
   struct Progress {
     int64_t total = 0, processed = 0;

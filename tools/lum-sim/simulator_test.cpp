@@ -31,12 +31,13 @@ constexpr uint16_t kRiid = 7;
 // One simulator on a manual virtual clock, with every output written down as text.
 class Rig {
  public:
-  explicit Rig(SessionScript script = {})
-      : scoped_(clock_), script_(script), sim_(scenarioOf(script), outputs()) {}
+  explicit Rig(SessionScript script = {}, bool strict = false)
+      : scoped_(clock_), script_(script), sim_(scenarioOf(script, strict), outputs()) {}
 
-  static Scenario scenarioOf(const SessionScript& script) {
+  static Scenario scenarioOf(const SessionScript& script, bool strict = false) {
     Scenario s;
     s.sessions = {script};
+    s.strictSessionIds = strict;
     return s;
   }
 
@@ -423,6 +424,22 @@ TEST(LumSimulatorTest, CallsOutOfOrderAreInvalidState) {
   EXPECT_EQ(rig.sim().getDomainUpdateSessionState({"OTHER", kRiid}).output.returnStatus,
             Status::invalidParameters);
   EXPECT_EQ(rig.sim().getDomainUpdateSessionState({kClient, 8}).output.returnStatus,
+            Status::invalidParameters);
+  // Session id 0 names the current session in the reads a poller makes, whoever asks; every
+  // other operation, and a strict scenario, refuse it like any other id.
+  const methods::SessionInput current{"OTHER", LumSimulator::kCurrentSession};
+  rig.advance(1000);
+  EXPECT_EQ(rig.sim().getDomainUpdateSessionState(current).output.currentProcessingState,
+            State::verificationFinished);
+  EXPECT_EQ(rig.sim().getDomainDownloadInfo(current).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim().getDomainUpdateInfo(current).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim().startDomainUpdateDownload(current).output.returnStatus,
+            Status::invalidParameters);
+  Rig strict({}, true);
+  EXPECT_EQ(strict.sim().getDomainUpdateSessionState(current).output.returnStatus,
+            Status::invalidState);
+  ASSERT_EQ(strict.create(), Status::ok);
+  EXPECT_EQ(strict.sim().getDomainUpdateSessionState(current).output.returnStatus,
             Status::invalidParameters);
 }
 
