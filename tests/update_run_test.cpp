@@ -4,136 +4,21 @@
 // at every step of the session resumes after its restart and still reaches a defined end, and
 // its record is never torn. Real time: every wait is a bounded hang guard.
 
-#include <signal.h>
-
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "logic/base64.h"
-#include "minfw/json.h"
-#include "minfw/testing/temp_dir.h"
-#include "process.h"
+#include "update_run.h"
 
 namespace orvane::testing {
 namespace {
 
-using kel::vxp3::minfw::json::JSON;
-using kel::vxp3::minfw::testing::readFile;
-using kel::vxp3::minfw::testing::TempDir;
-using kel::vxp3::minfw::testing::writeFile;
-using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr const char* kConnected = "DiagLocalUpdateManagerControlClient connected!";
-constexpr const char* kMediumUrl = "http://127.0.0.1:29214/medium";
 constexpr auto kPatience = seconds(90);
-
-// The record as orvane left it; Null when missing or unreadable.
-JSON readRecord(const std::string& path) {
-  return JSON::Load(readFile(path));
-}
-
-int64_t member(const JSON& record, const char* key, int64_t absent = -1) {
-  const JSON* value = record.find(key);
-  return value != nullptr ? value->ToInt() : absent;
-}
-
-// One constellation: a medium folder served over HTTP, lum-sim with a scenario, and orvane.
-class UpdateRun {
- public:
-  explicit UpdateRun(const std::string& scenario) {
-    const std::string medium = dir_.path() + "/medium";
-    const std::string keys = R"({"EncryptedFiles": [{"File": "/domain-app.pkg", )"
-                             R"("CryptoParameters": [{"Name": "Key", "Value": "00"}, )"
-                             R"({"Name": "IV", "Value": "01"}, {"Name": "Algorithm", )"
-                             R"("Value": "AES-256-GCM"}]}]})";
-    mkdirOrFail(medium);
-    writeFile(medium + "/NodboxUpdateMedium.json",
-              R"({"train": "TRAIN-9", "order": "ORDER-9", "manifests": ["m1.json"],)"
-              R"( "diagAddresses": ["6657"], "keyManifest": "KeyManifest.mose"})");
-    writeFile(medium + "/m1.json", R"({"manifest": "m1"})");
-    writeFile(medium + "/KeyManifest.mose",
-              orv::base64UrlEncode(R"({"alg":"DEBUG","enc":"DEBUG"})") + "." +
-                  orv::base64UrlEncode("key") + "." + orv::base64UrlEncode("iv") + "." +
-                  orv::base64UrlEncode(keys) + "." + orv::base64UrlEncode("tag"));
-    writeFile(dir_.path() + "/scenario.json", scenario);
-    mkdirOrFail(recordDir());
-    EXPECT_TRUE(server_.start(MEDIUM_SERVER_PATH, {"--dir", medium, "--port", "29214"}));
-    EXPECT_TRUE(lum_.start(LUM_SIM_PATH, {"--scenario", dir_.path() + "/scenario.json",
-                                          "--call-log", dir_.path() + "/calls.log"}));
-    EXPECT_TRUE(server_.waitForOutput("serving", seconds(20))) << server_.errorOutput();
-  }
-
-  std::string recordDir() const { return dir_.path() + "/record"; }
-  std::string recordPath() const { return recordDir() + "/persistence.json"; }
-  std::string calls() const { return readFile(dir_.path() + "/calls.log"); }
-  ChildProcess& orvane() { return *orvane_; }
-
-  // (Re)starts orvane and waits until it has found the LUM.
-  void startOrvane() {
-    orvane_ = std::make_unique<ChildProcess>();
-    ASSERT_TRUE(
-        orvane_->start(ORVANE_BIN, {"-console"}, {{"ORVANE_PERSISTENCE_DIR", recordDir()}}));
-    ASSERT_TRUE(orvane_->waitForOutput(kConnected, seconds(30))) << orvane_->output();
-    ASSERT_TRUE(orvane_->waitForOutput("Server created with FD", seconds(30))) << orvane_->output();
-  }
-
-  // Hands the medium's location over as the workshop laptop does.
-  void handOver() {
-    ChildProcess laptop;
-    ASSERT_TRUE(laptop.start(ORVANE_LAPTOP_PATH, {"start", kMediumUrl}));
-    ASSERT_EQ(laptop.wait(seconds(20)), 0) << laptop.output() << laptop.errorOutput();
-  }
-
-  void killOrvane() {
-    orvane_->kill(SIGKILL);
-    ASSERT_TRUE(orvane_->wait(seconds(10)));
-  }
-
-  // Polls the record until `ready` holds; false after `limit`.
-  bool waitForRecord(const std::function<bool(const JSON&)>& ready, milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (ready(readRecord(recordPath()))) {
-        return true;
-      }
-      std::this_thread::sleep_for(milliseconds(10));
-    }
-    return false;
-  }
-
-  // Waits until the record shows the update at rest: no LUM step, HMI back at eINVALID.
-  JSON waitForRest() {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    JSON record;
-    while (std::chrono::steady_clock::now() < deadline) {
-      record = readRecord(recordPath());
-      if (member(record, "statelum") == 0 && member(record, "statehmi") == 10 &&
-          member(record, "channel", 2) == 2) {
-        return record;
-      }
-      std::this_thread::sleep_for(milliseconds(100));
-    }
-    ADD_FAILURE() << "the update did not come to rest; record: " << record.dump() << "\n"
-                  << orvane_->output();
-    return record;
-  }
-
- private:
-  static void mkdirOrFail(const std::string& path) {
-    ASSERT_EQ(::mkdir(path.c_str(), 0755), 0) << path;
-  }
-
-  TempDir dir_;
-  ChildProcess server_;
-  ChildProcess lum_;
-  std::unique_ptr<ChildProcess> orvane_;
-};
 
 TEST(UpdateRunTest, ThreadedFaultRunsEndInTheirDefinedState) {
   struct Row {

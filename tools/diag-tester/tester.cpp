@@ -311,7 +311,8 @@ void Tester::abandon(uint16_t riid) {
   out_ << "diag-tester: cancelDomainUpdate: "
        << (cancelled ? statusName(cancelled->returnStatus) : "no answer") << "\n";
   const auto start = minfw::clock().now();
-  while (msSince(start) < kAbandonLimitMs) {
+  // Only a cancel that the LUM took leads to an end worth waiting for.
+  while (cancelled && cancelled->returnStatus == RS::ok && msSince(start) < kAbandonLimitMs) {
     takeSessionStates();
     const auto entry = stateOf(riid);
     if (entry && finalState(entry->currentProcessingState))
@@ -414,17 +415,22 @@ int Tester::dmUpdate() {
       step = Step::kUpdating;
     } else if (step != Step::kAnalysing && msSince(lastProgress) >= kProgressEveryMs) {
       lastProgress = minfw::clock().now();
-      if (step == Step::kDownloading) {
-        const auto p = await("getDomainUpdateDownloadProgress",
-                             proxy_->getDomainUpdateDownloadProgress(options_.accessId, riid));
-        if (p && p->returnStatus == RS::ok)
-          print.bar("downloading", p->processedBytes, p->totalBytes);
-      } else {
-        const auto p = await("getDomainUpdateProgress",
-                             proxy_->getDomainUpdateProgress(options_.accessId, riid));
-        if (p && p->returnStatus == RS::ok)
-          print.bar("installing ", p->processedBytes, p->totalBytes);
-      }
+      // A session that the LUM no longer knows (it restarted, say) never reaches an end.
+      auto show = [&](const char* op, const char* what, const auto& progress) {
+        if (!progress || progress->returnStatus != RS::ok)
+          failure =
+              cat(op, " answered ", progress ? statusName(progress->returnStatus) : "nothing");
+        else
+          print.bar(what, progress->processedBytes, progress->totalBytes);
+      };
+      if (step == Step::kDownloading)
+        show("getDomainUpdateDownloadProgress", "downloading",
+             await("getDomainUpdateDownloadProgress",
+                   proxy_->getDomainUpdateDownloadProgress(options_.accessId, riid)));
+      else
+        show("getDomainUpdateProgress", "installing ",
+             await("getDomainUpdateProgress",
+                   proxy_->getDomainUpdateProgress(options_.accessId, riid)));
     }
   }
   if (!result) {

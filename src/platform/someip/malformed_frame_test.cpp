@@ -1,11 +1,7 @@
 // Bad frames on a service's TCP connection: each is logged and skipped or answered with the
 // right error, or, when the stream cannot be resynchronised, the connection is reset; the
 // server keeps serving either way.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <optional>
 
@@ -13,6 +9,7 @@
 #include "platform/someip/header.h"
 #include "platform/someip/serializer.h"
 #include "platform/someip/testing/pair.h"
+#include "platform/someip/testing/raw_client.h"
 #include "platform/someip/testing/test_interface.h"
 
 namespace platform::someip {
@@ -21,47 +18,9 @@ namespace {
 namespace mw = platform::middleware;
 using namespace testing;
 
-// A blocking client socket with a receive limit that only guards against hangs.
-class RawClient {
- public:
-  RawClient() {
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    timeval limit{static_cast<time_t>(kPatience.count()), 0};
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    sockaddr_in a = toSockaddr(Endpoint{0x7F000002, 30501});
-    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-  }
-  ~RawClient() { ::close(fd_); }
-  bool connected() const { return connected_; }
-  void send(const std::vector<uint8_t>& bytes) {
-    ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-  }
-  // The next whole message; nothing when the connection ended.
-  std::optional<Message> receive() {
-    for (;;) {
-      Message m;
-      if (!buffer_.empty()) {
-        ParseResult r = parseMessage(buffer_.data(), buffer_.size(), m);
-        if (r.status == ParseResult::Status::kOk) {
-          buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<long>(r.consumed));
-          return m;
-        }
-        if (r.status == ParseResult::Status::kMalformed)
-          return std::nullopt;
-      }
-      uint8_t chunk[4096];
-      ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
-      if (n <= 0)
-        return std::nullopt;
-      buffer_.insert(buffer_.end(), chunk, chunk + n);
-    }
-  }
-
- private:
-  int fd_ = -1;
-  bool connected_ = false;
-  std::vector<uint8_t> buffer_;
+// The test server of pair.h.
+struct RawClient : testing::RawClient {
+  RawClient() : testing::RawClient(Endpoint{0x7F000002, 30501}, kPatience) {}
 };
 
 Header request(uint16_t method, uint16_t session) {
