@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "minfw/log.h"
 #include "platform/middleware/proxy.h"
 #include "platform/middleware/skeleton.h"
@@ -99,17 +100,8 @@ struct Setup {
 
 Setup* gSetup = nullptr;
 
-void reportPercentiles(benchmark::State& state, std::vector<double>& micros) {
-  if (micros.empty())
-    return;
-  std::sort(micros.begin(), micros.end());
-  state.counters["p50_us"] = micros[micros.size() / 2];
-  state.counters["p99_us"] = micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
-}
-
-double since(SteadyClock::time_point t0) {
-  return std::chrono::duration<double, std::micro>(SteadyClock::now() - t0).count();
-}
+using orvane::bench::microsSince;
+using orvane::bench::reportPercentiles;
 
 void BM_MethodRoundTrip(benchmark::State& state) {
   std::vector<double> micros;
@@ -117,7 +109,7 @@ void BM_MethodRoundTrip(benchmark::State& state) {
   for (auto _ : state) {
     auto t0 = SteadyClock::now();
     auto r = gSetup->proxy->call<Echo>(input).get();
-    micros.push_back(since(t0));
+    micros.push_back(microsSince(t0));
     if (!r) {
       state.SkipWithError("call failed");
       break;
@@ -199,22 +191,8 @@ BENCHMARK(BM_PipelinedCalls)->Arg(64)->UseRealTime();
 }  // namespace
 
 int main(int argc, char** argv) {
-  const char* inside = getenv("ORVANE_IN_NETNS");
-  if (!inside || std::strcmp(inside, "1") != 0) {
-    setenv("ORVANE_IN_NETNS", "1", 1);
-    char self[4096];
-    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0)
-      return 2;
-    self[n] = '\0';
-    std::vector<char*> args{const_cast<char*>(ORVANE_NETNS_RUN), const_cast<char*>("--"), self};
-    for (int i = 1; i < argc; ++i)
-      args.push_back(argv[i]);
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    std::fprintf(stderr, "cannot run %s: %s\n", args[0], std::strerror(errno));
-    return 2;
-  }
+  if (const int status = orvane::bench::enterPrivateNetwork(argc, argv))
+    return status;
   kel::vxp3::minfw::Logger::instance().setMinLevel(kel::vxp3::minfw::kError);
   benchmark::Initialize(&argc, argv);
   Setup setup;
