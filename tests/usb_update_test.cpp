@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "interfaces/host_interfaces.h"
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "interfaces/lum/diag_lum_control_client.h"
-#include "interfaces/lum/lum_catalog.h"
 #include "logic/base64.h"
 #include "logic/logic.h"
 #include "logic/multiplexer.h"
@@ -168,7 +168,7 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
 
   platform::someip::HostConfig hostConfig;
   std::string error;
-  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::lum::interfaces(), hostConfig, error))
+  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::hostInterfaces(), hostConfig, error))
       << error;
   auto runtime = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(runtime) << error;
