@@ -119,10 +119,11 @@ TEST(DiagnosisViRoutineClientTest, StartOfTheUpdateRoutine) {
     EXPECT_EQ(starts, row.starts);
     EXPECT_EQ(clock.totalSlept(), std::chrono::seconds(row.relayed.empty() ? 0 : 2));
     EXPECT_EQ(log->contains("No signalLogicDiagnoseStartUpdate bound!"), row.slot < 0);
-    if (row.relayed.empty())
+    if (row.relayed.empty()) {
       EXPECT_EQ(log->messages(),
                 (Texts{"DiagnosisViRoutineClient::responseOnStartRoutine, routineID is [1224]",
                        "routineId=0x4c8 does not equal DIAGNOSTIC_VI_ROUTINE_HANDLE=0x4c9"}));
+    }
   }
 }
 
