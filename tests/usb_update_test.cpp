@@ -12,9 +12,11 @@
 #include <thread>
 #include <vector>
 
+#include "interfaces/diagnosis/nodbox/diagnosis_messwert.h"
+#include "interfaces/diagnosis/nodbox/diagnosis_vi_routine_client.h"
+#include "interfaces/host_interfaces.h"
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "interfaces/lum/diag_lum_control_client.h"
-#include "interfaces/lum/lum_catalog.h"
 #include "logic/base64.h"
 #include "logic/logic.h"
 #include "logic/multiplexer.h"
@@ -99,6 +101,8 @@ class TestMultiplexer : public Multiplexer {
     addChannel(std::make_unique<HeadUnitLogic>(record_, inbox_));
     setLumClient(std::make_shared<DiagLUMControlClient>(
         std::make_unique<DiagLocalUpdateManagerControlClient>(runtime_)));
+    setRoutineClient(std::make_unique<DiagnosisViRoutineClient>(runtime_));
+    setMesswertClient(std::make_unique<DiagnosisMesswert>(runtime_));
     return true;
   }
   Logic& logic() { return static_cast<Logic&>(*channel(ACTIVE_USB)); }
@@ -168,7 +172,7 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
 
   platform::someip::HostConfig hostConfig;
   std::string error;
-  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::lum::interfaces(), hostConfig, error))
+  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::hostInterfaces(), hostConfig, error))
       << error;
   auto runtime = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(runtime) << error;

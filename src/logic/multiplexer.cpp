@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "interfaces/diagnosis/nodbox/diagnosis_messwert.h"
+#include "interfaces/diagnosis/nodbox/diagnosis_vi_routine_client.h"
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "interfaces/lum/diag_local_update_manager_control_service.h"
 #include "interfaces/lum/diag_lum_control_client.h"
@@ -115,47 +117,42 @@ bool Multiplexer::createInterfaces() {
   addChannel(std::make_unique<Logic>(persistence_));
   setLumClient(std::make_shared<DiagLUMControlClient>(
       std::make_unique<DiagLocalUpdateManagerControlClient>()));
+  setRoutineClient(std::make_unique<DiagnosisViRoutineClient>());
+  setMesswertClient(std::make_unique<DiagnosisMesswert>());
   return true;
 }
 
-// A missing piece is reported and makes the result false, but the pieces that exist are still
-// bound: a build without one of the diagnostic front ends must still run USB updates.
+// Each missing piece ends the binding with false.
 bool Multiplexer::initBindings() {
-  bool complete = true;
   if (channels_.size() != kChannelCount) {
     MLOG_ERROR(kTag, "Not all interfaces initialized!");
-    complete = false;
+    return false;
   }
   if (!lumClient_) {
     MLOG_ERROR(kTag, "LUM object not defined!");
-    complete = false;
+    return false;
   }
   if (!diagMesswert_) {
     MLOG_ERROR(kTag, "diagMesswert not defined!");
-    complete = false;
+    return false;
   }
   if (!diagRoutineCtrl_) {
     MLOG_ERROR(kTag, "diagRoutineCtrl not defined!");
-    complete = false;
+    return false;
   }
-  for (size_t index = 0; index < channels_.size() && index < kChannelCount; ++index) {
+  for (size_t index = 0; index < channels_.size(); ++index) {
     if (!channels_[index]) {
       MLOG_ERROR(kTag, "Input signal for [", index, "] is undefined!");
-      complete = false;
-      continue;
+      return false;
     }
     bindChannel(*channels_[index]);
   }
-  if (diagRoutineCtrl_) {
-    diagRoutineCtrl_->signalLogicDiagnoseStartUpdate = [this](const std::string& text, int number) {
-      return diagnoseStartUpdate(text, number);
-    };
-  }
-  if (diagMesswert_) {
-    diagMesswert_->signalDiagnoseUpdateState = [this] { return diagnoseUpdateState(); };
-    diagMesswert_->signalDiagnoseTimestamps = [this] { return diagnoseTimestamps(); };
-  }
-  return complete;
+  diagRoutineCtrl_->signalLogicDiagnoseStartUpdate = [this](const std::string& text, int number) {
+    return diagnoseStartUpdate(text, number);
+  };
+  diagMesswert_->signalDiagnoseUpdateState = [this] { return diagnoseUpdateState(); };
+  diagMesswert_->signalDiagnoseTimestamps = [this] { return diagnoseTimestamps(); };
+  return true;
 }
 
 void Multiplexer::bindChannel(ILumChannel& channel) {

@@ -536,21 +536,27 @@ TEST_F(MultiplexerTest, DiagnosticStart) {
 TEST_F(MultiplexerTest, BindingChecksInOrder) {
   struct Row {
     const char* proves;
-    int channels;  // fake channels added; -1: one real and one empty entry
+    int channels;  // fake channels added; -1: one real and one empty entry; -2: the reverse
     bool lum;
     bool messwert;
     bool routine;
     bool expected;
     const char* logged;
+    bool usbBound;  // whether the USB channel's entry got its slots
   };
   const std::vector<Row> rows = {
-      {"channels are checked first", 1, true, true, true, false, "Not all interfaces initialized!"},
-      {"then the LUM client", 2, false, true, true, false, "LUM object not defined!"},
-      {"then the measurement client", 2, true, false, true, false, "diagMesswert not defined!"},
-      {"then the routine client", 2, true, true, false, false, "diagRoutineCtrl not defined!"},
-      {"an empty channel entry is reported", -1, true, true, true, false,
-       "Input signal for [1] is undefined!"},
-      {"everything present binds", 2, true, true, true, true, nullptr},
+      {"channels are checked first", 1, true, true, true, false, "Not all interfaces initialized!",
+       false},
+      {"then the LUM client", 2, false, true, true, false, "LUM object not defined!", false},
+      {"then the measurement client", 2, true, false, true, false, "diagMesswert not defined!",
+       false},
+      {"then the routine client", 2, true, true, false, false, "diagRoutineCtrl not defined!",
+       false},
+      {"an empty channel entry ends it", -1, true, true, true, false,
+       "Input signal for [1] is undefined!", false},
+      {"an empty place of the diagnostic master ends it before the USB channel", -2, true, true,
+       true, false, "Input signal for [0] is undefined!", false},
+      {"everything present binds", 2, true, true, true, true, nullptr, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -558,6 +564,10 @@ TEST_F(MultiplexerTest, BindingChecksInOrder) {
     if (row.channels == -1) {
       mux.addChannel(std::make_unique<FakeChannel>());
       mux.addChannel(nullptr);
+    }
+    if (row.channels == -2) {
+      mux.addChannel(nullptr);
+      mux.addChannel(std::make_unique<FakeChannel>());
     }
     for (int i = 0; i < row.channels; ++i) {
       mux.addChannel(std::make_unique<FakeChannel>());
@@ -576,20 +586,19 @@ TEST_F(MultiplexerTest, BindingChecksInOrder) {
     if (row.logged != nullptr) {
       EXPECT_EQ(log_->messages(), std::vector<std::string>{row.logged});
     }
-    // Whatever is missing, the channels that exist get their slots.
-    ILumChannel* first = mux.channel(0);
-    ASSERT_NE(first, nullptr);
-    EXPECT_TRUE(static_cast<bool>(first->signalQueryControl));
+    ILumChannel* usb = mux.channel(ACTIVE_USB);
+    if (usb != nullptr) {
+      EXPECT_EQ(static_cast<bool>(usb->signalQueryControl), row.usbBound);
+    }
   }
 }
 
-TEST_F(MultiplexerTest, CreatedInterfacesBindBothChannelsWithoutTheDiagnosticClients) {
+TEST_F(MultiplexerTest, CreatedInterfacesBindBothChannelsAndBothDiagnosticClients) {
   TestMultiplexer mux(persistence_);
   EXPECT_TRUE(mux.createInterfaces());
   log_->clear();
-  EXPECT_FALSE(mux.initBindings());
-  EXPECT_EQ(log_->messages(), (std::vector<std::string>{"diagMesswert not defined!",
-                                                        "diagRoutineCtrl not defined!"}));
+  EXPECT_TRUE(mux.initBindings());
+  EXPECT_EQ(log_->messages(), std::vector<std::string>{});
   for (uint32_t value : {ACTIVE_DM, ACTIVE_USB}) {
     ILumChannel* channel = mux.channel(value);
     ASSERT_NE(channel, nullptr);

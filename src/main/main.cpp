@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "interfaces/lum/lum_catalog.h"
+#include "interfaces/host_interfaces.h"
 #include "logic/multiplexer.h"
 #include "logic/persistence.h"
 #include "minfw/clock.h"
@@ -42,7 +42,7 @@ std::unique_ptr<platform::someip::Runtime> startMiddleware() {
   const std::string path = platform::someip::hostConfigPath();
   platform::someip::HostConfig config;
   std::string error;
-  if (!platform::someip::loadHostConfig(path, orv::lum::interfaces(), config, error)) {
+  if (!platform::someip::loadHostConfig(path, orv::hostInterfaces(), config, error)) {
     MLOG_ERROR("GLOBAL", "Middleware configuration not loaded: ", error);
     return nullptr;
   }

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "interfaces/host_interfaces.h"
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
-#include "interfaces/lum/lum_catalog.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/inbox.h"
@@ -124,7 +124,7 @@ TEST(LumSimProcessTest, ThreadedCleanSessionThroughTheRealClient) {
 
   platform::someip::HostConfig hostConfig;
   std::string error;
-  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::lum::interfaces(), hostConfig, error))
+  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::hostInterfaces(), hostConfig, error))
       << error;
   auto orvane = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(orvane) << error;
@@ -215,7 +215,7 @@ TEST(LumSimProcessTest, ThreadedServiceGoesAwayComesBackAndCrashes) {
 
   platform::someip::HostConfig hostConfig;
   std::string error;
-  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::lum::interfaces(), hostConfig, error))
+  ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::hostInterfaces(), hostConfig, error))
       << error;
   auto orvane = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(orvane) << error;

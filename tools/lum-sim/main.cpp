@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "interfaces/lum/lum_catalog.h"
+#include "interfaces/host_interfaces.h"
 #include "lum_service.h"
 #include "minfw/log.h"
 #include "minfw/str.h"
@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
     configPath = platform::someip::hostConfigPath();
   platform::someip::HostConfig config;
   std::string error;
-  if (!platform::someip::loadHostConfig(configPath, orv::lum::interfaces(), config, error)) {
+  if (!platform::someip::loadHostConfig(configPath, orv::hostInterfaces(), config, error)) {
     MLOG_ERROR(kTag, error);
     std::fprintf(stderr, "%s\n", error.c_str());
     return 2;

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "interfaces/lum/lum_catalog.h"
+#include "interfaces/host_interfaces.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "platform/middleware/skeleton.h"
@@ -134,7 +134,7 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   platform::someip::HostConfig config;
   std::string error;
   ASSERT_TRUE(platform::someip::loadHostConfig(ORVANE_SOURCE_DIR "/config/host.json",
-                                               orv::lum::interfaces(), config, error))
+                                               orv::hostInterfaces(), config, error))
       << error;
   auto lum = platform::someip::Runtime::start(config, "lum-sim", error);
   ASSERT_TRUE(lum) << error;

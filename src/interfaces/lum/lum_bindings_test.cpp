@@ -16,11 +16,11 @@
 #include <type_traits>
 #include <vector>
 
+#include "interfaces/host_interfaces.h"
 #include "interfaces/lum/lum11_proxy.h"
 #include "interfaces/lum/lum11_skeleton.h"
 #include "interfaces/lum/lum12_proxy.h"
 #include "interfaces/lum/lum12_skeleton.h"
-#include "interfaces/lum/lum_catalog.h"
 #include "interfaces/lum/lum_test_support.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/inbox.h"
@@ -187,7 +187,7 @@ platform::someip::HostConfig hostConfig() {
   platform::someip::HostConfig config;
   std::string error;
   EXPECT_TRUE(platform::someip::loadHostConfig(ORVANE_SOURCE_DIR "/config/host.json",
-                                               orv::lum::interfaces(), config, error))
+                                               orv::hostInterfaces(), config, error))
       << error;
   return config;
 }

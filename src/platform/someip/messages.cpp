@@ -206,8 +206,11 @@ void RuntimeImpl::linkMessage(const std::shared_ptr<ClientLink>& link, Message& 
           if (s.eventId == m.header.methodId)
             receivers.push_back(s.receiver);
       }
-      if (receivers.empty())
+      if (receivers.empty()) {
+        MLOG_DEBUG(kTag, "notification 0x", kel::vxp3::minfw::hex(m.header.methodId), " from ",
+                   link->iface->name, " has no subscriber here; dropped");
         return;
+      }
       callbacks_->post([receivers, payload] {
         for (auto& r : receivers) {
           Deserializer reader(*payload);
