@@ -1,8 +1,9 @@
 // The diagnostic-master channel end to end, with real processes in one private network
 // namespace: diag-tester drives domain updates through orvane's v12 service while the workshop
 // laptop starts USB updates, lum-sim plays the LUM. Whoever holds the LUM keeps it, the other
-// is refused and disturbs nothing; the poll worker follows the LUM's connection; bad frames on
-// the v12 port never bring orvane down. Real time: every wait is a bounded hang guard.
+// is refused and disturbs nothing; the poll worker follows the LUM's connection; a tester's
+// routine starts an update once orvane has reconnected to it; bad frames on the v12 port never
+// bring orvane down. Real time: every wait is a bounded hang guard.
 
 #include <signal.h>
 
@@ -115,6 +116,35 @@ TEST(DiagUpdateTest, PollWorkerFollowsTheLumAcrossItsRestart) {
   auto next = dmUpdate("201");
   EXPECT_EQ(exitOf(*next), 0) << next->output() << next->errorOutput();
   EXPECT_EQ(member(readRecord(run.recordPath()), "channel"), 2);
+}
+
+TEST(DiagUpdateTest, RoutineStartsAnUpdateOnceTheTesterIsBack) {
+  UpdateRun run(R"({"sessions": [{"analyseMs": 500, "downloadMs": 1500, "installMs": 1500}]})");
+  run.startOrvane();
+  ChildProcess& orvane = run.orvane();
+  // The routine service comes with a tester and goes with it ...
+  ChildProcess measure;
+  ASSERT_TRUE(measure.start(DIAG_TESTER_PATH, {"measure"}));
+  EXPECT_EQ(exitOf(measure), 0) << measure.errorOutput();
+  EXPECT_TRUE(count(measure.output(), "update type 0, channel ACTIVE_NONE")) << measure.output();
+  ASSERT_TRUE(orvane.waitForOutput("DiagnosisViRoutineClient is dead!", kPatience));
+
+  // ... and is reconnected when the next one comes: its routine starts an update of the medium
+  // at the update endpoint, which runs to the end without anybody confirming it.
+  ChildProcess tester;
+  ASSERT_TRUE(tester.start(DIAG_TESTER_PATH, {"routine-start", "--order", "ORDER-9"}));
+  EXPECT_TRUE(
+      run.waitForRecord([](const auto& r) { return member(r, "updatetype") == 1; }, kPatience));
+  EXPECT_EQ(exitOf(tester), 0) << tester.output() << tester.errorOutput();
+  EXPECT_TRUE(count(tester.output(), "update type 1, channel ACTIVE_USB")) << tester.output();
+  EXPECT_EQ(count(orvane.output(), "DiagnosticViRoutineProxy connected!"), 2u);
+  for (const char* line :
+       {"GET [http://127.0.0.1:29214/medium/NodboxUpdateMedium.json]",
+        "Update started by diagnostic - do not change state!", "Set USB update type: DIAG!",
+        "DIAG auto-responding [eINSTALLATIONFINISHED]"}) {
+    EXPECT_TRUE(count(orvane.output(), line)) << line;
+  }
+  EXPECT_EQ(member(run.waitForRest(), "errorcode"), 0);
 }
 
 TEST(DiagUpdateTest, BadFramesOnTheV12PortAreAnsweredOrDropped) {

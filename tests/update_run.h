@@ -1,7 +1,8 @@
 #pragma once
 // UpdateRun: one host constellation for whole-update tests, in the test's private network
 // namespace: a medium folder served over HTTP (medium-server), lum-sim playing a scenario with
-// its call log, and orvane with its record in a temporary folder. Real time: every wait is a
+// its call log, and orvane with its record in a temporary folder and the medium server as its
+// update endpoint. Real time: every wait is a
 // bounded hang guard. The test target defines the programs' paths.
 //
 // Threading: owned by one test thread.
@@ -31,7 +32,8 @@ using kel::vxp3::minfw::testing::writeFile;
 
 // The record as orvane left it; Null when missing or unreadable.
 inline JSON readRecord(const std::string& path) {
-  return JSON::Load(readFile(path));
+  const std::string text = readFile(path);
+  return text.empty() ? JSON() : JSON::Load(text);
 }
 
 inline int64_t member(const JSON& record, const char* key, int64_t absent = -1) {
@@ -82,8 +84,9 @@ class UpdateRun {
   // (Re)starts orvane and waits until it has found the LUM.
   void startOrvane() {
     orvane_ = std::make_unique<ChildProcess>();
-    ASSERT_TRUE(
-        orvane_->start(ORVANE_BIN, {"-console"}, {{"ORVANE_PERSISTENCE_DIR", recordDir()}}));
+    ASSERT_TRUE(orvane_->start(
+        ORVANE_BIN, {"-console"},
+        {{"ORVANE_PERSISTENCE_DIR", recordDir()}, {"ORVANE_UPDATE_ENDPOINT", kMediumUrl}}));
     ASSERT_TRUE(orvane_->waitForOutput("DiagLocalUpdateManagerControlClient connected!", kLong))
         << orvane_->output();
     ASSERT_TRUE(orvane_->waitForOutput("Server created with FD", kLong)) << orvane_->output();

@@ -1,8 +1,10 @@
 // diag-tester: the workshop tester. Plays the diagnostic master on orvane's version-12 LUM
 // control service as process "diag-tester" of the host configuration.
 //
-//   diag-tester [OPTIONS] dm-update   a whole domain update through orvane
-//   diag-tester [OPTIONS] watch       follows the domainUpdateSessionState field
+//   diag-tester [OPTIONS] dm-update       a whole domain update through orvane
+//   diag-tester [OPTIONS] watch           follows the domainUpdateSessionState field
+//   diag-tester [OPTIONS] routine-start   a local update started through the diagnostic routine
+//   diag-tester [OPTIONS] measure         the update state and timestamps, read out
 //
 // Exit status: 0 success, 1 update failed or refused, 2 usage, 3 orvane not found in time.
 
@@ -20,11 +22,11 @@ namespace {
 using namespace orv::tester;
 
 int usage() {
-  std::cerr << "usage: diag-tester [OPTIONS] dm-update | watch\n"
+  std::cerr << "usage: diag-tester [OPTIONS] dm-update | watch | routine-start | measure\n"
                "  --config FILE        host configuration (default ORVANE_MIDDLEWARE_CONFIG or "
                "config/host.json)\n"
                "  --instance ID        instance of orvane's v12 service (default 1)\n"
-               "  --find-s N           seconds to look for the service (default 20)\n"
+               "  --find-s N           seconds to look for orvane (default 20)\n"
                "  --verbose            middleware log lines down to debug\n"
                " dm-update:\n"
                "  --access-id TEXT     client id of the session (default DIAG-TESTER)\n"
@@ -34,6 +36,9 @@ int usage() {
                "http://127.0.0.1:29214/medium)\n"
                "  --manifest NAME      update manifest, repeatable (default domain-app.json)\n"
                "  --diag-address N     ECU diagnostic address, repeatable (default 0x1A01)\n"
+               "  --timeout-s N        limit for the whole update (default 300)\n"
+               " routine-start:\n"
+               "  --order TEXT         the update order, at most 116 bytes (default ORDER-DEMO)\n"
                "  --timeout-s N        limit for the whole update (default 300)\n"
                " watch:\n"
                "  --seconds N          stop after N seconds (default: until interrupted)\n";
@@ -99,7 +104,9 @@ int main(int argc, char** argv) {
     if (!ok)
       return usage();
   }
-  if (words.size() != 1 || (words[0] != "dm-update" && words[0] != "watch"))
+  const std::string command = words.size() == 1 ? words[0] : std::string();
+  const bool dm = command == "dm-update" || command == "watch";
+  if (!dm && command != "routine-start" && command != "measure")
     return usage();
   if (!manifests.empty())
     options.manifests = manifests;
@@ -113,9 +120,17 @@ int main(int argc, char** argv) {
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
+  // dm-update and watch use only orvane's service, so a watch can run beside an update; the
+  // other two offer the tester's services (one such tester at a time).
   Tester tester(options, std::cout, std::cerr);
-  const int connected = tester.connect();
-  if (connected != kExitOk)
-    return connected;
-  return words[0] == "watch" ? tester.watch() : tester.dmUpdate();
+  int status = tester.start();
+  if (status == kExitOk)
+    status = dm ? tester.findDiagnosticMaster() : tester.offerServices();
+  if (status != kExitOk)
+    return status;
+  if (command == "dm-update")
+    return tester.dmUpdate();
+  if (command == "watch")
+    return tester.watch();
+  return command == "routine-start" ? tester.routineStart() : tester.measure();
 }

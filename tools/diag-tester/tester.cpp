@@ -11,12 +11,13 @@
 #include <mutex>
 #include <utility>
 
-#include "interfaces/lum/lum_catalog.h"
+#include "interfaces/host_interfaces.h"
 #include "interfaces/lum/lum_names.h"
 #include "minfw/clock.h"
 #include "minfw/log.h"
 #include "minfw/str.h"
 #include "platform/someip/config.h"
+#include "printer.h"
 
 namespace orv::tester {
 
@@ -74,43 +75,6 @@ bool finalState(PS state) {
          state == PS::revertFinished;
 }
 
-// Progress output: one line per event; the bar is redrawn in place on a terminal and printed
-// once per change of its percentage elsewhere, so a captured log stays readable.
-class Tester::Printer {
- public:
-  explicit Printer(std::ostream& out) : out_(out), terminal_(isatty(STDOUT_FILENO) == 1) {}
-  ~Printer() { endBar(); }
-
-  void line(const std::string& text) {
-    endBar();
-    out_ << text << "\n" << std::flush;
-  }
-  void bar(const std::string& what, int64_t done, int64_t total) {
-    const std::string text = cat(what, " ", progressBar(done, total));
-    if (text == last_)
-      return;
-    last_ = text;
-    if (terminal_) {
-      out_ << "\r" << text << std::flush;
-      open_ = true;
-    } else {
-      out_ << text << "\n" << std::flush;
-    }
-  }
-
- private:
-  void endBar() {
-    if (open_)
-      out_ << "\n";
-    open_ = false;
-  }
-
-  std::ostream& out_;
-  const bool terminal_;
-  bool open_ = false;
-  std::string last_;
-};
-
 Tester::Tester(Options options, std::ostream& out, std::ostream& err)
     : options_(std::move(options)), out_(out), err_(err) {}
 
@@ -118,7 +82,10 @@ Tester::~Tester() {
   // Stopping the runtime drops its connections on purpose; that is no warning here.
   if (!options_.verbose)
     minfw::Logger::instance().setMinLevel(minfw::kError);
-  proxy_.reset();  // before the runtime that carries it
+  // Proxy and services before the runtime that carries them.
+  proxy_.reset();
+  routine_.reset();
+  measurement_.reset();
   runtime_.reset();
 }
 
@@ -152,13 +119,13 @@ std::optional<T> Tester::await(const char* op, mw::Future<T> future) {
   return std::move(result).value();
 }
 
-int Tester::connect() {
+int Tester::start() {
   initLog(options_.verbose);
   const std::string path =
       options_.configPath.empty() ? platform::someip::hostConfigPath() : options_.configPath;
   platform::someip::HostConfig config;
   std::string error;
-  if (!platform::someip::loadHostConfig(path, lum::interfaces(), config, error)) {
+  if (!platform::someip::loadHostConfig(path, hostInterfaces(), config, error)) {
     err_ << "diag-tester: " << error << "\n";
     return kExitUsage;
   }
@@ -167,7 +134,10 @@ int Tester::connect() {
     err_ << "diag-tester: cannot start the middleware: " << error << "\n";
     return kExitNotFound;
   }
+  return kExitOk;
+}
 
+int Tester::findDiagnosticMaster() {
   struct Found {
     std::mutex mutex;
     mw::ServiceHandleContainer handles;  // guarded by mutex
