@@ -24,9 +24,9 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "interfaces/host_interfaces.h"
 #include "interfaces/lum/lum11_proxy.h"
 #include "interfaces/lum/lum12_proxy.h"
-#include "interfaces/lum/lum_catalog.h"
 #include "minfw/log.h"
 #include "platform/someip/config.h"
 #include "platform/someip/runtime.h"
@@ -129,8 +129,8 @@ struct Setup {
         !orvane.start({ORVANE_BIN}, "ORVANE_PERSISTENCE_DIR=" + dir))
       return fail("cannot start lum-sim or orvane");
     platform::someip::HostConfig config;
-    if (!platform::someip::loadHostConfig(platform::someip::hostConfigPath(),
-                                          orv::lum::interfaces(), config, error))
+    if (!platform::someip::loadHostConfig(platform::someip::hostConfigPath(), orv::hostInterfaces(),
+                                          config, error))
       return false;
     runtime = platform::someip::Runtime::start(config, "diag-tester", error);
     if (!runtime)
