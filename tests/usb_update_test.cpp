@@ -16,6 +16,7 @@
 #include "interfaces/diagnosis/nodbox/diagnosis_vi_routine_client.h"
 #include "interfaces/host_interfaces.h"
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
+#include "interfaces/lum/diag_local_update_manager_control_service.h"
 #include "interfaces/lum/diag_lum_control_client.h"
 #include "logic/base64.h"
 #include "logic/logic.h"
@@ -97,7 +98,7 @@ class TestMultiplexer : public Multiplexer {
       : Multiplexer(record), record_(std::move(record)), inbox_(inbox), runtime_(runtime) {}
 
   bool createInterfaces() override {
-    addChannel(nullptr);
+    addChannel(std::make_unique<DiagLocalUpdateManagerControlService>("1", runtime_));
     addChannel(std::make_unique<HeadUnitLogic>(record_, inbox_));
     setLumClient(std::make_shared<DiagLUMControlClient>(
         std::make_unique<DiagLocalUpdateManagerControlClient>(runtime_)));

@@ -134,15 +134,37 @@ struct Files {
   std::shared_ptr<Persistence> record =
       std::make_shared<Persistence>(dir.path(), "persistence.json");
 };
+// Binding asks for both diagnosis clients; these tests need neither to connect.
+struct NoRoutine : IRoutine {
+  bool connect() override { return false; }
+};
+struct NoMesswert : IMesswert {
+  bool connect() override { return false; }
+};
+// The USB channel's place: these tests take its control through the Multiplexer directly.
+struct IdleUsbChannel : ILumChannel {
+  bool init() override { return true; }
+  void eventDomainUpdateFinishedNotification(uint16_t) override {}
+  void eventDomainReadyForDownloadNotification(uint16_t,
+                                               const lum11::ReadyForDownloadInfo&) override {}
+  void eventDomainReadyForUpdateNotification(uint16_t, const lum11::ReadyForUpdateInfo&) override {}
+  void eventDomainOffTimeNotification(uint16_t, uint16_t) override {}
+  void eventDomainErrorNotification(uint16_t, uint32_t) override {}
+  void eventDebugMessageNotification(uint16_t, const std::string&, const std::string&) override {}
+  void eventResolveUpdateURLRequest(const ResolveUpdateURLRequest&) override {}
+  void eventConnection(bool) override {}
+  void eventInternal(int) override {}
+};
+
 // The service as channel 0 of a real Multiplexer; the USB channel is its value 1 there.
 struct Rig : Files, Multiplexer {
-  explicit Rig(SimulatedClock& c, bool bind = true, bool withLum = true)
-      : Multiplexer(record), clock(c) {
+  explicit Rig(SimulatedClock& c, bool bind = true) : Multiplexer(record), clock(c) {
     addChannel(std::make_unique<Service>("1"));
     dm = static_cast<Service*>(channel(ACTIVE_DM));
-    if (withLum) {
-      setLumClient(lum);
-    }
+    addChannel(std::make_unique<IdleUsbChannel>());
+    setLumClient(lum);
+    setRoutineClient(std::make_unique<NoRoutine>());
+    setMesswertClient(std::make_unique<NoMesswert>());
     if (bind) {
       initBindings();
     }
@@ -179,7 +201,7 @@ TEST_F(DmServiceTest, ControlTablePerOperationGroup) {
     const char* proves;
     Op op;
     uint32_t holder;  // before the call
-    bool bound, withLum;
+    bool bound;
     uint32_t lumAnswer, expected;
     const char* logged;
     uint32_t holderAfter;
@@ -189,25 +211,24 @@ TEST_F(DmServiceTest, ControlTablePerOperationGroup) {
   const char* kNoLum = "Unable to get LUM object!";
   const char* kNegative = "LUM negative answer: (invalidState)";
   const std::vector<Row> rows = {
-      {"create takes control", kCreate, kNone, 1, 1, kOk, kOk, "Starting polling", kDm, 1},
-      {"create while USB holds", kCreate, kUsb, 1, 1, kOk, kIS, "Unable to get exlusive lock!",
-       kUsb, 0},
-      {"create without a facade", kCreate, kNone, 1, 0, kOk, kIS, kNoLum, kNone, 0},
-      {"create without an answer", kCreate, kNone, 1, 1, kNoAnswer, kIE, "LUM signals error!",
-       kNone, 1},
-      {"create refused by the LUM", kCreate, kNone, 1, 1, kIS, kIS, kNegative, kNone, 1},
-      {"a failed create keeps a held session", kCreate, kDm, 1, 1, kIS, kIS, kNegative, kDm, 1},
-      {"unbound slots", kCreate, kNone, 0, 1, kOk, kIE, "Signals not bound yet!", kNone, 0},
-      {"cancel takes free control for the call", kCancel, kNone, 1, 1, kOk, kOk,
+      {"create takes control", kCreate, kNone, 1, kOk, kOk, "Starting polling", kDm, 1},
+      {"create while USB holds", kCreate, kUsb, 1, kOk, kIS, "Unable to get exlusive lock!", kUsb,
+       0},
+      {"create without an answer", kCreate, kNone, 1, kNoAnswer, kIE, "LUM signals error!", kNone,
+       1},
+      {"create refused by the LUM", kCreate, kNone, 1, kIS, kIS, kNegative, kNone, 1},
+      {"a failed create keeps a held session", kCreate, kDm, 1, kIS, kIS, kNegative, kDm, 1},
+      {"unbound slots", kCreate, kNone, 0, kOk, kIE, "Signals not bound yet!", kNone, 0},
+      {"cancel takes free control for the call", kCancel, kNone, 1, kOk, kOk,
        "Control released by [ACTIVE_DM]", kNone, 1},
-      {"cancel while USB holds", kCancel, kUsb, 1, 1, kOk, kIS, kNoLum, kUsb, 0},
-      {"a forwarded call leaves control alone", kStart, kDm, 1, 1, kOk, kOk, "<=", kDm, 1},
-      {"a forwarded call takes no free control", kStart, kNone, 1, 1, kOk, kIS, kNoLum, kNone, 0},
-      {"a closed session gives control back", kClose, kDm, 1, 1, kOk, kOk, "stopPoll(): done",
-       kNone, 1},
-      {"a refused close keeps the session", kClose, kDm, 1, 1, kIS, kIS, "<=", kDm, 1},
-      {"description while USB holds", kDescription, kUsb, 1, 1, kOk, kIS, kUsbPath, kUsb, 0},
-      {"description without an answer", kDescription, kDm, 1, 1, kNoAnswer, kIE,
+      {"cancel while USB holds", kCancel, kUsb, 1, kOk, kIS, kNoLum, kUsb, 0},
+      {"a forwarded call leaves control alone", kStart, kDm, 1, kOk, kOk, "<=", kDm, 1},
+      {"a forwarded call takes no free control", kStart, kNone, 1, kOk, kIS, kNoLum, kNone, 0},
+      {"a closed session gives control back", kClose, kDm, 1, kOk, kOk, "stopPoll(): done", kNone,
+       1},
+      {"a refused close keeps the session", kClose, kDm, 1, kIS, kIS, "<=", kDm, 1},
+      {"description while USB holds", kDescription, kUsb, 1, kOk, kIS, kUsbPath, kUsb, 0},
+      {"description without an answer", kDescription, kDm, 1, kNoAnswer, kIE,
        "getServiceDescription(): Active path (), LUM comm error!", kDm, 1},
   };
   const std::vector<std::pair<const char*, std::function<uint32_t(Service&)>>> ops = {
@@ -223,7 +244,7 @@ TEST_F(DmServiceTest, ControlTablePerOperationGroup) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    Rig rig(clock_, row.bound, row.withLum);
+    Rig rig(clock_, row.bound);
     const char* op = ops[row.op].first;
     rig.lum->status[op] = row.lumAnswer;
     ASSERT_TRUE(row.holder == kNone || rig.requestExclusiveControl(row.holder, false));
