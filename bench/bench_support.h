@@ -1,44 +1,20 @@
 #pragma once
-// Helpers of the benchmarks: the private network namespace and latency percentiles.
+// Helpers of the benchmarks: latency percentiles, and main() for a benchmark whose set-up runs
+// peers on loopback inside a private network namespace.
 //
-// Threading: enterPrivateNetwork() first thing in main(), before any thread starts; the others
-// on the benchmark's thread.
+// Threading: runInPrivateNetwork() is main(); the others run on the benchmark's thread.
 
 #include <benchmark/benchmark.h>
-#include <errno.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <vector>
 
-namespace orvane::bench {
+#include "minfw/log.h"
+#include "platform/someip/testing/netns.h"
 
-// Benchmarks that open sockets run inside a private network namespace (scripts/netns-run), like
-// the tests: discovery multicast stays on loopback and nothing collides with other runs.
-// Outside the namespace: re-runs this program inside one and returns only on failure (status
-// 2). Inside: returns 0 at once.
-inline int enterPrivateNetwork(int argc, char** argv) {
-  const char* inside = getenv("ORVANE_IN_NETNS");
-  if (inside && std::strcmp(inside, "1") == 0)
-    return 0;
-  setenv("ORVANE_IN_NETNS", "1", 1);
-  char self[4096];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0)
-    return 2;
-  self[n] = '\0';
-  std::vector<char*> args{const_cast<char*>(ORVANE_NETNS_RUN), const_cast<char*>("--"), self};
-  for (int i = 1; i < argc; ++i)
-    args.push_back(argv[i]);
-  args.push_back(nullptr);
-  execv(args[0], args.data());
-  std::fprintf(stderr, "cannot run %s: %s\n", args[0], std::strerror(errno));
-  return 2;
-}
+namespace orvane::bench {
 
 inline double microsSince(std::chrono::steady_clock::time_point t0) {
   return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0).count();
@@ -51,6 +27,26 @@ inline void reportPercentiles(benchmark::State& state, std::vector<double>& micr
   std::sort(micros.begin(), micros.end());
   state.counters["p50_us"] = micros[micros.size() / 2];
   state.counters["p99_us"] = micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
+}
+
+// main() of a benchmark: in the private network, starts a `Setup` (bool start(), std::string
+// error), publishes it through `current` while the benchmarks run, and stops it.
+template <typename Setup>
+int runInPrivateNetwork(int argc, char** argv, Setup*& current) {
+  if (const int status = platform::someip::testing::enterPrivateNetwork(argc, argv))
+    return status;
+  kel::vxp3::minfw::Logger::instance().setMinLevel(kel::vxp3::minfw::kError);
+  benchmark::Initialize(&argc, argv);
+  Setup setup;
+  if (!setup.start()) {
+    std::fprintf(stderr, "set-up failed: %s\n", setup.error.c_str());
+    return 1;
+  }
+  current = &setup;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  current = nullptr;
+  return 0;
 }
 
 }  // namespace orvane::bench

@@ -206,18 +206,5 @@ BENCHMARK(BM_ForwardedVsDirect)->UseRealTime()->MinTime(3.0);
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (const int status = orvane::bench::enterPrivateNetwork(argc, argv))
-    return status;
-  kel::vxp3::minfw::Logger::instance().setMinLevel(kel::vxp3::minfw::kError);
-  benchmark::Initialize(&argc, argv);
-  Setup setup;
-  if (!setup.start()) {
-    std::fprintf(stderr, "set-up failed: %s\n", setup.error.c_str());
-    return 1;
-  }
-  gSetup = &setup;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  gSetup = nullptr;
-  return 0;
+  return orvane::bench::runInPrivateNetwork(argc, argv, gSetup);
 }

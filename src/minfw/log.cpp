@@ -1,8 +1,10 @@
 #include "minfw/log.h"
 
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <new>
 #include <stdexcept>
@@ -23,6 +25,16 @@ std::string hex(uint64_t value) {
   char buf[17];
   std::snprintf(buf, sizeof(buf), "%llx", static_cast<unsigned long long>(value));
   return buf;
+}
+
+bool parseInteger(const char* text, int64_t minimum, int64_t maximum, int64_t* value) {
+  char* end = nullptr;
+  errno = 0;
+  const long long parsed = std::strtoll(text, &end, 0);
+  if (end == text || *end != '\0' || errno != 0 || parsed < minimum || parsed > maximum)
+    return false;
+  *value = parsed;
+  return true;
 }
 
 std::string levelName(uint8_t level) {

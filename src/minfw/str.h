@@ -61,4 +61,8 @@ std::string cat(const Args&... args) {
 // Lower-case hexadecimal of an unsigned value, no prefix ("1f").
 std::string hex(uint64_t value);
 
+// A whole decimal (or 0x hexadecimal) integer within [minimum, maximum]; false for anything
+// else, `value` then unchanged.
+bool parseInteger(const char* text, int64_t minimum, int64_t maximum, int64_t* value);
+
 }  // namespace kel::vxp3::minfw

@@ -15,9 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "minfw/str.h"
 #include "tester.h"
 
 namespace {
+
+using kel::vxp3::minfw::parseInteger;
 
 using namespace orv::tester;
 
@@ -43,15 +46,6 @@ int usage() {
                " watch:\n"
                "  --seconds N          stop after N seconds (default: until interrupted)\n";
   return kExitUsage;
-}
-
-bool number(const char* text, int64_t minimum, int64_t maximum, int64_t* value) {
-  char* end = nullptr;
-  const long long parsed = std::strtoll(text, &end, 0);
-  if (end == text || *end != '\0' || parsed < minimum || parsed > maximum)
-    return false;
-  *value = parsed;
-  return true;
 }
 
 }  // namespace
@@ -81,11 +75,11 @@ int main(int argc, char** argv) {
       options.configPath = value;
     else if (arg == "--instance")
       options.instance = value;
-    else if (arg == "--find-s" && (ok = number(value, 1, 3600, &n)))
+    else if (arg == "--find-s" && (ok = parseInteger(value, 1, 3600, &n)))
       options.findS = n;
     else if (arg == "--access-id")
       options.accessId = value;
-    else if (arg == "--session" && (ok = number(value, 0, 65535, &n)))
+    else if (arg == "--session" && (ok = parseInteger(value, 0, 65535, &n)))
       options.session = static_cast<uint16_t>(n);
     else if (arg == "--order")
       options.order = value;
@@ -93,11 +87,11 @@ int main(int argc, char** argv) {
       options.baseUrl = value;
     else if (arg == "--manifest")
       manifests.push_back(value);
-    else if (arg == "--diag-address" && (ok = number(value, 0, 65535, &n)))
+    else if (arg == "--diag-address" && (ok = parseInteger(value, 0, 65535, &n)))
       addresses.push_back(static_cast<uint16_t>(n));
-    else if (arg == "--timeout-s" && (ok = number(value, 1, 86400, &n)))
+    else if (arg == "--timeout-s" && (ok = parseInteger(value, 1, 86400, &n)))
       options.timeoutS = n;
-    else if (arg == "--seconds" && (ok = number(value, 1, 86400 * 7, &n)))
+    else if (arg == "--seconds" && (ok = parseInteger(value, 1, 86400 * 7, &n)))
       options.seconds = n;
     else
       ok = false;

@@ -13,8 +13,11 @@
 #include <vector>
 
 #include "laptop.h"
+#include "minfw/str.h"
 
 namespace {
+
+using kel::vxp3::minfw::parseInteger;
 
 using namespace orv::laptop;
 
@@ -25,16 +28,6 @@ int usage() {
                "       orvane-laptop [--host ADDRESS] [--port PORT] run [--interval-ms N] "
                "[--timeout-s N] URL\n";
   return kExitUsage;
-}
-
-bool number(const char* text, int64_t minimum, int64_t maximum, int64_t* value) {
-  char* end = nullptr;
-  const long long parsed = std::strtoll(text, &end, 10);
-  if (end == text || *end != '\0' || parsed < minimum || parsed > maximum) {
-    return false;
-  }
-  *value = parsed;
-  return true;
 }
 
 }  // namespace
@@ -48,11 +41,11 @@ int main(int argc, char** argv) {
     int64_t value = 0;
     if (arg == "--host" && hasValue) {
       options.host = argv[++i];
-    } else if (arg == "--port" && hasValue && number(argv[++i], 1, 65535, &value)) {
+    } else if (arg == "--port" && hasValue && parseInteger(argv[++i], 1, 65535, &value)) {
       options.port = static_cast<uint16_t>(value);
-    } else if (arg == "--interval-ms" && hasValue && number(argv[++i], 1, 3600000, &value)) {
+    } else if (arg == "--interval-ms" && hasValue && parseInteger(argv[++i], 1, 3600000, &value)) {
       options.intervalMs = value;
-    } else if (arg == "--timeout-s" && hasValue && number(argv[++i], 0, 86400 * 7, &value)) {
+    } else if (arg == "--timeout-s" && hasValue && parseInteger(argv[++i], 0, 86400 * 7, &value)) {
       options.timeoutS = value;
     } else if (arg.rfind("--", 0) == 0) {
       return usage();

@@ -1,36 +1,13 @@
-// main() of the binding's socket tests: runs the tests inside a private network namespace (made
-// by scripts/netns-run), so that they may bind SD port 30490 on several loopback addresses and
-// use multicast without touching the machine's network, and so that parallel runs never collide.
-// There is no fallback: if no namespace can be made, the test binary fails.
+// main() of the binding's socket tests: runs the tests inside a private network namespace (see
+// netns.h).
 
-#include <errno.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
-#include <vector>
+#include "platform/someip/testing/netns.h"
 
 int main(int argc, char** argv) {
-  const char* inside = getenv("ORVANE_IN_NETNS");
-  if (!inside || std::strcmp(inside, "1") != 0) {
-    setenv("ORVANE_IN_NETNS", "1", 1);
-    char self[4096];
-    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) {
-      std::perror("readlink /proc/self/exe");
-      return 2;
-    }
-    self[n] = '\0';
-    std::vector<char*> args{const_cast<char*>(ORVANE_NETNS_RUN), const_cast<char*>("--"), self};
-    for (int i = 1; i < argc; ++i)
-      args.push_back(argv[i]);
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    std::fprintf(stderr, "cannot run %s: %s\n", args[0], std::strerror(errno));
-    return 2;
-  }
+  if (const int status = platform::someip::testing::enterPrivateNetwork(argc, argv))
+    return status;
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }
