@@ -144,9 +144,11 @@ class DiagLocalUpdateManagerControlService
     std::thread thread;
   };
 
+  enum class PollAnswer { kNone, kRefused, kAnswered };
+
   void pollWorker(PollWorker& self);
   // One poll cycle's steps 4 to 6: the state from the LUM into the field.
-  void pollSessionState();
+  PollAnswer pollSessionState();
   bool signalsBound() const;
   // Gives control back; logs when the slot is unbound.
   void relinquish();
@@ -181,6 +183,9 @@ class DiagLocalUpdateManagerControlService
 
   mutable std::mutex fieldMutex_;  // guards everything below
   uint16_t sessionId_ = 0;
+  // Set when the LUM (re)appears while channel 0 holds control: the next answered poll tells
+  // whether the LUM still has a session for it.
+  std::atomic<bool> confirmSession_{false};
   std::string activePath_;
   std::vector<lum12::DT_domainUpdateSessionState_struct> sessionStates_;
   std::vector<lum12::DT_domainErrorNotification_struct> errors_;

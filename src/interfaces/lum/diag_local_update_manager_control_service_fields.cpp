@@ -231,6 +231,7 @@ void Service::eventConnection(bool connected) {
   }
   // Only a holder polls; the relay delivers this only to the holder, but a direct call need not.
   if (signalQueryControl && signalQueryControl() == ACTIVE_DM) {
+    confirmSession_ = true;
     startPoll();
   }
 }

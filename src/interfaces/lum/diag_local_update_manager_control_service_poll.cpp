@@ -110,10 +110,22 @@ void Service::pollWorker(PollWorker& self) {
       self.stop = true;
       break;
     }
-    pollSessionState();
+    const PollAnswer answer = pollSessionState();
     // Control taken only for this cycle goes back, so the USB channel is never locked out.
     if (took) {
       relinquish();
+    } else if (answer != PollAnswer::kNone && confirmSession_.exchange(false) &&
+               answer == PollAnswer::kRefused) {
+      // A LUM that came back without the session (it restarted) would otherwise leave the LUM
+      // locked to channel 0 for good: nobody can close a session the LUM no longer has.
+      MLOG_WARN(kTag,
+                "LUM has no session of the diagnostic master after reconnecting: control "
+                "given back");
+      endSession();
+      signalSetUpdateTimestampEnd();
+      relinquish();
+      self.stop = true;
+      break;
     }
   }
   MLOG_TRACE(kTag, "V12 Polling Loop stopped");
@@ -123,11 +135,11 @@ void Service::pollWorker(PollWorker& self) {
   workersGone_.notify_all();
 }
 
-void Service::pollSessionState() {
+Service::PollAnswer Service::pollSessionState() {
   const std::shared_ptr<DiagLUMControlClient> lum = signalRequestInterface(ACTIVE_DM);
   if (!lum) {
     MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
-    return;
+    return PollAnswer::kNone;
   }
   SessionState entry = storedState(sessionId());
   {
@@ -136,7 +148,7 @@ void Service::pollSessionState() {
     if (!lum->getDomainUpdateSessionState(kPollClientId, kPollDomainId, state, false)) {
       MLOG_ERROR(kTag, "getDomainUpdateSessionState: Communication error with LUM! Communication=",
                  "FAIL", ", ReturnStatus=", "n/a");
-      return;
+      return PollAnswer::kNone;
     }
     MLOG_TRACE(kTag, "getDomainUpdateSessionState().returnStatus [",
                lum::returnStatusName(state.returnStatus), "], currentProcessingState [",
@@ -144,7 +156,7 @@ void Service::pollSessionState() {
                state.currentProcessingDetails, "]");
     // A refused call's other outputs carry no meaning.
     if (state.returnStatus != lum11::CM_ReturnStatus::ok) {
-      return;
+      return PollAnswer::kRefused;
     }
     entry.currentProcessingState = recast<FieldState>(state.currentProcessingState);
     // States without figures of their own keep the last ones the session had.
@@ -165,6 +177,7 @@ void Service::pollSessionState() {
     }
   }
   eventDomainUpdateSessionState(entry);
+  return PollAnswer::kAnswered;
 }
 
 }  // namespace orv

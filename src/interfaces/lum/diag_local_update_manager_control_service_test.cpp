@@ -307,6 +307,28 @@ TEST_F(DmServiceTest, PollCycle) {
   }
 }
 
+// A LUM that came back without channel 0's session would keep the LUM locked to it for good;
+// an ordinary refusal keeps control.
+TEST_F(DmServiceTest, AReconnectedLumWithoutTheSessionGetsControlBack) {
+  for (const bool reconnected : {true, false}) {
+    SCOPED_TRACE(reconnected ? "after a reconnect" : "an ordinary poll");
+    Rig rig(clock_);
+    log_->clear();
+    rig.lum->status["getDomainUpdateSessionState"] = kIS;
+    ASSERT_TRUE(rig.requestExclusiveControl(kDm, false));
+    if (reconnected) {
+      rig.dm->eventConnection(true);
+    } else {
+      rig.dm->startPoll();
+    }
+    ASSERT_TRUE(rig.cycle());
+    ASSERT_TRUE(reconnected ? eventually([&] { return !rig.dm->polling(); })
+                            : clock_.waitForSleepers(1));
+    EXPECT_EQ(rig.queryControl(), reconnected ? kNone : kDm);
+    EXPECT_EQ(log_->contains("control given back"), reconnected);
+  }
+}
+
 TEST_F(DmServiceTest, AWorkerHangingInTheLumIsLeftRunningWithThePanicLine) {
   Rig rig(clock_);
   ASSERT_TRUE(rig.requestExclusiveControl(ACTIVE_DM, false));
