@@ -171,6 +171,9 @@ class Logic : public ILumChannel {
   void closeUpdate();
   // Gives control back when this channel holds it.
   void relinquishIfHeld();
+  // The record's timestamps: the start once the LUM holds the session, the end when the update
+  // ends either way.
+  void stampUpdate(bool start);
   void sendHmiState(uint32_t state, const std::string& description);
   void writeErrorCode(uint32_t code);
   // The handling of the two events, shared with the status poll that makes up for them.

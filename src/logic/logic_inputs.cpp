@@ -126,6 +126,17 @@ void Logic::relinquishIfHeld() {
   signalRelinquish(ACTIVE_USB);
 }
 
+void Logic::stampUpdate(bool start) {
+  const std::function<bool()>& slot =
+      start ? signalSetUpdateTimestampStart : signalSetUpdateTimestampEnd;
+  if (!slot) {
+    MLOG_ERROR(kTag, start ? "signalSetUpdateTimestampStart not bound!"
+                           : "signalSetUpdateTimestampEnd not bound!");
+    return;
+  }
+  slot();
+}
+
 // ---------------------------------------------------------------------------------------------
 // HMI state and the diagnostic start
 

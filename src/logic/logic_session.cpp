@@ -234,6 +234,7 @@ void Logic::seqInstallationStart() {
         }
       }
       setStateLUM(1);
+      stampUpdate(true);
       retry_.fill(0);
       sleepMs(1000);
       if (!polling_.exchange(true)) {
@@ -483,6 +484,7 @@ void Logic::seqInstallationFinished() {
   setStateHMI(eINSTALLATIONFINISHED);
   sendHmiState(eINSTALLATIONFINISHED, medium().trainName);
   setStateLUM(0);
+  stampUpdate(false);
   relinquishIfHeld();
 }
 
@@ -496,6 +498,7 @@ void Logic::seqInstallationFailed(int errorCode) {
     signalUSBhmiSetErrorCode(static_cast<uint32_t>(errorCode));
   }
   setStateLUM(0);
+  stampUpdate(false);
   relinquishIfHeld();
 }
 

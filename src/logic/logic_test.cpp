@@ -164,6 +164,7 @@ struct Arbiter {
   bool grant = true;
   int relinquished = 0;
   bool alive = true;
+  std::vector<std::string> stamps;  // "start" / "end", in order
   std::shared_ptr<ScriptedLum> lum = std::make_shared<ScriptedLum>();
 };
 
@@ -199,6 +200,14 @@ class TestLogic : public Logic {
       return true;
     };
     signalGetUpdateType = [&arbiter] { return arbiter.updateType; };
+    signalSetUpdateTimestampStart = [&arbiter] {
+      arbiter.stamps.push_back("start");
+      return true;
+    };
+    signalSetUpdateTimestampEnd = [&arbiter] {
+      arbiter.stamps.push_back("end");
+      return true;
+    };
   }
 
   using Logic::ReadKeyManifest;
@@ -617,6 +626,9 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
     EXPECT_EQ(logic->getErrorCode(), row.errorCode);
     EXPECT_EQ(logic->getStateLUM(), row.errorCode == 0 ? 1u : 0u);
     EXPECT_EQ(arbiter_.holder, row.errorCode == 0 ? ACTIVE_USB : ACTIVE_NONE);
+    // Started once the LUM has the session; a session never had ends all the same.
+    EXPECT_EQ(arbiter_.stamps, row.errorCode == 0 ? std::vector<std::string>{"start"}
+                                                  : std::vector<std::string>{"end"});
   }
 }
 
@@ -725,6 +737,7 @@ TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
   EXPECT_EQ(record_->getStateLum(9), 0u);
   EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+  EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{"end"});
 }
 
 TEST_F(LogicTest, FinishedEventClosesThenFinishes) {
@@ -737,6 +750,7 @@ TEST_F(LogicTest, FinishedEventClosesThenFinishes) {
   EXPECT_EQ(record_->getStateHmi(99), eINSTALLATIONFINISHED);
   EXPECT_EQ(record_->getProgress(0), 100u);
   EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+  EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{"end"});
   // The driver's acknowledgement winds the update up.
   logic->seqHmiStateChanged(eINSTALLATIONFINISHEDCONFIRMED);
   EXPECT_EQ(logic->getStateHMI(), eINVALID);

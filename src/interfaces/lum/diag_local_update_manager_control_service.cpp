@@ -97,7 +97,7 @@ bool Service::init() {
 
 bool Service::signalsBound() const {
   return signalQueryControl && signalRequestExclusiveControl && signalRequestInterface &&
-         signalRelinquish;
+         signalRelinquish && signalSetUpdateTimestampStart && signalSetUpdateTimestampEnd;
 }
 
 void Service::relinquish() {
@@ -221,6 +221,7 @@ Service::createDomainUpdateSession(
       });
   if (answered && answer.returnStatus == RS::ok) {
     beginSession(answer.domainRepairInstructionID, accessID);
+    signalSetUpdateTimestampStart();
     startPoll();
     return answerWith(answer);
   }
@@ -377,6 +378,7 @@ Service::Future<lum12::methods::CloseDomainUpdateSession::Output> Service::close
   if (answered && answer.returnStatus == RS::ok) {
     stopPoll();
     endSession();
+    signalSetUpdateTimestampEnd();
     relinquish();
   }
   return answerWith(answer);
