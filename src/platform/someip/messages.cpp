@@ -120,7 +120,8 @@ void RuntimeImpl::serverRequest(const std::shared_ptr<OfferedService>& service,
   };
   if (m.header.serviceId != service->key.service)
     return fail(ReturnCode::kUnknownService);
-  if (m.header.interfaceVersion != service->iface->majorVersion)
+  // Version 0 means "any": common clients send it unless told otherwise.
+  if (m.header.interfaceVersion != 0 && m.header.interfaceVersion != service->iface->majorVersion)
     return fail(ReturnCode::kWrongInterfaceVersion);
   std::shared_ptr<mw::RequestHandler> handler;
   const std::vector<uint8_t>* fieldValue = nullptr;

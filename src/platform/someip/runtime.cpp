@@ -1,7 +1,7 @@
-// Runtime, the public face of the binding, and the core of RuntimeImpl: the SD sockets, the
-// threads and their shutdown, the I/O loop and its poll set, the tap and TCP sends.
-// Threading: the loop runs on "someip-io" and stop() joins it from the owner's thread; tap() and
-// sendTcp() run on any thread (the tap under its own mutex).
+// Runtime, the public face of the binding, and the core of RuntimeImpl: the SD sockets and the
+// claim on their endpoint, the threads and their shutdown, the I/O loop and its poll set, the tap
+// and TCP sends. Threading: the loop runs on "someip-io" and stop() joins it from the owner's
+// thread; tap() and sendTcp() run on any thread (the tap under its own mutex).
 #include "platform/someip/runtime.h"
 
 #include <arpa/inet.h>
@@ -12,8 +12,10 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstring>
 
 #include "minfw/log.h"
@@ -27,6 +29,42 @@ namespace {
 
 void nameThisThread(const char* name) {
   pthread_setname_np(pthread_self(), name);
+}
+
+// Claims the SD endpoint `sd` for this runtime: a listening unix socket in the abstract
+// namespace, named after the endpoint. The SD sockets share their port with other stacks
+// (SO_REUSEADDR), so the port no longer refuses a second runtime on the same address; this does.
+// The name lives in the network namespace, as the port does, and goes with the process.
+// Returns the socket, or -1 and `error` naming the holder.
+int claimSdEndpoint(const Endpoint& sd, std::string& error) {
+  const std::string name = "orvane-someip-sd@" + toString(sd);
+  sockaddr_un a{};
+  a.sun_family = AF_UNIX;
+  std::memcpy(a.sun_path + 1, name.data(), name.size());  // sun_path[0] == 0: abstract
+  const auto len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  const auto* addr = reinterpret_cast<const sockaddr*>(&a);
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && ::bind(fd, addr, len) == 0 && ::listen(fd, 8) == 0)
+    return fd;
+  const int why = errno;
+  if (fd >= 0)
+    ::close(fd);
+  error = cat("cannot bind SD socket ", toString(sd), ": ");
+  if (why != EADDRINUSE) {
+    error += cat("cannot claim it: ", std::strerror(why));
+    return -1;
+  }
+  error += "held by another runtime";
+  // The holder's pid, from the credentials of its listening socket.
+  int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  ucred holder{};
+  socklen_t credLen = sizeof holder;
+  if (probe >= 0 && ::connect(probe, addr, len) == 0 &&
+      ::getsockopt(probe, SOL_SOCKET, SO_PEERCRED, &holder, &credLen) == 0 && holder.pid > 0)
+    error += cat(" (pid ", holder.pid, ")");
+  if (probe >= 0)
+    ::close(probe);
+  return -1;
 }
 
 }  // namespace
@@ -81,8 +119,15 @@ bool RuntimeImpl::open(std::string& error) {
   int one = 1;
   unsigned lo = if_nametoindex("lo");
 
+  // Claimed before the bind: two sockets on one address and port would split its unicast.
+  instanceFd_ = claimSdEndpoint(Endpoint{unicast_, port}, error);
+  if (instanceFd_ < 0)
+    return false;
+
+  // SO_REUSEADDR on both SD sockets: other stacks on this host bind 0.0.0.0:30490 with it, and
+  // the kernel hands a unicast datagram to the most specific bind, multicast to every member.
   sdUnicastFd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  // No SO_REUSEADDR here: a second runtime of the same process must fail, not share the port.
+  ::setsockopt(sdUnicastFd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   sockaddr_in a = toSockaddr(Endpoint{unicast_, port});
   if (sdUnicastFd_ < 0 || ::bind(sdUnicastFd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
     error = cat("cannot bind SD socket ", toString(Endpoint{unicast_, port}), ": ",
@@ -159,7 +204,7 @@ void RuntimeImpl::stop() {
   }
   for (auto& l : links)
     linkFailed(l, "runtime stopped");
-  for (int fd : {wakeFd_, sdUnicastFd_, sdMulticastFd_})
+  for (int fd : {wakeFd_, sdUnicastFd_, sdMulticastFd_, instanceFd_})
     if (fd >= 0)
       ::close(fd);
 }
@@ -201,6 +246,7 @@ void RuntimeImpl::buildPollSet(std::vector<pollfd>& fds, std::vector<PollTarget>
   add(wakeFd_, POLLIN, PollTarget{PollTarget::kWake, {}, {}, {}});
   add(sdUnicastFd_, POLLIN, PollTarget{PollTarget::kSdUnicast, {}, {}, {}});
   add(sdMulticastFd_, POLLIN, PollTarget{PollTarget::kSdMulticast, {}, {}, {}});
+  add(instanceFd_, POLLIN, PollTarget{PollTarget::kInstance, {}, {}, {}});
   std::lock_guard<std::mutex> lock(mutex_);
   for (auto& s : closing_) {
     if (s->listenFd >= 0) {
@@ -251,6 +297,11 @@ void RuntimeImpl::ioLoop() {
           break;
         case PollTarget::kSdMulticast:
           readSd(sdMulticastFd_, true);
+          break;
+        case PollTarget::kInstance:
+          // A second runtime asked who holds the endpoint; it has its answer already.
+          for (int c; (c = ::accept4(instanceFd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;)
+            ::close(c);
           break;
         case PollTarget::kListener:
           acceptAll(t.service);

@@ -7,7 +7,9 @@
 //    traffic and all sends) and one bound to the multicast group (joined on lo), through which it
 //    offers (initial wait, repetitions, cyclic offers), stops offers, finds, subscribes
 //    eventgroups and acknowledges subscriptions; it expires services whose offers stop, and
-//    resets what it knows of a peer that reboots;
+//    resets what it knows of a peer that reboots. Both sockets share the SD port with other
+//    SOME/IP stacks on the host (SO_REUSEADDR); one runtime per unicast address is enforced by
+//    an abstract unix socket named after it, held for the runtime's life;
 //  - a TCP server per offered service (requests, responses, errors, notifications);
 //  - a TCP client connection per found service endpoint, shared by the proxies of it, with
 //    requests matched to responses by session id.

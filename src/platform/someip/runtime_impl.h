@@ -218,7 +218,7 @@ class RuntimeImpl {
 
  private:
   struct PollTarget {
-    enum Kind { kWake, kSdUnicast, kSdMulticast, kListener, kServerConn, kLink } kind;
+    enum Kind { kWake, kSdUnicast, kSdMulticast, kInstance, kListener, kServerConn, kLink } kind;
     std::shared_ptr<OfferedService> service;
     std::shared_ptr<Connection> conn;
     std::shared_ptr<ClientLink> link;
@@ -262,6 +262,7 @@ class RuntimeImpl {
   int wakeFd_ = -1;
   int sdUnicastFd_ = -1;
   int sdMulticastFd_ = -1;
+  int instanceFd_ = -1;  // the claim on the SD endpoint (runtime.cpp)
   std::atomic<bool> stopping_{false};
   std::thread io_;
   std::unique_ptr<Worker> callbacks_;
