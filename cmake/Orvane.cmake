@@ -13,6 +13,9 @@ function(orvane_test name)
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gmock_main Threads::Threads)
   target_compile_definitions(${name} PRIVATE ORVANE_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
                                              ORVANE_BINARY_DIR="${PROJECT_BINARY_DIR}")
+  if("threaded" IN_LIST T_LABELS)
+    set_property(GLOBAL APPEND PROPERTY ORVANE_THREADED_TESTS ${name})
+  endif()
   if(T_LABELS)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
                          PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})
