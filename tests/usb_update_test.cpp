@@ -146,10 +146,12 @@ std::vector<std::string> sessionCalls(const std::string& log) {
 }
 
 // Waits until `logic` rests in eINVALID again after the update.
-bool waitForRest(Logic& logic, Inbox& inbox) {
+// At rest once the clean-up that follows eINVALID (update type, key manifest) is written too.
+bool waitForRest(Logic& logic, Inbox& inbox, Persistence& record) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (std::chrono::steady_clock::now() < deadline) {
-    if (logic.getStateHMI() == eINVALID && logic.getStateLUM() == 0) {
+    if (logic.getStateHMI() == eINVALID && logic.getStateLUM() == 0 &&
+        record.getUpdateType(99) == ORV_USB_UPDATETYPE_NONE && record.getKeyManifest().empty()) {
       return true;
     }
     inbox.waitFor("pace", 50ms);
@@ -194,7 +196,7 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
     // A clean update.
     logic.inputUsbInserted(location);
     ASSERT_TRUE(inbox.waitFor("state:5", kPatience)) << "no eINSTALLATIONFINISHED";
-    ASSERT_TRUE(waitForRest(logic, inbox));
+    ASSERT_TRUE(waitForRest(logic, inbox, *record));
     EXPECT_EQ(record->getStateHmi(99), eINVALID);
     EXPECT_EQ(record->getStateLum(99), 0u);
     EXPECT_EQ(record->getErrorCode(99), 0);
@@ -210,7 +212,7 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
     // The next session fails in the LUM: its code reaches the record, control goes back.
     logic.inputUsbInserted(location);
     ASSERT_TRUE(inbox.waitFor("error:4711", kPatience)) << "no failure reported";
-    ASSERT_TRUE(waitForRest(logic, inbox));
+    ASSERT_TRUE(waitForRest(logic, inbox, *record));
     EXPECT_EQ(record->getErrorCode(0), 4711);
     EXPECT_EQ(record->getStateLum(99), 0u);
     EXPECT_EQ(record->getChannel(99), ACTIVE_NONE);
