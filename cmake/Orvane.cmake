@@ -2,6 +2,8 @@
 # One GoogleTest executable; every test in it becomes a CTest test. Label "threaded" marks the
 # tests that the ThreadSanitizer preset runs. Tests find their data through compile definitions
 # (ORVANE_SOURCE_DIR, ORVANE_BINARY_DIR), never through the working directory.
+# A cross build runs the tests under its emulator, and the tests start the build's own programs
+# through it too (ORVANE_TEST_EMULATOR, src/minfw/testing/target_command.h).
 # Every test has a time limit (default 120 s), so that a hang fails with the test's name in
 # minutes instead of eating the CI budget.
 function(orvane_test name)
@@ -11,8 +13,10 @@ function(orvane_test name)
   endif()
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gmock_main Threads::Threads)
+  string(JOIN " " emulator ${CMAKE_CROSSCOMPILING_EMULATOR})
   target_compile_definitions(${name} PRIVATE ORVANE_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
-                                             ORVANE_BINARY_DIR="${PROJECT_BINARY_DIR}")
+                                             ORVANE_BINARY_DIR="${PROJECT_BINARY_DIR}"
+                                             ORVANE_TEST_EMULATOR="${emulator}")
   if(T_LABELS)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
                          PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})

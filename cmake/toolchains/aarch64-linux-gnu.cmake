@@ -19,7 +19,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/${ORVANE_TARGET_TRIPLE}/pkgconfig:/usr/share/pkgconfig")
 set(ENV{PKG_CONFIG_PATH} "")
 
-# Test discovery and ctest run the target's binaries through qemu-user, with the cross
-# toolchain's sysroot for the dynamic loader and the C library.
+# Test discovery and ctest run the target's binaries through qemu-user. The dynamic loader and
+# the C library both come from the multiarch libc6:arm64 (/lib/ld-linux-aarch64.so.1), never the
+# cross toolchain's sysroot: that sysroot holds another build of glibc, and its loader finds the
+# multiarch libc through /etc/ld.so.cache; a loader and a libc of two builds make
+# pthread_create spin for ever. "-L /" keeps a QEMU_LD_PREFIX of the caller's out of it.
 find_program(ORVANE_QEMU NAMES qemu-aarch64-static qemu-aarch64 REQUIRED)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${ORVANE_QEMU} -L /usr/${ORVANE_TARGET_TRIPLE})
+set(CMAKE_CROSSCOMPILING_EMULATOR ${ORVANE_QEMU} -L /)
