@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "minfw/testing/target_command.h"
 #include "platform/middleware/proxy.h"
 #include "platform/middleware/skeleton.h"
 #include "platform/someip/runtime.h"
@@ -25,7 +26,8 @@ using namespace testing;
 class PeerProcess {
  public:
   explicit PeerProcess(const std::string& configPath) {
-    std::vector<std::string> args{ORVANE_TEST_PEER, configPath};
+    std::vector<std::string> args =
+        kel::vxp3::minfw::testing::targetCommand({ORVANE_TEST_PEER, configPath});
     std::vector<char*> argv;
     for (auto& a : args)
       argv.push_back(a.data());
