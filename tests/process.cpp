@@ -11,6 +11,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "minfw/testing/target_command.h"
+
 namespace orvane::testing {
 
 ChildProcess::~ChildProcess() {
@@ -38,6 +40,7 @@ bool ChildProcess::start(const std::string& path, const std::vector<std::string>
   // Everything the child needs is prepared before fork: only async-signal-safe calls after it.
   std::vector<std::string> argStrings{path};
   argStrings.insert(argStrings.end(), args.begin(), args.end());
+  argStrings = kel::vxp3::minfw::testing::targetCommand(argStrings);
   std::vector<char*> argv;
   for (auto& a : argStrings)
     argv.push_back(a.data());
@@ -67,7 +70,7 @@ bool ChildProcess::start(const std::string& path, const std::vector<std::string>
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(outPipe[1], STDOUT_FILENO);
     dup2(errPipe[1], STDERR_FILENO);
-    execve(path.c_str(), argv.data(), envp.data());
+    execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
   pid_ = pid;

@@ -9,6 +9,7 @@
 #include <regex>
 #include <string>
 
+#include "minfw/testing/target_command.h"
 #include "minfw/testing/temp_dir.h"
 #include "process.h"
 
@@ -21,8 +22,10 @@ using std::chrono::seconds;
 // orvane in a private network of its own: its service discovery must not meet other test runs.
 bool startOrvane(ChildProcess& child, const std::vector<std::string>& args,
                  const std::map<std::string, std::string>& env) {
-  std::vector<std::string> all{"--", ORVANE_BIN};
-  all.insert(all.end(), args.begin(), args.end());
+  std::vector<std::string> command{ORVANE_BIN};
+  command.insert(command.end(), args.begin(), args.end());
+  std::vector<std::string> all = kel::vxp3::minfw::testing::targetCommand(command);
+  all.insert(all.begin(), "--");
   return child.start(ORVANE_SOURCE_DIR "/scripts/netns-run", all, env);
 }
 

@@ -18,6 +18,7 @@
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/inbox.h"
+#include "minfw/testing/target_command.h"
 #include "minfw/testing/temp_dir.h"
 #include "platform/someip/config.h"
 #include "platform/someip/runtime.h"
@@ -43,12 +44,14 @@ constexpr const char* kClient = "NODBOX-USB";
 class Process {
  public:
   explicit Process(const std::vector<std::string>& args) {
+    // Prepared before fork: only async-signal-safe calls after it.
+    std::vector<std::string> command = kel::vxp3::minfw::testing::targetCommand(args);
+    std::vector<char*> argv;
+    for (std::string& word : command)
+      argv.push_back(word.data());
+    argv.push_back(nullptr);
     pid_ = fork();
     if (pid_ == 0) {
-      std::vector<char*> argv;
-      for (const auto& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
       execv(argv[0], argv.data());
       _exit(127);
     }

@@ -10,6 +10,7 @@
 #include "logic/key_manifest.h"
 #include "minfw/json.h"
 #include "minfw/testing/capture_sink.h"
+#include "minfw/testing/target_command.h"
 #include "minfw/testing/temp_dir.h"
 
 namespace {
@@ -17,6 +18,7 @@ namespace {
 using kel::vxp3::minfw::json::JSON;
 using kel::vxp3::minfw::testing::readFile;
 using kel::vxp3::minfw::testing::ScopedLogCapture;
+using kel::vxp3::minfw::testing::targetCommand;
 using kel::vxp3::minfw::testing::TempDir;
 using kel::vxp3::minfw::testing::writeFile;
 
@@ -29,9 +31,12 @@ struct ToolRun {
 // Runs the tool with `args`; its output goes through files in `dir`.
 ToolRun runTool(const TempDir& dir, const std::vector<std::string>& args) {
   const std::string outPath = dir.file("stdout"), errPath = dir.file("stderr");
-  std::vector<char*> argv{const_cast<char*>(ORVANE_MEDIUM_PATH)};
-  for (const std::string& arg : args)
-    argv.push_back(const_cast<char*>(arg.c_str()));
+  std::vector<std::string> command{ORVANE_MEDIUM_PATH};
+  command.insert(command.end(), args.begin(), args.end());
+  command = targetCommand(command);
+  std::vector<char*> argv;
+  for (std::string& word : command)
+    argv.push_back(word.data());
   argv.push_back(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "minfw/testing/target_command.h"
 #include "platform/middleware/proxy.h"
 #include "platform/middleware/skeleton.h"
 #include "platform/someip/runtime.h"
@@ -26,7 +27,8 @@ using namespace testing;
 class PeerProcess {
  public:
   explicit PeerProcess(const std::string& configPath) {
-    std::vector<std::string> args{ORVANE_TEST_PEER, configPath};
+    std::vector<std::string> args =
+        kel::vxp3::minfw::testing::targetCommand({ORVANE_TEST_PEER, configPath});
     std::vector<char*> argv;
     for (auto& a : args)
       argv.push_back(a.data());

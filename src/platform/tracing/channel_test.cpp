@@ -29,6 +29,7 @@
 
 #include <dlt.h>
 
+#include "minfw/testing/target_command.h"
 #include "minfw/testing/temp_dir.h"
 #include "platform/tracing/channel.h"
 
@@ -38,6 +39,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using kel::vxp3::minfw::testing::readFile;
+using kel::vxp3::minfw::testing::targetCommand;
 using kel::vxp3::minfw::testing::TempDir;
 using kel::vxp3::minfw::testing::writeFile;
 using namespace std::chrono_literals;
@@ -263,8 +265,8 @@ TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
                  file("received.txt"), file("receive.err"));
   ASSERT_TRUE(receiver.started());
 
-  Child probe({CHANNEL_PROBE_PATH, "records"}, {"DLT_PIPE_DIR=" + run_.path()}, file("probe.out"),
-              file("probe.err"));
+  Child probe(targetCommand({CHANNEL_PROBE_PATH, "records"}), {"DLT_PIPE_DIR=" + run_.path()},
+              file("probe.out"), file("probe.err"));
   ASSERT_TRUE(probe.waitExit(8s)) << "the probe did not finish";
   EXPECT_EQ(probe.exitCode(), 0) << readFile(file("probe.err"));
   EXPECT_EQ(readFile(file("probe.out")), "ids GLOB PERS GLO1\n");
@@ -317,8 +319,8 @@ TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
 
 TEST_F(DltDaemonTest, WithoutDaemonLoggingNeitherBlocksNorHoldsTheExit) {
   // The pipe directory exists but no daemon serves it.
-  Child probe({CHANNEL_PROBE_PATH, "flood"}, {"DLT_PIPE_DIR=" + run_.path()}, file("probe.out"),
-              file("probe.err"));
+  Child probe(targetCommand({CHANNEL_PROBE_PATH, "flood"}), {"DLT_PIPE_DIR=" + run_.path()},
+              file("probe.out"), file("probe.err"));
   ASSERT_TRUE(probe.started());
   // libdlt would wait 10 s at exit for a daemon; 8 s is generous for the rest.
   ASSERT_TRUE(probe.waitExit(8s)) << "a process that logged without a daemon did not exit";

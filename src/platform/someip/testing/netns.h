@@ -12,7 +12,12 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
+
+#if defined(ORVANE_TEST_EMULATOR)
+#include "minfw/testing/target_command.h"
+#endif
 
 namespace platform::someip::testing {
 
@@ -30,9 +35,16 @@ inline int enterPrivateNetwork(int argc, char** argv) {
     return 2;
   }
   self[n] = '\0';
-  std::vector<char*> args{const_cast<char*>(ORVANE_NETNS_RUN), const_cast<char*>("--"), self};
-  for (int i = 1; i < argc; ++i)
-    args.push_back(argv[i]);
+  std::vector<std::string> command{self};
+  command.insert(command.end(), argv + 1, argv + argc);
+#if defined(ORVANE_TEST_EMULATOR)
+  // A cross build's test cannot exec its own binary without the emulator.
+  command = kel::vxp3::minfw::testing::targetCommand(command);
+#endif
+  command.insert(command.begin(), {ORVANE_NETNS_RUN, "--"});
+  std::vector<char*> args;
+  for (std::string& word : command)
+    args.push_back(word.data());
   args.push_back(nullptr);
   execv(args[0], args.data());
   std::fprintf(stderr, "cannot run %s: %s\n", args[0], std::strerror(errno));
