@@ -90,7 +90,7 @@ TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
-    const std::string path = dir.path() + "Orvane.log";
+    const std::string path = dir.file("") + "Orvane.log";
     auto generation = [&](int i) {
       char suffix[8];
       std::snprintf(suffix, sizeof(suffix), ".%02d", i);
@@ -99,7 +99,7 @@ TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
     for (int i : row.present)
       writeFile(generation(i), "generation " + std::to_string(i) + "\n");
 
-    File sink(dir.path());
+    File sink(dir.file(""));
     sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "fresh", 2);
     EXPECT_EQ(sink.path(), path);
 
@@ -120,8 +120,8 @@ TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
 
 TEST(FileSinkRotation, CrossingTheLimitRotatesBeforeTheNextLine) {
   TempDir dir;
-  const std::string path = dir.path() + "Orvane.log";
-  File sink(dir.path());
+  const std::string path = dir.file("") + "Orvane.log";
+  File sink(dir.file(""));
   const std::string message(1000, 'x');
   int lines = 0;
   // Until the file has grown past the limit (the line that crosses it is still written here).
@@ -144,14 +144,14 @@ TEST(FileSinkRotation, CrossingTheLimitRotatesBeforeTheNextLine) {
 
 TEST(FileSink, ANewNameOpensItsOwnFile) {
   TempDir dir;
-  File sink(dir.path());
+  File sink(dir.file(""));
   sink.write("LUM", "First", "GLOBAL", "main(1)", "one", 2);
   sink.write("LUM", "Second", "GLOBAL", "main(2)", "two", 3);
-  EXPECT_THAT(readFile(dir.path() + "First.log"),
+  EXPECT_THAT(readFile(dir.file("") + "First.log"),
               ::testing::EndsWith(lineTail("First", "main(1)", "one")));
-  EXPECT_THAT(readFile(dir.path() + "Second.log"), ::testing::StartsWith("\033[36m["))
+  EXPECT_THAT(readFile(dir.file("") + "Second.log"), ::testing::StartsWith("\033[36m["))
       << "the warn colour, escapes kept in the file";
-  EXPECT_EQ(sink.path(), dir.path() + "Second.log");
+  EXPECT_EQ(sink.path(), dir.file("") + "Second.log");
 }
 
 TEST(FileSink, DefaultDirectoryIsTmp) {
@@ -168,8 +168,8 @@ TEST(FileSink, DefaultDirectoryIsTmp) {
 
 TEST(FileSink, UnopenablePathFallsBackToDevNull) {
   TempDir dir;
-  const std::string missing = dir.path() + "no/such/dir/";
-  StderrCapture err(dir.path() + "stderr.txt");
+  const std::string missing = dir.file("") + "no/such/dir/";
+  StderrCapture err(dir.file("") + "stderr.txt");
   {
     File sink(missing);
     sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "lost", 4);
@@ -187,7 +187,7 @@ TEST(FileSinkThroughLogger, ConcurrentWritersNeverInterleaveLines) {
   TempDir dir;
   Logger& logger = Logger::instance();
   logger.init("Many", "LUM", 0);
-  logger.setSink(std::make_shared<File>(dir.path()));
+  logger.setSink(std::make_shared<File>(dir.file("")));
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
@@ -204,7 +204,7 @@ TEST(FileSinkThroughLogger, ConcurrentWritersNeverInterleaveLines) {
   const std::regex line(
       "\033\\[32m\\[\\d\\d:\\d\\d:\\d\\d:\\d\\d\\d\\]       Many +\\S+\\(\\d+\\) \\| "
       "writer (\\d) record (\\d+) \\.*\033\\[0m");
-  std::ifstream in(dir.path() + "Many.log");
+  std::ifstream in(dir.file("") + "Many.log");
   std::string text;
   std::vector<int> next(kThreads, 0);
   int count = 0;
