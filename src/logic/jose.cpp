@@ -97,9 +97,10 @@ bool ecdhKek(EVP_PKEY* own, EVP_PKEY* peer, const Bytes& apu, const Bytes& apv, 
     return false;
   SecretBytes input;
   Bytes& in = input.bytes();
-  in = {0, 0, 0, 1};
-  in.insert(in.end(), shared.bytes().begin(), shared.bytes().end());
   const std::string alg = kEcdh;
+  in.reserve(4 + shared.size() + 4 + alg.size() + 4 + apu.size() + 4 + apv.size() + 4);
+  appendLength(in, 1);  // the round counter: one SHA-256 round gives the 256 bits
+  in.insert(in.end(), shared.bytes().begin(), shared.bytes().end());
   appendLength(in, alg.size());
   in.insert(in.end(), alg.begin(), alg.end());
   appendLength(in, apu.size());
