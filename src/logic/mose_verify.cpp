@@ -23,6 +23,7 @@ bool Mose::VerifySigned(std::string& input, std::string& header,
   payload = std::move(body);
   return true;
 #else
+  (void)payload;
   MLOG_ERROR("GLOBAL", "SIMU BUILD cannot verify!");
   return false;
 #endif
