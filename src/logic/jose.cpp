@@ -286,6 +286,10 @@ bool contentKey(const KeyStore& store, const JSON& header, const std::string& al
 bool decrypt(const KeyStore& store, const std::string& protectedHeader, const JSON& header,
              const Bytes& encryptedKey, const Bytes& iv, const Bytes& cipherText, const Bytes& tag,
              std::string& output) {
+  if (header.JSONType() != JSON::Class::Object) {
+    MLOG_ERROR(kTag, "No protected header given, refused!");
+    return false;
+  }
   const std::string alg = text(header, "alg");
   const std::string enc = text(header, "enc");
   const std::size_t keySize = keySizeOf(enc);

@@ -15,14 +15,16 @@ namespace orvmedium {
 int inspect(const std::vector<std::string>& args) {
   std::string keyDir;
   std::string file;
+  bool usable = true;
   for (std::size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--key-dir" && i + 1 < args.size())
       keyDir = args[++i];
     else if (file.empty() && args[i].rfind("--", 0) != 0)
       file = args[i];
     else
-      file.clear(), i = args.size();
+      usable = false;
   }
+  file = usable ? file : "";
   std::ifstream in(file, std::ios::binary);
   if (file.empty() || !in) {
     std::fprintf(stderr, "orvane-medium inspect: %s\n%s",
