@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -55,11 +56,14 @@ bool readKeyFile(const std::string& path, SecretBytes& content, mode_t& mode) {
   return ok;
 }
 
-// A secret that others can read is compromised: refuse it.
+// A secret that others can read is compromised, one they can write may be swapped: refuse
+// any access of group or others, as ssh does.
 bool exposed(const std::string& path, mode_t mode) {
-  if ((mode & (S_IRGRP | S_IROTH)) == 0)
+  if ((mode & (S_IRWXG | S_IRWXO)) == 0)
     return false;
-  MLOG_ERROR(kTag, "Key file [", path, "] is readable by group or others, refused!");
+  char octal[8] = {};
+  std::snprintf(octal, sizeof octal, "%03o", static_cast<unsigned>(mode & 0777));
+  MLOG_ERROR(kTag, "Key file [", path, "] is open to group or others (mode ", octal, "), refused!");
   return true;
 }
 

@@ -9,7 +9,7 @@
 // Refused, each with a log line (tag "GLOBAL") that names the cause and never key material: a kid
 // that is not a plain file name (only letters, digits, '.', '_', '-'; no leading '.'), a missing
 // file, a file that is not a regular file (symbolic links included), a secret (private key or
-// JWK) readable by group or others, a file of the wrong kind for the use.
+// JWK) open to group or others (any of mode 077), a file of the wrong kind for the use.
 //
 // Threading: a KeyStore is immutable after construction; load() reads the file system and may be
 // called from any thread.
