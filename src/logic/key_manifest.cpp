@@ -45,20 +45,22 @@ bool KeyManifest::Extract(std::string& rawData) {
   }
   // The production build also takes a signed container (3 parts) whose payload is the
   // encrypted one; once the key store holds verification keys, it takes nothing else.
-  std::string encrypted;
-  if (Decrypt::production() && std::count(rawData.begin(), rawData.end(), '.') == 2) {
+  const bool isSigned =
+      Decrypt::production() && std::count(rawData.begin(), rawData.end(), '.') == 2;
+  std::string signedPayload;
+  if (isSigned) {
     std::string signedHeader;
     std::vector<unsigned char> inner;
     if (!Mose::VerifySigned(rawData_, signedHeader, inner)) {
       MLOG_ERROR(kTag, "Error verifying signed key manifest!");
       return false;
     }
-    encrypted.assign(inner.begin(), inner.end());
+    signedPayload.assign(inner.begin(), inner.end());
   } else if (Decrypt::production() && signatureRequired()) {
     MLOG_ERROR(kTag, "Unsigned key manifest refused: the key store holds verification keys!");
     return false;
   }
-  std::string& container = encrypted.empty() ? rawData_ : encrypted;
+  std::string& container = isSigned ? signedPayload : rawData_;
   if (!Mose::ExtractEncrypted(container, headerText_, encryptedKey_, iv_, cipherText_, tag_)) {
     MLOG_ERROR(kTag, "Error extracting MOSE contents!");
     return false;

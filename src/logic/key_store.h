@@ -27,7 +27,8 @@ struct PkeyFree {
 };
 using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
 
-// Bytes that are wiped when they go.
+// Bytes that are wiped when they go (key material, plaintext). Threading: a value with one
+// owner; no internal locking.
 class SecretBytes {
  public:
   SecretBytes() = default;
