@@ -66,6 +66,7 @@ class UpdateRun {
     EXPECT_TRUE(server_.waitForOutput("serving", kShort)) << server_.errorOutput();
   }
 
+  std::string mediumDir() const { return dir_.path() + "/medium"; }
   std::string recordDir() const { return dir_.path() + "/record"; }
   std::string recordPath() const { return recordDir() + "/persistence.json"; }
   std::string calls() const { return readFile(dir_.path() + "/calls.log"); }

@@ -1,8 +1,13 @@
 #include "logic/key_manifest.h"
 
+#include <algorithm>
+
 #include "logic/decrypt.h"
 #include "logic/mose.h"
 #include "minfw/log.h"
+#ifdef ORVANE_CRYPTO_PRODUCTION
+#include "logic/key_store.h"
+#endif
 
 namespace orv {
 namespace {
@@ -21,6 +26,14 @@ bool readText(const JSON& object, const std::string& key, std::string& value) {
   return ok;
 }
 
+bool signatureRequired() {
+#ifdef ORVANE_CRYPTO_PRODUCTION
+  return KeyStore().holdsVerificationKeys();
+#else
+  return false;
+#endif
+}
+
 }  // namespace
 
 bool KeyManifest::Extract(std::string& rawData) {
@@ -30,7 +43,25 @@ bool KeyManifest::Extract(std::string& rawData) {
     MLOG_ERROR(kTag, "RawData is empty!");
     return false;
   }
-  if (!Mose::ExtractEncrypted(rawData_, headerText_, encryptedKey_, iv_, cipherText_, tag_)) {
+  // The production build also takes a signed container (3 parts) whose payload is the
+  // encrypted one; once the key store holds verification keys, it takes nothing else.
+  const bool isSigned =
+      Decrypt::production() && std::count(rawData.begin(), rawData.end(), '.') == 2;
+  std::string signedPayload;
+  if (isSigned) {
+    std::string signedHeader;
+    std::vector<unsigned char> inner;
+    if (!Mose::VerifySigned(rawData_, signedHeader, inner)) {
+      MLOG_ERROR(kTag, "Error verifying signed key manifest!");
+      return false;
+    }
+    signedPayload.assign(inner.begin(), inner.end());
+  } else if (Decrypt::production() && signatureRequired()) {
+    MLOG_ERROR(kTag, "Unsigned key manifest refused: the key store holds verification keys!");
+    return false;
+  }
+  std::string& container = isSigned ? signedPayload : rawData_;
+  if (!Mose::ExtractEncrypted(container, headerText_, encryptedKey_, iv_, cipherText_, tag_)) {
     MLOG_ERROR(kTag, "Error extracting MOSE contents!");
     return false;
   }
@@ -50,7 +81,10 @@ bool KeyManifest::Extract(std::string& rawData) {
     MLOG_ERROR(kTag, "Json header mandatory field \"enc\" not found!");
     return false;
   }
-  if (!Decrypt::Execute(cipherText_, alg, enc, encryptedKey_, iv_, tag_, payloadText_)) {
+  // The header as transmitted is the additional authenticated data.
+  const std::string protectedHeader = container.substr(0, container.find('.'));
+  if (!Decrypt::Execute(cipherText_, alg, enc, encryptedKey_, iv_, tag_, protectedHeader, header_,
+                        payloadText_)) {
     MLOG_ERROR(kTag, "Error decrypting MOSE payload: alg=[", alg, "], enc=[", enc, "]");
     return false;
   }

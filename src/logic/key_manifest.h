@@ -10,6 +10,11 @@
 // "alg" and "enc" must be strings; any other value counts as not found. Log records carry the
 // tag "GLOBAL".
 //
+// The production build (decrypt.h) also accepts a signed 3-part container whose payload is the
+// encrypted one: it is verified first (Mose::VerifySigned) and refused when the signature does
+// not hold. When the key store holds a verification (public) key, unsigned containers are
+// refused. rawData() is the text as given; the header and parts are the encrypted container's.
+//
 // Threading: owned by one thread; no internal locking.
 
 #include <string>

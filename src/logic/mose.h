@@ -6,7 +6,7 @@
 // cipher text . authentication tag. Signed layout, 3 parts: header . payload . signature.
 // A wrong number of parts is an error (logged, tag "GLOBAL"); an undecodable part is not: it
 // yields a shorter or empty result (see base64.h), so a corrupt container fails later, when its
-// header or payload is read. The signature is returned, never checked here.
+// header or payload is read. ExtractSigned returns the signature unchecked; VerifySigned checks it.
 //
 // Threading: stateless static functions, reentrant.
 
@@ -28,6 +28,13 @@ class Mose {
   static bool ExtractSigned(std::string& input, std::string& header,
                             std::vector<unsigned char>& payload,
                             std::vector<unsigned char>& signature);
+
+  // ExtractSigned, then the signature check against the KeyStore's public key that the header's
+  // "kid" names (production build: "ES256", "RS256"; the simulation build refuses every
+  // signature). True with `header` and `payload` only when the signature holds; every refusal is
+  // logged.
+  static bool VerifySigned(std::string& input, std::string& header,
+                           std::vector<unsigned char>& payload);
 
  private:
   // The one splitter behind both layouts: `header` from the first part, then `parts` in order. Both

@@ -1,8 +1,9 @@
-// orvane-medium: writes an update-medium folder (description, update manifests, DEBUG key
-// manifest) for host runs and tests. See README.md.
+// orvane-medium: writes an update-medium folder (description, update manifests, key manifest)
+// for host runs, tests and production media; inspects key manifests. See README.md.
 //
 // Exit status: 0 written (the folder's files are listed), 2 bad arguments or unreadable input
-// files, 1 the folder could not be written.
+// files, 1 the folder could not be written. inspect: 0 decrypted or verified, 1 not, 2 bad
+// arguments.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -14,9 +15,14 @@
 #include "minfw/log.h"
 
 int main(int argc, char** argv) {
-  // Only faults of the key-manifest check and of the JSON loader are worth a line here.
-  kel::vxp3::minfw::Logger::instance().init("medium", "MED", kel::vxp3::minfw::kWarn);
   const std::vector<std::string> args(argv + 1, argv + argc);
+  const bool inspecting = !args.empty() && args[0] == "inspect";
+  // Writing: only faults of the key-manifest check and of the JSON loader are worth a line.
+  // Inspecting: the reader's own lines say why a container is refused.
+  kel::vxp3::minfw::Logger::instance().init(
+      "medium", "MED", inspecting ? kel::vxp3::minfw::kInfo : kel::vxp3::minfw::kWarn);
+  if (inspecting)
+    return orvmedium::inspect(std::vector<std::string>(args.begin() + 1, args.end()));
   if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
     std::fputs(orvmedium::kUsage, stdout);
     return 0;

@@ -9,7 +9,12 @@
 #include <utility>
 
 #include "logic/base64.h"
+#include "logic/decrypt.h"
 #include "logic/key_manifest.h"
+#include "logic/mose.h"
+#ifdef ORVANE_CRYPTO_PRODUCTION
+#include "logic/jose.h"
+#endif
 #include "logic/update_medium.h"
 #include "minfw/log.h"
 
@@ -20,7 +25,9 @@ using kel::vxp3::minfw::json::JSON;
 const char* const kUsage =
     "usage: orvane-medium --out DIR --train NAME [--order TEXT] --manifest NAME[=SOURCEFILE]...\n"
     "                     --diag-address ADDR... [--key-manifest FILENAME] [--payload FILE]\n"
-    "                     [--no-key-manifest]\n";
+    "                     [--no-key-manifest] [--encrypt-to KEY.pem [--kid NAME]]\n"
+    "                     [--sign-with KEY.pem [--kid NAME]]\n"
+    "       orvane-medium inspect [--key-dir DIR] FILE\n";
 
 namespace {
 
@@ -85,6 +92,25 @@ bool parseArguments(const std::vector<std::string>& args, Options& options, std:
       options.keyManifest = value;
     } else if (arg == "--payload") {
       options.payloadFile = value;
+    } else if (arg == "--encrypt-to" || arg == "--sign-with") {
+      const bool sign = arg == "--sign-with";
+      (sign ? options.signWith : options.encryptTo) = value;
+      // The key id defaults to the file's name without ".pem"; a --kid right after names it.
+      std::string& kid = sign ? options.signKid : options.encryptKid;
+      kid = std::filesystem::path(value).stem().string();
+      if (i + 2 < args.size() && args[i + 1] == "--kid") {
+        kid = args[i + 2];
+        i += 2;
+      }
+#ifdef ORVANE_CRYPTO_PRODUCTION
+      if (!orv::KeyStore::plainKid(kid)) {
+        error = "key id [" + kid + "] is not a plain file name";
+        return false;
+      }
+#else
+      error = arg + " needs the production build";
+      return false;
+#endif
     } else if (arg == "--manifest") {
       const std::size_t equals = value.find('=');
       ManifestArg manifest{value.substr(0, equals),
@@ -114,9 +140,12 @@ bool parseArguments(const std::vector<std::string>& args, Options& options, std:
     error = "at least one --diag-address is required";
   } else if (!plainName(options.keyManifest)) {
     error = "--key-manifest needs a plain file name, got [" + options.keyManifest + "]";
-  } else if (options.noKeyManifest && !options.payloadFile.empty()) {
-    error = "--payload and --no-key-manifest exclude each other";
+  } else if (options.noKeyManifest &&
+             !(options.payloadFile + options.encryptTo + options.signWith).empty()) {
+    error = "--payload, --encrypt-to, --sign-with and --no-key-manifest exclude each other";
   }
+  if (!options.signWith.empty() && options.encryptTo.empty() && error.empty())
+    error = "--sign-with needs --encrypt-to";
   std::set<std::string> names{kDescription};
   if (!options.noKeyManifest && !names.insert(options.keyManifest).second && error.empty())
     error = "--key-manifest must not be " + options.keyManifest;
@@ -157,6 +186,59 @@ std::string makeKeyManifest(const JSON& payload) {
          orv::base64UrlEncode(randomBytes(12)) + "." + orv::base64UrlEncode(payload.dump()) + "." +
          orv::base64UrlEncode(randomBytes(16));
 }
+
+namespace {
+
+// The key manifest of `payload`: DEBUG, or encrypted to --encrypt-to (and signed with
+// --sign-with). A DEBUG manifest is read back through the service's reader; an encrypted one
+// cannot be (the tool holds no private key), so its read-back is the container's shape.
+Result protect(const Options& options, const JSON& payload, std::string& container,
+               std::string& error) {
+  if (options.encryptTo.empty()) {
+    container = makeKeyManifest(payload);
+    orv::KeyManifest check;
+    if (!orv::Decrypt::production() &&
+        (!check.Extract(container) || check.payload().dump() != payload.dump())) {
+      error = "the key manifest does not read back to its payload";
+      return Result::kFailed;
+    }
+    return Result::kOk;
+  }
+#ifdef ORVANE_CRYPTO_PRODUCTION
+  orv::PkeyPtr recipient;
+  orv::PkeyPtr signer;
+  if (!orv::KeyStore::loadPemFile(options.encryptTo, recipient) ||
+      (!options.signWith.empty() && !orv::KeyStore::loadPemFile(options.signWith, signer))) {
+    error = "cannot read the key files (see the lines above)";
+    return Result::kBadInput;
+  }
+  orv::jose::Recipient to{recipient.get(), nullptr, options.encryptKid};
+  if (!orv::jose::encrypt(to, payload.dump(), container) ||
+      (signer && !orv::jose::sign(signer.get(), options.signKid, container, container))) {
+    error = "cannot encrypt or sign with these keys (see the lines above)";
+    return Result::kBadInput;
+  }
+  std::string header;
+  std::vector<unsigned char> a, b, c, d;
+  std::string inner = container;
+  if (signer && !orv::Mose::ExtractSigned(container, header, a, b)) {
+    error = "the signed key manifest does not read back";
+    return Result::kFailed;
+  }
+  if (signer)
+    inner.assign(a.begin(), a.end());
+  if (!orv::Mose::ExtractEncrypted(inner, header, a, b, c, d)) {
+    error = "the key manifest does not read back";
+    return Result::kFailed;
+  }
+  return Result::kOk;
+#else
+  error = "--encrypt-to needs the production build";
+  return Result::kBadInput;
+#endif
+}
+
+}  // namespace
 
 Result writeMedium(const Options& options, std::string& error) {
   namespace fs = std::filesystem;
@@ -201,12 +283,10 @@ Result writeMedium(const Options& options, std::string& error) {
         return Result::kBadInput;
       }
     }
-    std::string container = makeKeyManifest(payload);
-    orv::KeyManifest check;
-    if (!check.Extract(container) || check.payload().dump() != payload.dump()) {
-      error = "the key manifest does not read back to its payload";
-      return Result::kFailed;
-    }
+    std::string container;
+    const Result made = protect(options, payload, container, error);
+    if (made != Result::kOk)
+      return made;
     files.emplace_back(options.keyManifest, std::move(container));
   }
   files.emplace_back(kDescription, description.dump());

@@ -1,6 +1,8 @@
 #pragma once
 // The core of orvane-medium: reads the command line and writes an update-medium folder
-// (description, update manifests, DEBUG key manifest), so that nobody writes the JSON by hand.
+// (description, update manifests, key manifest: DEBUG, or, in the production build, encrypted
+// to a public key and optionally signed), so that nobody writes the JSON by hand; and inspects a
+// key manifest or signed container.
 //
 // Everything is prepared and checked in memory first (sources read, payload loaded, the key
 // manifest read back through KeyManifest::Extract); only then is the folder written, so bad
@@ -31,6 +33,10 @@ struct Options {
   std::string keyManifest = "KeyManifest.mose";
   std::string payloadFile;  // empty: the payload is generated
   bool noKeyManifest = false;
+  std::string encryptTo;  // public key file; empty: the DEBUG form
+  std::string encryptKid;
+  std::string signWith;  // private key file; empty: not signed
+  std::string signKid;
 };
 
 extern const char* const kUsage;
@@ -45,6 +51,10 @@ kel::vxp3::minfw::json::JSON makePayload(const std::vector<ManifestArg>& manifes
 // A 5-part container with header {"alg":"DEBUG","enc":"DEBUG"}, random key, IV and tag parts
 // and the payload's text as cipher text.
 std::string makeKeyManifest(const kel::vxp3::minfw::json::JSON& payload);
+
+// `inspect [--key-dir DIR] FILE`: prints what the container holds and whether it decrypts or
+// verifies with the keys in DIR; the exit status, 0 only when it did.
+int inspect(const std::vector<std::string>& args);
 
 enum class Result {
   kOk,
