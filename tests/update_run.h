@@ -41,6 +41,11 @@ inline int64_t member(const JSON& record, const char* key, int64_t absent = -1) 
   return value != nullptr ? value->ToInt() : absent;
 }
 
+inline std::string text(const JSON& record, const char* key) {
+  const JSON* value = record.find(key);
+  return value != nullptr ? value->ToString() : "(absent)";
+}
+
 class UpdateRun {
  public:
   static constexpr const char* kMediumUrl = "http://127.0.0.1:29214/medium";
@@ -71,6 +76,7 @@ class UpdateRun {
   std::string calls() const { return readFile(dir_.path() + "/calls.log"); }
   ChildProcess& orvane() { return *orvane_; }
   ChildProcess& lum() { return *lum_; }
+  ChildProcess& mediumServer() { return server_; }
 
   // (Re)starts lum-sim, with `scenario` when given, else the last one; a fresh call log.
   void startLum(const std::string& scenario = {}) {

@@ -115,5 +115,46 @@ TEST(UpdateRunTest, ThreadedKilledAtEveryStepResumesToADefinedEnd) {
   }
 }
 
+TEST(UpdateRunTest, ThreadedAnAcknowledgedHandOverSurvivesAKill) {
+  UpdateRun run(R"({"sessions": [{"analyseMs": 300, "downloadMs": 500, "installMs": 500}]})");
+  run.startOrvane();
+  // The medium cannot be read, so the update is still before the LUM when orvane is killed.
+  run.mediumServer().kill(SIGSTOP);
+  run.handOver();  // returns once the laptop holds the acknowledgement
+  run.killOrvane();
+  run.mediumServer().kill(SIGCONT);
+  EXPECT_EQ(text(readRecord(run.recordPath()), "handover"), UpdateRun::kMediumUrl);
+
+  run.startOrvane();
+  const JSON record = run.waitForRest();
+  EXPECT_EQ(member(record, "errorcode"), 0);
+  EXPECT_EQ(member(record, "progress"), 100);
+  EXPECT_EQ(text(record, "handover"), "");
+  EXPECT_NE(run.orvane().output().find("interrupted by the restart, starting it again"),
+            std::string::npos);
+}
+
+TEST(UpdateRunTest, ThreadedAResumeThatKeepsCrashingIsGivenUp) {
+  UpdateRun run(R"({"sessions": [{"analyseMs": 300, "downloadMs": 500, "installMs": 120000}]})");
+  run.startOrvane();
+  run.handOver();
+  ASSERT_TRUE(
+      run.waitForRecord([](const JSON& r) { return member(r, "statelum") == 5; }, kPatience));
+  run.killOrvane();
+  for (int64_t attempt = 1; attempt <= 3; ++attempt) {
+    run.startOrvane();
+    // Killed while resuming, once the attempt is counted.
+    ASSERT_TRUE(run.waitForRecord(
+        [&](const JSON& r) { return member(r, "resumeattempts") == attempt; }, seconds(5)));
+    run.killOrvane();
+  }
+  run.startOrvane();
+  const JSON record = run.waitForRest();  // control released, the record whole
+  EXPECT_EQ(member(record, "errorcode"), 620);
+  EXPECT_EQ(member(record, "resumeattempts"), 0);
+  EXPECT_NE(run.orvane().output().find("ended the service 3 times in a row, giving it up"),
+            std::string::npos);
+}
+
 }  // namespace
 }  // namespace orvane::testing

@@ -905,5 +905,25 @@ TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
   }
 }
 
+// The runs that end the service are covered end to end; these two are the quiet restarts.
+TEST_F(LogicTest, RestartResetsTheResumeCountOnwardsAndDropsAHandOverBesideAnUpdate) {
+  for (const uint32_t step : {4u, 5u}) {
+    TempDir dir;
+    auto record = std::make_shared<Persistence>(dir.path(), "persistence.json");
+    record->setStateLum(step);
+    record->setResumeAttempts(2);
+    record->setHandOver(location());
+    arbiter_ = Arbiter{};
+    arbiter_.holder = ACTIVE_USB;
+    arbiter_.lum->script["getDomainUpdateSessionState"] = {4};
+    TestLogic logic(record, arbiter_);
+    logic.init();
+    logic.run(6);
+    EXPECT_EQ(record->getStateLum(0), 5u) << "resumed at " << step;
+    EXPECT_EQ(record->getResumeAttempts(99), step == 4 ? 0u : 3u) << "resumed at " << step;
+    EXPECT_EQ(record->getHandOver(), "");
+  }
+}
+
 }  // namespace
 }  // namespace orv
