@@ -41,11 +41,6 @@ inline int64_t member(const JSON& record, const char* key, int64_t absent = -1) 
   return value != nullptr ? value->ToInt() : absent;
 }
 
-inline std::string text(const JSON& record, const char* key) {
-  const JSON* value = record.find(key);
-  return value != nullptr ? value->ToString() : "(absent)";
-}
-
 class UpdateRun {
  public:
   static constexpr const char* kMediumUrl = "http://127.0.0.1:29214/medium";

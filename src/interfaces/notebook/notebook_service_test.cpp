@@ -82,10 +82,7 @@ class NotebookServiceTest : public ::testing::Test {
       service_->mUpdateState = [this] { return state_.load(); };
       service_->mUpdateProgress = [] { return 45u; };
       service_->mUpdateErrorCode = [] { return 0; };
-      service_->mStartUpdate = [this](const std::string& path) {
-        starts_.add(path);
-        return true;
-      };
+      service_->mStartUpdate = [this](const std::string& path) { return starts_.add(path), true; };
     }
     ASSERT_TRUE(service_->start());
   }
