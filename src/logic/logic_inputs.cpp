@@ -49,9 +49,9 @@ void Logic::seqUsbInserted(const std::string& path) {
   }
   MLOG_WARN(kTag, "LUM state is [", lum::sessionStepName(stateLUM_), "] and HMI state is [",
             hmiStateName(stateHMI_), "]");
-  // An ignored hand-over is not kept for a restart either, unless it is the running update's.
-  if (persistence_ && handOver_ != path) {
-    persistence_->clearHandOver(path);
+  // An ignored hand-over is not kept for a restart either; the running update's own one is.
+  if (persistence_) {
+    persistence_->replaceHandOver(path, handOver_);
   }
 }
 

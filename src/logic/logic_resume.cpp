@@ -93,7 +93,7 @@ bool Logic::takeBackHandOver(const std::string& location) {
                          hmi != eINSTALLATIONCONFIRMED && hmi != eINSTALLING)) {
     MLOG_WARN(kTag, "Hand-over of [", location, "] dropped, the record holds an update in [",
               hmiStateName(hmi), "]");
-    persistence_->clearHandOver(location);
+    persistence_->replaceHandOver(location, "");
     return false;
   }
   MLOG_WARN(kTag, "Hand-over of [", location, "] interrupted by the restart, starting it again");
@@ -108,7 +108,7 @@ void Logic::settleHandOver() {
   std::string location;
   location.swap(handOver_);
   if (!location.empty()) {
-    persistence_->clearHandOver(location);
+    persistence_->replaceHandOver(location, "");
   }
 }
 

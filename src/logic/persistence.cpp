@@ -301,13 +301,13 @@ bool Persistence::setHandOver(const std::string& value) {
   return writeString(kHandOver, value);
 }
 
-void Persistence::clearHandOver(const std::string& expected) {
+void Persistence::replaceHandOver(const std::string& expected, const std::string& value) {
   std::lock_guard<std::mutex> lock(mutex_);
   JSON root = loadForChange(path_);
   const JSON* member = findKey(root, kHandOver);
   bool ok = false;
-  if (member != nullptr && member->ToString(ok) == expected && ok && !expected.empty()) {
-    canonicalMember(root, kHandOver) = JSON(std::string());
+  if (member != nullptr && member->ToString(ok) == expected && ok && expected != value) {
+    canonicalMember(root, kHandOver) = JSON(value);
     save(path_, root);
   }
 }

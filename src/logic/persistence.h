@@ -57,10 +57,10 @@ class Persistence {
   void setKeyManifest(const std::string& value);
   // A medium location that the workshop laptop handed over and that no update has taken up to
   // the LUM yet ("handover", "" when none). The setter reports whether the record holds it now;
-  // the clear leaves a newer hand-over alone.
+  // replaceHandOver changes it only while it still is `expected`, so a newer one is left alone.
   std::string getHandOver();
   bool setHandOver(const std::string& value);
-  void clearHandOver(const std::string& expected);
+  void replaceHandOver(const std::string& expected, const std::string& value);
 
   // "--.--.----" / "--:--:--" when absent.
   std::string getStartDate();
