@@ -153,11 +153,16 @@ namespace {
 bool getOnce(const std::string& url, std::string& content, uint64_t maxBytes, bool& tooBig) {
   tooBig = false;
   std::string body;
+  int status = 0;
   const auto send = [&](httplib::Client& c, const std::string& path) {
     return c.Get(
         path,
         [&](const httplib::Response& response) {
-          // An announced length past the limit is refused before any of the body is read.
+          // Neither a refusal's body nor one announced past the limit is read.
+          status = response.status;
+          if (status < 200 || status > 299) {
+            return false;
+          }
           const std::string length = response.get_header_value("Content-Length");
           tooBig = !length.empty() && std::strtoull(length.c_str(), nullptr, 10) > maxBytes;
           return !tooBig;
@@ -178,12 +183,12 @@ bool getOnce(const std::string& url, std::string& content, uint64_t maxBytes, bo
     MLOG_ERROR(kTag, "GET [", url, "]: body exceeds [", maxBytes, "] bytes, stopped receiving");
     return false;
   }
-  if (!result) {
-    MLOG_ERROR(kTag, "GET [", url, "]: No reply!");
+  if (status != 0 && (status < 200 || status > 299)) {
+    MLOG_ERROR(kTag, "GET [", url, "]: Status=", status);
     return false;
   }
-  if (result->status < 200 || result->status > 299) {
-    MLOG_ERROR(kTag, "GET [", url, "]: Status=", result->status);
+  if (!result) {
+    MLOG_ERROR(kTag, "GET [", url, "]: No reply!");
     return false;
   }
   content = std::move(body);
