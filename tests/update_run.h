@@ -72,6 +72,7 @@ class UpdateRun {
   std::string calls() const { return readFile(dir_.path() + "/calls.log"); }
   ChildProcess& orvane() { return *orvane_; }
   ChildProcess& lum() { return *lum_; }
+  ChildProcess& mediumServer() { return server_; }
 
   // (Re)starts lum-sim, with `scenario` when given, else the last one; a fresh call log.
   void startLum(const std::string& scenario = {}) {

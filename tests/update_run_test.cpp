@@ -115,5 +115,42 @@ TEST(UpdateRunTest, ThreadedKilledAtEveryStepResumesToADefinedEnd) {
   }
 }
 
+// One more start, to rest (control released, the record whole) with nothing left pending.
+void restartToRest(UpdateRun& run, int64_t errorCode, const char* logged) {
+  run.startOrvane();
+  const JSON record = run.waitForRest();
+  EXPECT_EQ(member(record, "errorcode"), errorCode);
+  EXPECT_EQ(member(record, "resumeattempts", 0), 0);
+  EXPECT_EQ(record.find("handover") ? record.find("handover")->ToString() : "", "");
+  EXPECT_NE(run.orvane().output().find(logged), std::string::npos) << run.orvane().output();
+}
+
+TEST(UpdateRunTest, ThreadedAnAcknowledgedHandOverSurvivesAKill) {
+  UpdateRun run(R"({"sessions": [{"analyseMs": 300, "installMs": 500}]})");
+  run.startOrvane();
+  run.mediumServer().kill(SIGSTOP);  // holds the update before the LUM
+  run.handOver();                    // returns once the laptop holds the acknowledgement
+  run.killOrvane();
+  run.mediumServer().kill(SIGCONT);
+  restartToRest(run, 0, "interrupted by the restart, starting it again");
+}
+
+TEST(UpdateRunTest, ThreadedAResumeThatKeepsCrashingIsGivenUp) {
+  UpdateRun run(R"({"sessions": [{"analyseMs": 300, "installMs": 120000}]})");
+  run.startOrvane();
+  run.handOver();
+  ASSERT_TRUE(
+      run.waitForRecord([](const JSON& r) { return member(r, "statelum") == 5; }, kPatience));
+  run.killOrvane();
+  for (int64_t attempt = 1; attempt <= 3; ++attempt) {
+    run.startOrvane();
+    // Killed while resuming, once the attempt is counted.
+    ASSERT_TRUE(run.waitForRecord(
+        [&](const JSON& r) { return member(r, "resumeattempts") == attempt; }, seconds(5)));
+    run.killOrvane();
+  }
+  restartToRest(run, 620, "ended the service 3 times in a row, giving it up");
+}
+
 }  // namespace
 }  // namespace orvane::testing

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 #include "minfw/clock.h"
 #include "minfw/log.h"
@@ -146,23 +147,60 @@ bool Http::_Size(const std::string& url, uint64_t& size) {
   return true;
 }
 
-bool Http::_Get(const std::string& url, std::string& content) {
+namespace {
+
+// One GET that keeps at most `maxBytes` of the body; `tooBig` tells a refused body from a fault.
+bool getOnce(const std::string& url, std::string& content, uint64_t maxBytes, bool& tooBig) {
+  tooBig = false;
+  std::string body;
+  int status = 0;
+  const auto send = [&](httplib::Client& c, const std::string& path) {
+    return c.Get(
+        path,
+        [&](const httplib::Response& response) {
+          // Neither a refusal's body nor one announced past the limit is read.
+          status = response.status;
+          if (status < 200 || status > 299) {
+            return false;
+          }
+          const std::string length = response.get_header_value("Content-Length");
+          tooBig = !length.empty() && std::strtoull(length.c_str(), nullptr, 10) > maxBytes;
+          return !tooBig;
+        },
+        [&](const char* data, size_t size) {
+          tooBig = size > maxBytes - body.size();
+          if (!tooBig) {
+            body.append(data, size);
+          }
+          return !tooBig;
+        });
+  };
   httplib::Result result{nullptr, httplib::Error::Unknown};
-  if (!request(
-          url, [](httplib::Client& c, const std::string& path) { return c.Get(path); }, &result)) {
+  if (!request(url, send, &result)) {
+    return false;
+  }
+  if (tooBig) {
+    MLOG_ERROR(kTag, "GET [", url, "]: body exceeds [", maxBytes, "] bytes, stopped receiving");
+    return false;
+  }
+  if (status != 0 && (status < 200 || status > 299)) {
+    MLOG_ERROR(kTag, "GET [", url, "]: Status=", status);
     return false;
   }
   if (!result) {
     MLOG_ERROR(kTag, "GET [", url, "]: No reply!");
     return false;
   }
-  if (result->status < 200 || result->status > 299) {
-    MLOG_ERROR(kTag, "GET [", url, "]: Status=", result->status);
-    return false;
-  }
-  content = result->body;
+  content = std::move(body);
   MLOG_INFO(kTag, "GET [", url, "]: ", content.size(), " bytes read");
   return true;
+}
+
+}  // namespace
+
+bool Http::_Get(const std::string& url, std::string& content) {
+  bool tooBig = false;
+  return getOnce(url, content, kMaxBody, tooBig);
 }
 
 bool Http::_Size(const std::string& url, uint64_t& size, unsigned tries) {
@@ -170,7 +208,15 @@ bool Http::_Size(const std::string& url, uint64_t& size, unsigned tries) {
 }
 
 bool Http::_Get(const std::string& url, std::string& content, unsigned tries) {
-  return retrying(tries, [&] { return _Get(url, content); });
+  bool tooBig = false;
+  return _Get(url, content, tries, kMaxBody, tooBig);
+}
+
+bool Http::_Get(const std::string& url, std::string& content, unsigned tries, uint64_t maxBytes,
+                bool& tooBig) {
+  // A refused body ends the tries as a success would; it is still answered false.
+  return retrying(tries, [&] { return getOnce(url, content, maxBytes, tooBig) || tooBig; }) &&
+         !tooBig;
 }
 
 void Http::setTimeoutsForTesting(int64_t connectMs, int64_t readMs) {

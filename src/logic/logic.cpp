@@ -48,6 +48,7 @@ std::unique_ptr<IHmiService> Logic::createHmiService() {
 // Start-up
 
 bool Logic::init() {
+  std::string handOver;
   if (persistence_) {
     stateHMI_.store(persistence_->getStateHmi(eINVALID));
     stateLUM_.store(persistence_->getStateLum(0));
@@ -67,9 +68,14 @@ bool Logic::init() {
     MLOG_INFO(kTag, "ErrorCode is [", errorCode_.load(), "]");
     MLOG_INFO(kTag, "UpdateType is [0x", kel::vxp3::minfw::hex(updateType), "]");
     MLOG_INFO(kTag, "KeyManifest is [", keyManifest(), "]");
+    handOver = persistence_->getHandOver();
   } else {
     MLOG_ERROR(kTag, "Logic received null persistence object!");
   }
+
+  // Counted before the HMI service or any task can touch the update.
+  const bool resumeAllowed = stateLUM_ == 0 || countResume();
+  const bool handOverAgain = !handOver.empty() && takeBackHandOver(handOver);
 
   // The HMI service feeds inputs from its own threads as soon as it is up, so its callables are
   // bound before its init.
@@ -113,7 +119,14 @@ bool Logic::init() {
   }
   const uint32_t lumState = stateLUM_;
   MLOG_TRACE(kTag, "LUM state ", lumState, "[", lum::sessionStepName(lumState), "]");
+  if (handOverAgain) {
+    enqueue([this, handOver] { seqUsbInserted(handOver); });
+  }
   if (lumState == 0) {
+    return true;
+  }
+  if (!resumeAllowed) {
+    enqueue([this] { abandonResume(); });
     return true;
   }
   // An update was interrupted by the restart: re-arm the channel, then pick the session up.
@@ -183,9 +196,20 @@ void Logic::writeErrorCode(uint32_t code) {
 
 void Logic::setStateLUM(uint32_t state) {
   MLOG_INFO(kTag, "[", lum::sessionStepName(state), "]");
+  // Reset before the step is written: a crash in between allows one resume more, never one less.
+  const uint32_t resumed = resumeStep_;
+  if (resumed != 0 && (state == 0 || state > resumed)) {
+    resumeStep_ = 0;
+    if (persistence_) {
+      persistence_->setResumeAttempts(0);
+    }
+  }
   stateLUM_.store(state);
   if (persistence_) {
     persistence_->setStateLum(state);
+  }
+  if (state != 0) {
+    settleHandOver();
   }
 }
 

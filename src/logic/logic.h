@@ -55,7 +55,10 @@ class Logic : public ILumChannel {
     kErrKeyManifestSize = 617,
     kErrNoMedium = 618,
     kErrOrder = 619,
+    kErrResumeLoop = 620,
   };
+  // Restarts that may resume an update at the same step before it is given up as failed.
+  static constexpr uint32_t kMaxResumeAttempts = 3;
 
   // Status-poll counters of steps that the LUM shows complete before their event arrived.
   enum RetryCounter {
@@ -182,6 +185,14 @@ class Logic : public ILumChannel {
   void waitForLum();
   void resynchroniseHmi();
   void resume();
+  // Counts this restart's resume in the record before anything else runs; false once it is one
+  // too many, and the update is then given up by abandonResume().
+  bool countResume();
+  void abandonResume();
+  // The recorded hand-over at start-up: whether it is started again (true) or dropped.
+  bool takeBackHandOver(const std::string& location);
+  // The update holds the LUM session or ended: a hand-over it came from is no longer needed.
+  void settleHandOver();
   void queuePoll();
   bool startExpected(uint32_t before, const char* phase) const;
   void fallBackTo(uint32_t step);
@@ -203,6 +214,8 @@ class Logic : public ILumChannel {
   std::atomic<uint32_t> stateLUM_{0};
   std::atomic<uint32_t> errorCode_{0};
   std::atomic<uint16_t> riid_{1};
+  // The step that this run resumed at, 0 when none; the resume count resets once it moves on.
+  std::atomic<uint32_t> resumeStep_{0};
   // True while a status poll is queued or running, so that no second poll chain starts.
   std::atomic<bool> polling_{false};
   // Set when destruction begins: no new task is queued, waiting tasks give up.
@@ -211,6 +224,9 @@ class Logic : public ILumChannel {
   mutable std::mutex mediumMutex_;  // guards medium_ and keyManifest_
   Medium medium_;
   std::string keyManifest_;
+  // Pool worker only: the laptop's recorded hand-over that the current update came from, ""
+  // when none; cleared in the record too once the update settles.
+  std::string handOver_;
 
   std::array<uint32_t, 4> retry_{};  // pool worker only
 

@@ -40,6 +40,7 @@ void Logic::seqUsbInserted(const std::string& path) {
       medium_ = Medium{};
       medium_.usbPath = path;
     }
+    handOver_ = persistence_ && persistence_->getHandOver() == path ? path : "";
     if (persistence_) {
       persistence_->setUsbPath(path);
     }
@@ -48,6 +49,10 @@ void Logic::seqUsbInserted(const std::string& path) {
   }
   MLOG_WARN(kTag, "LUM state is [", lum::sessionStepName(stateLUM_), "] and HMI state is [",
             hmiStateName(stateHMI_), "]");
+  // An ignored hand-over is not kept for a restart either; the running update's own one is.
+  if (persistence_) {
+    persistence_->replaceHandOver(path, handOver_);
+  }
 }
 
 void Logic::seqHmiStateChanged(int newState) {
@@ -145,6 +150,9 @@ void Logic::setStateHMI(uint32_t state) {
   stateHMI_.store(state);
   if (persistence_) {
     persistence_->setStateHmi(state);
+  }
+  if (state != eINSTALLATIONAVAILABLE && state != eINSTALLATIONCONFIRMED && state != eINSTALLING) {
+    settleHandOver();
   }
   if (!signalGetUpdateType) {
     MLOG_ERROR(kTag, "signalGetUpdateType not bound!");

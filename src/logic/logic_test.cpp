@@ -856,16 +856,17 @@ TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
   struct Resume {
     uint32_t lumState;
     std::vector<std::string> firstCalls;  // the LUM calls the resumption starts with
+    uint32_t attempts;                    // resumes counted afterwards (2 before): 0 moved on
   };
   const std::vector<Resume> resumes = {
-      {0, {}},
-      {1, {"_internal:1", "getDomainUpdateSessionState"}},
-      {2, {"_internal:1", "checkProgrammingPreconditions", "startDomainUpdateDownload"}},
-      {3, {"_internal:1", "getDomainUpdateSessionState"}},
-      {4, {"_internal:1", "checkProgrammingPreconditions", "startDomainUpdate"}},
-      {5, {"_internal:1", "getDomainUpdateSessionState"}},
-      {6, {"_internal:1", "closeDomainUpdateSession"}},
-      {7, {"_internal:1", "getDomainUpdateSessionState"}},
+      {0, {}, 2},
+      {1, {"_internal:1", "getDomainUpdateSessionState"}, 3},
+      {2, {"_internal:1", "checkProgrammingPreconditions", "startDomainUpdateDownload"}, 0},
+      {3, {"_internal:1", "getDomainUpdateSessionState"}, 3},
+      {4, {"_internal:1", "checkProgrammingPreconditions", "startDomainUpdate"}, 0},
+      {5, {"_internal:1", "getDomainUpdateSessionState"}, 3},
+      {6, {"_internal:1", "closeDomainUpdateSession"}, 0},
+      {7, {"_internal:1", "getDomainUpdateSessionState"}, 0},
   };
   for (const Resume& resume : resumes) {
     for (uint32_t hmiState :
@@ -877,6 +878,8 @@ TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
       record->setStateHmi(hmiState);
       record->setTrainName("T1");
       record->setProgress(42);
+      record->setResumeAttempts(2);
+      record->setHandOver(resume.lumState != 0 ? "http://127.0.0.1/beside-the-update" : "");
       arbiter_ = Arbiter{};
       arbiter_.holder = ACTIVE_USB;
       arbiter_.lum->script["getDomainUpdateSessionState"] = {4};
@@ -886,6 +889,8 @@ TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
       std::vector<std::string> calls = arbiter_.lum->calls;
       calls.resize(std::min(calls.size(), resume.firstCalls.size()));
       EXPECT_EQ(calls, resume.firstCalls);
+      EXPECT_EQ(record->getResumeAttempts(99), resume.attempts);
+      EXPECT_EQ(record->getHandOver(), "") << "dropped beside a recorded update";
       if (hmiState == eINSTALLATIONAVAILABLE) {
         EXPECT_TRUE(
             log_->contains("Resetting stateHMI from eINSTALLATIONAVAILABLE to eINVALID..."));

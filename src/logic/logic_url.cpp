@@ -49,8 +49,16 @@ bool Logic::ReadKeyManifest() {
     enqueue([this] { seqInstallationFailed(kErrKeyManifestSize); });
     return false;
   }
+  // No more than announced: the GET stops receiving there.
   std::string text;
-  if (!Http::_Get(url, text, kHttpTries) || text.size() > kKeyManifestMaxSize) {
+  bool tooBig = false;
+  if (!Http::_Get(url, text, kHttpTries, size, tooBig)) {
+    if (tooBig) {
+      MLOG_ERROR(kTag, "Error keyManifest [", url, "] too big! size=[more than ", size, "], max=[",
+                 kKeyManifestMaxSize, "]");
+      enqueue([this] { seqInstallationFailed(kErrKeyManifestSize); });
+      return false;
+    }
     MLOG_ERROR(kTag, "Error reading keyManifest at [", url, "]");
     seqInstallationFailed(kErrKeyManifestRead);
     return false;

@@ -82,6 +82,8 @@ const char* errorText(int32_t code) {
       return "update medium not available";
     case 619:
       return "update order mismatch";
+    case 620:
+      return "resume kept ending the service";
     default:
       return "LUM error";
   }

@@ -38,6 +38,10 @@ constexpr const char* kTrainName = "trainname";
 // Where the medium of the current update is served, so that a restarted update can read it again.
 constexpr const char* kUsbPath = "usbpath";
 constexpr const char* kKeyManifest = "keyManifest";
+// A laptop's hand-over, kept from its acknowledgement until the update holds the LUM session.
+constexpr const char* kHandOver = "handover";
+// Counts restarts that resumed the same step, so that a resume that crashes again is given up.
+constexpr const char* kResumeAttempts = "resumeattempts";
 constexpr const char* kTimestamps = "timestamps";
 constexpr const char* kStartDate = "start-date";
 constexpr const char* kStartTime = "start-time";
@@ -153,10 +157,10 @@ JSON loadForChange(const std::string& path) {
   return root;
 }
 
-void save(const std::string& path, const JSON& root) {
+bool save(const std::string& path, const JSON& root) {
   // A failure was logged by FileWithBackup; the next read returns what is on disk.
-  FileWithBackup::Write(path, root.dump(1, "  "), static_cast<uint32_t>(getuid()),
-                        static_cast<uint32_t>(getgid()), kFileMode);
+  return FileWithBackup::Write(path, root.dump(1, "  "), static_cast<uint32_t>(getuid()),
+                               static_cast<uint32_t>(getgid()), kFileMode);
 }
 
 }  // namespace
@@ -222,11 +226,11 @@ void Persistence::writeNumber(const char* key, int64_t value) {
   save(path_, root);
 }
 
-void Persistence::writeString(const char* key, const std::string& value) {
+bool Persistence::writeString(const char* key, const std::string& value) {
   std::lock_guard<std::mutex> lock(mutex_);
   JSON root = loadForChange(path_);
   canonicalMember(root, key) = JSON(value);
-  save(path_, root);
+  return save(path_, root);
 }
 
 void Persistence::writeTimestamp(const char* member, const std::string& value) {
@@ -257,6 +261,7 @@ ORV_UNSIGNED_KEY(RepairInstructionId, kRepairInstructionId)
 ORV_UNSIGNED_KEY(StateHmi, kStateHmi)
 ORV_UNSIGNED_KEY(StateLum, kStateLum)
 ORV_UNSIGNED_KEY(Progress, kProgress)
+ORV_UNSIGNED_KEY(ResumeAttempts, kResumeAttempts)
 #undef ORV_UNSIGNED_KEY
 
 // The error code is stored as its unsigned 32-bit pattern, which the document type prints and
@@ -286,6 +291,25 @@ std::string Persistence::getUsbPath() {
 
 void Persistence::setUsbPath(const std::string& value) {
   writeString(kUsbPath, value);
+}
+
+std::string Persistence::getHandOver() {
+  return readString(kHandOver);
+}
+
+bool Persistence::setHandOver(const std::string& value) {
+  return writeString(kHandOver, value);
+}
+
+void Persistence::replaceHandOver(const std::string& expected, const std::string& value) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  JSON root = loadForChange(path_);
+  const JSON* member = findKey(root, kHandOver);
+  bool ok = false;
+  if (member != nullptr && member->ToString(ok) == expected && ok && expected != value) {
+    canonicalMember(root, kHandOver) = JSON(value);
+    save(path_, root);
+  }
 }
 
 void Persistence::setTrainName(const std::string& value) {

@@ -35,6 +35,8 @@ class Persistence {
   uint32_t getStateLum(uint32_t defaultValue);
   int32_t getErrorCode(int32_t defaultValue);
   uint32_t getProgress(uint32_t defaultValue);
+  // Restarts that resumed the interrupted update at the same step ("resumeattempts").
+  uint32_t getResumeAttempts(uint32_t defaultValue);
 
   void setChannel(uint32_t value);
   void setUpdateType(uint32_t value);
@@ -43,6 +45,7 @@ class Persistence {
   void setStateLum(uint32_t value);
   void setErrorCode(int32_t value);
   void setProgress(uint32_t value);
+  void setResumeAttempts(uint32_t value);
 
   // "" when absent.
   std::string getTrainName();
@@ -52,6 +55,12 @@ class Persistence {
   std::string getUsbPath();
   void setUsbPath(const std::string& value);
   void setKeyManifest(const std::string& value);
+  // A medium location that the workshop laptop handed over and that no update has taken up to
+  // the LUM yet ("handover", "" when none). The setter reports whether the record holds it now;
+  // replaceHandOver changes it only while it still is `expected`, so a newer one is left alone.
+  std::string getHandOver();
+  bool setHandOver(const std::string& value);
+  void replaceHandOver(const std::string& expected, const std::string& value);
 
   // "--.--.----" / "--:--:--" when absent.
   std::string getStartDate();
@@ -70,7 +79,7 @@ class Persistence {
   std::string readString(const char* key);
   std::string readTimestamp(const char* member, const char* placeholder);
   void writeNumber(const char* key, int64_t value);
-  void writeString(const char* key, const std::string& value);
+  bool writeString(const char* key, const std::string& value);
   void writeTimestamp(const char* member, const std::string& value);
 
   const std::string path_;

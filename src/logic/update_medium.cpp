@@ -98,14 +98,14 @@ bool UpdateMedium::Parse(std::string location) {
     MLOG_ERROR(kTag, "Remote file too big: size=[", size, "], max=[", kMaxSize, "]");
     return false;
   }
+  // The HEAD may lie: the GET takes no more than it announced, and stops receiving there.
   std::string text;
-  if (!Http::_Get(url, text, kTries)) {
-    return false;
-  }
-  // The HEAD may lie: the limit holds for the body that arrived. A body that differs from the
-  // announced size but stays within the limit is taken as it is.
-  if (text.size() > kMaxSize) {
-    MLOG_ERROR(kTag, "Remote file too big: size=[", text.size(), "], max=[", kMaxSize, "]");
+  bool tooBig = false;
+  if (!Http::_Get(url, text, kTries, size, tooBig)) {
+    if (tooBig) {
+      MLOG_ERROR(kTag, "Remote file too big: more than the announced size=[", size, "], max=[",
+                 kMaxSize, "]");
+    }
     return false;
   }
   const Json doc = text.empty() ? Json() : Json::Load(text);

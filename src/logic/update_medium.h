@@ -8,8 +8,8 @@
 // a number octal ("010" is ten).
 //
 // The description may be at most kMaxSize bytes: the HEAD's size is checked before the GET, and
-// the body that arrives is checked again, since the HEAD may lie. A body whose length differs from
-// the announced size but stays within the limit is taken.
+// the GET stops receiving once the body grows past the announced size, since the HEAD may lie. A
+// body longer than announced is refused as too big; a shorter one is taken.
 //
 // Threading: owned by one thread.
 

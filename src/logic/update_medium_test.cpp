@@ -133,19 +133,23 @@ TEST_F(UpdateMediumTest, SizeLimitOnBothSides) {
     body.insert(body.size() - 1, size - body.size(), ' ');
     return body;
   };
+  enum Send { kPlain, kChunked, kEndless };
   struct Row {
     const char* proves;
     size_t bodySize;
     size_t headSize;  // 0: HEAD tells the truth
+    Send send;
     bool parsed;
-    int gets;  // GET requests the parse made
+    int gets;  // GET requests the parse made: a refused body is not fetched again
   };
   const std::vector<Row> rows = {
-      {"the limit itself is accepted", 512000, 0, true, 1},
-      {"one byte over is refused before the GET", 512001, 0, false, 0},
-      {"a HEAD that understates is caught on the body", 512001, 100, false, 1},
-      {"a body longer than announced but within the limit is taken", 512000, 100, true, 1},
-      {"a HEAD that overstates is refused", 1000, 512001, false, 0},
+      {"the limit itself is accepted", 512000, 0, kPlain, true, 1},
+      {"a body shorter than announced is taken", 1000, 2000, kPlain, true, 1},
+      {"one byte over is refused before the GET", 512001, 0, kPlain, false, 0},
+      {"a HEAD that overstates is refused", 1000, 512001, kPlain, false, 0},
+      {"a body longer than announced", 1000, 100, kPlain, false, 1},
+      {"a body without a length, longer than announced", 1000, 999, kChunked, false, 1},
+      {"an endless body stops at the limit", 1000, 512000, kEndless, false, 1},
   };
   int index = 0;
   for (const Row& row : rows) {
@@ -155,14 +159,16 @@ TEST_F(UpdateMediumTest, SizeLimitOnBothSides) {
     if (row.headSize != 0) {
       server_.headSays(dir + "/NodboxUpdateMedium.json", row.headSize);
     }
+    server_.chunked(dir + "/NodboxUpdateMedium.json", row.send);
     log_->clear();
     UpdateMedium medium;
     EXPECT_EQ(medium.Parse(server_.base() + dir), row.parsed);
     EXPECT_EQ(server_.requests("GET " + dir + "/NodboxUpdateMedium.json"), row.gets);
     if (!row.parsed) {
-      const size_t seen = row.gets == 0 ? std::max(row.bodySize, row.headSize) : row.bodySize;
-      EXPECT_TRUE(loggedError(
-          log_, "Remote file too big: size=[" + std::to_string(seen) + "], max=[512000]"));
+      const std::string seen =
+          row.gets == 0 ? "size=[" + std::to_string(std::max(row.bodySize, row.headSize))
+                        : "more than the announced size=[" + std::to_string(row.headSize);
+      EXPECT_TRUE(loggedError(log_, "Remote file too big: " + seen + "], max=[512000]")) << seen;
     }
   }
 }

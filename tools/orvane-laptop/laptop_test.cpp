@@ -94,7 +94,7 @@ class LaptopServiceTest : public ::testing::Test {
     };
     service_->mUpdateProgress = [this] { return current_.progress; };
     service_->mUpdateErrorCode = [this] { return current_.errorCode; };
-    service_->mStartUpdate = [this](const std::string& path) { started_ = path; };
+    service_->mStartUpdate = [this](const std::string& path) { return started_ = path, true; };
     ASSERT_TRUE(service_->start());
   }
   std::string started() {

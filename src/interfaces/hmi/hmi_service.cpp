@@ -45,7 +45,7 @@ bool HmiService::init(std::shared_ptr<Persistence> persistence) {
   notebook_->mUpdateState = [this] { return recordStateHmi(); };
   notebook_->mUpdateProgress = [this] { return recordProgress(); };
   notebook_->mUpdateErrorCode = [this] { return recordErrorCode(); };
-  notebook_->mStartUpdate = [this](const std::string& path) { forwardFromSocket(path); };
+  notebook_->mStartUpdate = [this](const std::string& path) { return forwardFromSocket(path); };
   if (notebook_->makeSocket()) {
     notebook_->start();
   } else {
@@ -142,9 +142,14 @@ bool HmiService::foundUsbPath(std::string path) {
   return true;
 }
 
-void HmiService::forwardFromSocket(const std::string& path) {
+bool HmiService::forwardFromSocket(const std::string& path) {
   MLOG(kHmiLevel, kTag, "Sending path [", path, "] from socket to logic");
+  if (persistence_ && !persistence_->setHandOver(path)) {
+    MLOG_ERROR(kTag, "Hand-over of [", path, "] could not be recorded, refused");
+    return false;
+  }
   foundUsbPath(path);
+  return true;
 }
 
 void HmiService::forwardFromDiagnostic(const std::string& path) {

@@ -5,6 +5,9 @@
 // update medium's address from the workshop laptop (NotebookService) or from diagnostics
 // (MediumPathRelay) into Logic's USB-inserted input followed by the HMI state report 0.
 //
+// A laptop's hand-over is written to the record before it is acknowledged, so that it survives
+// a crash that follows the acknowledgement; Logic clears it once the update settles.
+//
 // The laptop's update statistics are read from the record, which Logic writes on every state
 // change, so the laptop never needs Logic itself.
 //
@@ -59,7 +62,8 @@ class HmiService : public IHmiService {
   virtual std::unique_ptr<kel::nodbox::diag::orv::NotebookService> createNotebookService();
 
   // Receivers of a medium path, bound in init(): the laptop service's start path and the relay.
-  void forwardFromSocket(const std::string& path);
+  // The laptop's path is recorded first; false (the laptop is refused) when that fails.
+  bool forwardFromSocket(const std::string& path);
   void forwardFromDiagnostic(const std::string& path);
 
   // The laptop's statistics, from the record; the resting values without a record.

@@ -196,7 +196,10 @@ std::string NotebookService::startUpdateProcess(const std::string& text) {
   while (!path.empty() && (path.back() == '\n' || path.back() == '\r')) {
     path.pop_back();
   }
-  mStartUpdate(path);
+  if (!mStartUpdate(path)) {
+    MLOG_ERROR(kTag, "Start of the update refused for [", path, "]");
+    return "1, 1, 1";
+  }
   return "0, 0, 0";
 }
 

@@ -50,7 +50,8 @@ class NotebookService {
   // Serves the connected client until it closes, errs or stays idle too long.
   virtual void receiveData();
   std::string responseWithUpdateStats();
-  // Hands `text` without its trailing CR/LF to the start path: "0, 0, 0", or "1, 1, 1" unbound.
+  // Hands `text` without its trailing CR/LF to the start path: "0, 0, 0" once the path has taken
+  // it, "1, 1, 1" when the path is unbound or refuses it.
   std::string startUpdateProcess(const std::string& text);
   // True when `text` contains a dotted IPv4 address.
   bool checkIpAddress(const std::string& text);
@@ -61,7 +62,8 @@ class NotebookService {
   std::function<uint32_t()> mUpdateState;
   std::function<uint32_t()> mUpdateProgress;
   std::function<int32_t()> mUpdateErrorCode;
-  std::function<void(const std::string& mediumPath)> mStartUpdate;
+  // True when the medium is taken; the acknowledgement is sent only after it returns.
+  std::function<bool(const std::string& mediumPath)> mStartUpdate;
 
  private:
   void run();

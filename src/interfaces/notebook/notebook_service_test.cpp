@@ -82,7 +82,7 @@ class NotebookServiceTest : public ::testing::Test {
       service_->mUpdateState = [this] { return state_.load(); };
       service_->mUpdateProgress = [] { return 45u; };
       service_->mUpdateErrorCode = [] { return 0; };
-      service_->mStartUpdate = [this](const std::string& path) { starts_.add(path); };
+      service_->mStartUpdate = [this](const std::string& path) { return starts_.add(path), true; };
     }
     ASSERT_TRUE(service_->start());
   }
@@ -169,7 +169,7 @@ TEST_F(NotebookServiceTest, UnboundPathsAndFailingPathsAreAnswered) {
   // Paths are bound before start only: a fresh service with a start path that throws.
   service_.reset();
   service_ = std::make_unique<NotebookService>(kIp, kPort);
-  service_->mStartUpdate = [](const std::string&) { throw std::runtime_error("boom"); };
+  service_->mStartUpdate = [](const std::string&) -> bool { throw std::runtime_error("boom"); };
   service_->mUpdateState = [] { return 9u; };
   service_->mUpdateProgress = [] { return 45u; };
   service_->mUpdateErrorCode = [] { return 0; };

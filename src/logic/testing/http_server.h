@@ -22,7 +22,8 @@ namespace orv::testing {
 
 // A medium server: files by path, HEAD answered by the library from the GET handler. `noLength`
 // paths answer HEAD without Content-Length, `headSays` paths announce a size of their own,
-// `status` paths answer with that status.
+// `status` paths answer with that status, `chunked` paths (1) send their GET body without a
+// length, (2) endlessly: over and over until the client stops reading, 64 MiB at most.
 class HttpServer {
  public:
   explicit HttpServer(const std::string& host = "127.0.0.1") {
@@ -57,6 +58,16 @@ class HttpServer {
           sink.done();
           return true;
         });
+        return;
+      }
+      const auto chunked = chunked_.find(req.path);
+      if (req.method == "GET" && chunked != chunked_.end() && chunked->second != 0) {
+        const size_t end = chunked->second == 2 ? (size_t{64} << 20) : file->second.size();
+        res.set_chunked_content_provider(
+            "application/json", [body = file->second, end](size_t sent, httplib::DataSink& sink) {
+              // Fails once the client is gone.
+              return sent < end ? sink.write(body.data(), body.size()) : (sink.done(), true);
+            });
         return;
       }
       res.set_content(file->second, "application/json");
@@ -98,6 +109,10 @@ class HttpServer {
     std::lock_guard<std::mutex> lock(mutex_);
     noLength_.insert(path);
   }
+  void chunked(const std::string& path, int mode) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    chunked_[path] = mode;
+  }
   // The next `count` requests for `path` are answered 503.
   void failFirst(const std::string& path, int count) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -131,6 +146,7 @@ class HttpServer {
   std::map<std::string, int> statuses_;
   std::set<std::string> noLength_;
   std::map<std::string, size_t> headSizes_;
+  std::map<std::string, int> chunked_;
   std::map<std::string, int> failFirst_;
   std::string lastHost_;
   std::map<std::string, int> requests_;
