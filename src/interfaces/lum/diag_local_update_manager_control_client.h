@@ -5,15 +5,17 @@
 // It finds the LUM service, keeps a proxy of it, relays the seven LUM events and the connection
 // state to bound handler slots, and turns each operation into a blocking call that returns true
 // when an answer arrived (the output record's returnStatus says whether the LUM accepted).
-// Log tag: "LUM".
+// request() issues an operation without waiting, for callers that complete their work from the
+// answer. Log tag: "LUM".
 //
 // Slots: bind them before init(); they are called on middleware threads.
 //
 // Threading: thread-safe. m_proxyMutex guards m_proxy and m_findHandle; operations take a copy
 // of m_proxy and call through it without the mutex, so calls from several threads may overlap
-// (the facade DiagLUMControlClient serialises them). Discovery and event callbacks enter the
-// client through m_gate, whose mutex the destructor takes to shut them out before the client
-// goes away. init() is called once, from one thread.
+// (the facade DiagLUMControlClient serialises them). The answer of request() is handed over on
+// the middleware thread that receives it; the client may be gone by then. Discovery and event
+// callbacks enter the client through m_gate, whose mutex the destructor takes to shut them out
+// before the client goes away. init() is called once, from one thread.
 
 #include <atomic>
 #include <chrono>
@@ -26,6 +28,7 @@
 
 #include "interfaces/lum/lum11_interface.h"
 #include "interfaces/lum/lum11_types.h"
+#include "minfw/log.h"
 #include "platform/middleware/binding.h"
 #include "platform/middleware/future.h"
 #include "platform/middleware/proxy.h"
@@ -55,6 +58,11 @@ class DiagLocalUpdateManagerControlClient {
   using CheckProgrammingPreconditionsOutput = lum11::methods::CheckProgrammingPreconditions::Output;
   using GetServiceDescriptionOutput = lum11::methods::GetServiceDescription::Output;
   using UpdateClientDownloadFinishedOutput = lum11::methods::UpdateClientDownloadFinished::Output;
+
+  // The answer of an operation issued without waiting: `answered` as the blocking operations'
+  // result, and then the output record.
+  template <typename Output>
+  using Done = std::function<void(bool answered, const Output& out)>;
 
   // The longest waits for an answer; 0 waits without limit.
   static constexpr uint32_t kStartDownloadAnswerMs = 1000;
@@ -130,6 +138,12 @@ class DiagLocalUpdateManagerControlClient {
                                             const std::string& downloadPath,
                                             UpdateClientDownloadFinishedOutput& out);
 
+  // Issues M as the blocking operations do, with their log lines, but without waiting and without
+  // an answer limit: `done` runs once, on the middleware thread that receives the answer, or at
+  // once on this thread when no call can be made.
+  template <typename M>
+  void request(const typename M::Input& input, Done<typename M::Output> done);
+
   // Handler slots, bound by the owner before init().
   std::function<void(bool)> signalEventConnection;
   std::function<void(uint16_t, const lum11::ReadyForDownloadInfo&)>
@@ -180,5 +194,28 @@ class DiagLocalUpdateManagerControlClient {
   std::atomic<bool> m_connected{false};
   std::shared_ptr<Gate> m_gate;
 };
+
+template <typename M>
+void DiagLocalUpdateManagerControlClient::request(const typename M::Input& input,
+                                                  Done<typename M::Output> done) {
+  MLOG_INFO("LUM", "==>");
+  auto current = proxy();
+  if (!current) {
+    MLOG_ERROR("LUM", "m_proxy is invalid!");
+    done(false, {});
+    return;
+  }
+  // Only `done` is captured: the answer may come after the client has gone.
+  current->call<M>(input).then(
+      [done = std::move(done)](const platform::middleware::Result<typename M::Output>& answer) {
+        if (!answer) {
+          MLOG_ERROR("LUM", "no answer!");
+          done(false, {});
+          return;
+        }
+        MLOG_INFO("LUM", "<==");
+        done(true, answer.value());
+      });
+}
 
 }  // namespace orv

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "interfaces/host_interfaces.h"
@@ -183,6 +184,16 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   EXPECT_EQ(result.domainResult.retries, 3);
   EXPECT_EQ(result.domainResult.safetyValidationResult.status, lum11::CM_ValidationStatus::error);
   EXPECT_TRUE(capture->contains("<=="));
+
+  // Without waiting: the outputs come on the thread that receives the answer.
+  const auto caller = std::this_thread::get_id();
+  client->request<methods::GetDomainUpdateResult>(
+      {"NODBOX-USB", 43},
+      [&inbox, caller](bool answered, const Client::getDomainUpdateResultOutput& out) {
+        inbox.add(cat("request:", answered, ":", out.domainResult.resultCode,
+                      std::this_thread::get_id() == caller ? ":caller" : ":receiver"));
+      });
+  EXPECT_TRUE(inbox.waitFor("request:true:43000:receiver"));
 
   // startDomainUpdateDownload gives the LUM 1000 ms; this answer comes only afterwards.
   Client::StartDomainUpdateDownloadOutput download;

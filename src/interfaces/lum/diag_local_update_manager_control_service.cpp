@@ -80,8 +80,12 @@ Service::~DiagLocalUpdateManagerControlService() {
     }
   }
   // A worker left running by startPoll still uses this object.
-  std::unique_lock<std::mutex> lock(workersMutex_);
-  workersGone_.wait(lock, [this] { return runningWorkers_ == 0; });
+  {
+    std::unique_lock<std::mutex> lock(workersMutex_);
+    workersGone_.wait(lock, [this] { return runningWorkers_ == 0; });
+  }
+  // So does a forwarded call whose answer is still out.
+  std::lock_guard<minfw::HandoverMutex> drained(lumMutex_);
 }
 
 bool Service::init() {
@@ -111,23 +115,31 @@ void Service::relinquish() {
 // ---------------------------------------------------------------------------------------------
 // Forwarding
 
-template <typename Output, typename Answer, typename Call, typename Copy>
-bool Service::forward(Answer& answer, Call&& call, Copy&& copy) {
+template <typename Answer>
+std::shared_ptr<DiagLUMControlClient> Service::lumFor(Answer& answer) {
   setStatus(answer, RS::internalError);
   if (!signalsBound()) {
     MLOG_ERROR(kTag, "Signals not bound yet!");
-    return false;
+    return nullptr;
   }
-  const std::shared_ptr<DiagLUMControlClient> lum = signalRequestInterface(ACTIVE_DM);
+  std::shared_ptr<DiagLUMControlClient> lum = signalRequestInterface(ACTIVE_DM);
   if (!lum) {
     MLOG_ERROR(kTag, "Unable to get LUM object!");
     setStatus(answer, RS::invalidState);
+  }
+  return lum;
+}
+
+template <typename Output, typename Answer, typename Call, typename Copy>
+bool Service::forward(Answer& answer, Call&& call, Copy&& copy) {
+  const std::shared_ptr<DiagLUMControlClient> lum = lumFor(answer);
+  if (!lum) {
     return false;
   }
   Output out{};
   bool answered = false;
   {
-    std::lock_guard<std::mutex> lock(lumMutex_);
+    std::lock_guard<minfw::HandoverMutex> lock(lumMutex_);
     answered = call(*lum, out);
   }
   if (!answered) {
@@ -136,6 +148,38 @@ bool Service::forward(Answer& answer, Call&& call, Copy&& copy) {
   }
   copy(out, answer);
   return true;
+}
+
+template <typename Answer, typename Output, typename Issue, typename Finish>
+Service::Future<Answer> Service::callLum(Issue&& issue, Finish finish) {
+  // Shared: the facade keeps its callback in a copyable function, which a promise is not.
+  auto promise = std::make_shared<mw::Promise<Answer>>();
+  Future<Answer> future = promise->get_future();
+  lumMutex_.lock();
+  issue(DiagLUMControlClient::Done<Output>(
+      [this, promise, finish](bool answered, const Output& out) mutable {
+        lumMutex_.unlock();  // from here on this object may be gone
+        promise->set_value(finish(answered, out));
+      }));
+  return future;
+}
+
+template <typename Output, typename Answer, typename Call, typename Copy>
+Service::Future<Answer> Service::forwardAsync(Answer answer, Call&& call, Copy copy) {
+  const std::shared_ptr<DiagLUMControlClient> lum = lumFor(answer);
+  if (!lum) {
+    return answerWith(std::move(answer));
+  }
+  return callLum<Answer, Output>(
+      [&](DiagLUMControlClient::Done<Output> done) { call(*lum, std::move(done)); },
+      [answer, copy](bool answered, const Output& out) mutable {
+        if (answered) {
+          copy(out, answer);
+        } else {
+          MLOG_ERROR(kTag, "LUM signals error!");
+        }
+        return std::move(answer);
+      });
 }
 
 template <typename Output, typename Answer, typename Call, typename Copy>
@@ -177,7 +221,7 @@ void Service::updateUrlResponse(const lum12::UpdateUrlResponseStruct& updateUrlR
   response.updateURLRequestID = updateUrlResponse.updateURLRequestID;
   response.urlInfo = updateUrlResponse.urlInfo;
   response.error = recast<lum11::CM_UrlError>(updateUrlResponse.error);
-  std::lock_guard<std::mutex> lock(lumMutex_);
+  std::lock_guard<minfw::HandoverMutex> lock(lumMutex_);
   lum->updateURLResponse(response, false);
 }
 
@@ -253,43 +297,37 @@ Service::Future<lum12::methods::GetDomainUpdateDownloadProgress::Output>
 Service::getDomainUpdateDownloadProgress(const std::string& accessID,
                                          uint16_t domainRepairInstructionID) {
   MLOG_INFO(kTag, "<=");
-  lum12::methods::GetDomainUpdateDownloadProgress::Output answer;
-  forward<Client::GetDomainUpdateDownloadProgressOutput>(
-      answer,
-      [&](DiagLUMControlClient& lum, Client::GetDomainUpdateDownloadProgressOutput& out) {
-        return lum.getDomainUpdateDownloadProgress(accessID, domainRepairInstructionID, out, false);
+  return forwardAsync<Client::GetDomainUpdateDownloadProgressOutput>(
+      lum12::methods::GetDomainUpdateDownloadProgress::Output{},
+      [&](DiagLUMControlClient& lum, auto done) {
+        lum.getDomainUpdateDownloadProgress(accessID, domainRepairInstructionID, std::move(done));
       },
       [](const auto& from, auto& to) {
         to.downloadRate = from.downloadRate;
         copyProgress(from, to);
       });
-  return answerWith(answer);
 }
 
 Service::Future<lum12::methods::StartDomainUpdate::Output> Service::startDomainUpdate(
     const std::string& accessID, uint16_t domainRepairInstructionID) {
   MLOG_INFO(kTag, "<=");
-  lum12::methods::StartDomainUpdate::Output answer;
-  forward<Client::StartDomainUpdateOutput>(
-      answer,
-      [&](DiagLUMControlClient& lum, Client::StartDomainUpdateOutput& out) {
-        return lum.startDomainUpdate(accessID, domainRepairInstructionID, out, false);
+  return forwardAsync<Client::StartDomainUpdateOutput>(
+      lum12::methods::StartDomainUpdate::Output{},
+      [&](DiagLUMControlClient& lum, auto done) {
+        lum.startDomainUpdate(accessID, domainRepairInstructionID, std::move(done));
       },
       CopyStatus{});
-  return answerWith(answer);
 }
 
 Service::Future<lum12::methods::GetDomainUpdateProgress::Output> Service::getDomainUpdateProgress(
     const std::string& accessID, uint16_t domainRepairInstructionID) {
   MLOG_INFO(kTag, "<=");
-  lum12::methods::GetDomainUpdateProgress::Output answer;
-  forward<Client::GetDomainUpdateProgressOutput>(
-      answer,
-      [&](DiagLUMControlClient& lum, Client::GetDomainUpdateProgressOutput& out) {
-        return lum.getDomainUpdateProgress(accessID, domainRepairInstructionID, out, false);
+  return forwardAsync<Client::GetDomainUpdateProgressOutput>(
+      lum12::methods::GetDomainUpdateProgress::Output{},
+      [&](DiagLUMControlClient& lum, auto done) {
+        lum.getDomainUpdateProgress(accessID, domainRepairInstructionID, std::move(done));
       },
       [](const auto& from, auto& to) { copyProgress(from, to); });
-  return answerWith(answer);
 }
 
 Service::Future<lum12::methods::CancelDomainUpdate::Output> Service::cancelDomainUpdate(
@@ -312,32 +350,28 @@ Service::Future<lum12::methods::SetDebugInstruction::Output> Service::setDebugIn
     const std::string& accessID, uint16_t domainRepairInstructionID,
     const std::string& debugInstructionID, const std::string& debugInstruction) {
   MLOG_INFO(kTag, "<=");
-  lum12::methods::SetDebugInstruction::Output answer;
-  forward<Client::SetDebugInstructionOutput>(
-      answer,
-      [&](DiagLUMControlClient& lum, Client::SetDebugInstructionOutput& out) {
-        return lum.setDebugInstruction(accessID, domainRepairInstructionID, debugInstructionID,
-                                       debugInstruction, out, false);
+  return forwardAsync<Client::SetDebugInstructionOutput>(
+      lum12::methods::SetDebugInstruction::Output{},
+      [&](DiagLUMControlClient& lum, auto done) {
+        lum.setDebugInstruction(accessID, domainRepairInstructionID, debugInstructionID,
+                                debugInstruction, std::move(done));
       },
       CopyStatus{});
-  return answerWith(answer);
 }
 
 Service::Future<lum12::methods::GetDomainConfiguration::Output> Service::getDomainConfiguration(
     const std::string& accessID, uint16_t domainRepairInstructionID) {
   MLOG_INFO(kTag, "<=");
-  lum12::methods::GetDomainConfiguration::Output answer;
-  forward<Client::GetDomainConfigurationOutput>(
-      answer,
-      [&](DiagLUMControlClient& lum, Client::GetDomainConfigurationOutput& out) {
-        return lum.getDomainConfiguration(accessID, domainRepairInstructionID, out, false);
+  return forwardAsync<Client::GetDomainConfigurationOutput>(
+      lum12::methods::GetDomainConfiguration::Output{},
+      [&](DiagLUMControlClient& lum, auto done) {
+        lum.getDomainConfiguration(accessID, domainRepairInstructionID, std::move(done));
       },
       [](const auto& from, auto& to) {
         to.configurationInformation = from.configurationInformation;
         to.configurationInformationDetails = from.configurationInformationDetails;
         copyStatus(from, to);
       });
-  return answerWith(answer);
 }
 
 Service::Future<lum12::methods::GetDomainUpdateResult::Output> Service::getDomainUpdateResult(
@@ -387,14 +421,12 @@ Service::Future<lum12::methods::CloseDomainUpdateSession::Output> Service::close
 Service::Future<lum12::methods::AckDomainOffTimeNotification::Output>
 Service::ackDomainOffTimeNotification(uint16_t domainRepairInstructionID, uint32_t timeout) {
   MLOG_INFO(kTag, "<=");
-  lum12::methods::AckDomainOffTimeNotification::Output answer;
-  forward<Client::AckDomainOffTimeNotificationOutput>(
-      answer,
-      [&](DiagLUMControlClient& lum, Client::AckDomainOffTimeNotificationOutput& out) {
-        return lum.ackDomainOffTimeNotification(domainRepairInstructionID, timeout, out, false);
+  return forwardAsync<Client::AckDomainOffTimeNotificationOutput>(
+      lum12::methods::AckDomainOffTimeNotification::Output{},
+      [&](DiagLUMControlClient& lum, auto done) {
+        lum.ackDomainOffTimeNotification(domainRepairInstructionID, timeout, std::move(done));
       },
       CopyStatus{});
-  return answerWith(answer);
 }
 
 Service::Future<lum12::methods::CheckProgrammingPreconditions::Output>
@@ -435,20 +467,19 @@ Service::Future<lum12::methods::GetServiceDescription::Output> Service::getServi
     setStatus(answer, RS::invalidState);
     return answerWith(answer);
   }
-  Client::GetServiceDescriptionOutput out;
-  bool answered = false;
-  {
-    std::lock_guard<std::mutex> lock(lumMutex_);
-    answered = lum->getServiceDescription(out, false);
-  }
-  if (!answered) {
-    MLOG_ERROR(kTag, "getServiceDescription(): Active path (", path, "), LUM comm error!");
-    return answerWith(answer);
-  }
-  answer.accessID = out.accessID;
-  answer.serviceDescription = out.serviceDescription;
-  copyStatus(out, answer);
-  return answerWith(answer);
+  using Output = Client::GetServiceDescriptionOutput;
+  return callLum<decltype(answer), Output>(
+      [&](DiagLUMControlClient::Done<Output> done) { lum->getServiceDescription(std::move(done)); },
+      [answer, path](bool answered, const Output& out) mutable {
+        if (!answered) {
+          MLOG_ERROR(kTag, "getServiceDescription(): Active path (", path, "), LUM comm error!");
+          return std::move(answer);
+        }
+        answer.accessID = out.accessID;
+        answer.serviceDescription = out.serviceDescription;
+        copyStatus(out, answer);
+        return std::move(answer);
+      });
 }
 
 Service::Future<lum12::methods::UpdateClientDownloadFinished::Output>
@@ -456,15 +487,13 @@ Service::updateClientDownloadFinished(const std::string& accessID,
                                       uint16_t domainRepairInstructionID,
                                       const std::string& downloadPath) {
   MLOG_INFO(kTag, "<=");
-  lum12::methods::UpdateClientDownloadFinished::Output answer;
-  forward<Client::UpdateClientDownloadFinishedOutput>(
-      answer,
-      [&](DiagLUMControlClient& lum, Client::UpdateClientDownloadFinishedOutput& out) {
-        return lum.updateClientDownloadFinished(accessID, domainRepairInstructionID, downloadPath,
-                                                out, false);
+  return forwardAsync<Client::UpdateClientDownloadFinishedOutput>(
+      lum12::methods::UpdateClientDownloadFinished::Output{},
+      [&](DiagLUMControlClient& lum, auto done) {
+        lum.updateClientDownloadFinished(accessID, domainRepairInstructionID, downloadPath,
+                                         std::move(done));
       },
       CopyStatus{});
-  return answerWith(answer);
 }
 
 }  // namespace orv

@@ -9,7 +9,11 @@
 //
 // Threading: the operations run on the middleware's method thread, the events on its callback
 // thread, the poll worker ("dm-poll") on its own thread. lumMutex_ serialises every LUM call of
-// this service, the worker's included. pollMutex_ serialises startPoll and stopPoll and guards
+// this service, the worker's included. The operations that only relay the LUM's answer do not
+// wait for it: their call holds lumMutex_ until the answer arrives, and the middleware thread
+// that receives it unlocks lumMutex_ and sends the v12 answer (those that take or give back
+// control, or have an answer limit, wait on the method thread). The destructor waits for a call
+// in flight. pollMutex_ serialises startPoll and stopPoll and guards
 // worker_; fieldMutex_ guards the session, the active path and the field values and is held
 // while a field is published, so subscribers see the values in the order they were stored.
 // workersMutex_ guards the count of running workers, which the destructor waits to reach zero.
@@ -27,6 +31,7 @@
 
 #include "interfaces/lum/lum12_skeleton.h"
 #include "interfaces/lum/lum_channel.h"
+#include "minfw/handover_mutex.h"
 
 namespace orv {
 
@@ -162,17 +167,30 @@ class DiagLocalUpdateManagerControlService
   // Stores an event's entry and publishes its field.
   template <typename Field, typename Entry>
   void store(Field& field, std::vector<Entry>& entries, const Entry& entry);
+  // The facade for a forwarded call; null (logged) when the slots are unbound or the LUM is not
+  // handed out, with the status of that failure in `answer`.
+  template <typename Answer>
+  std::shared_ptr<DiagLUMControlClient> lumFor(Answer& answer);
   // Forwards one call under lumMutex_: `call(facade, out)` is the facade's operation, `copy`
   // takes its output over into `answer`. True when the LUM answered; a failed check or call
   // leaves `answer` with the status it sets for that failure.
   template <typename Output, typename Answer, typename Call, typename Copy>
   bool forward(Answer& answer, Call&& call, Copy&& copy);
+  // forward() without waiting: `call(facade, done)` issues the facade's operation, and the
+  // thread of its answer copies the output into `answer` and answers with it.
+  template <typename Output, typename Answer, typename Call, typename Copy>
+  Future<Answer> forwardAsync(Answer answer, Call&& call, Copy copy);
+  // Locks lumMutex_ and has `issue(done)` call the LUM; the thread that gets the LUM's answer
+  // unlocks it and answers with `finish(answered, out)`.
+  template <typename Answer, typename Output, typename Issue, typename Finish>
+  Future<Answer> callLum(Issue&& issue, Finish finish);
   // forward() for the calls that take control when it is free (and give it back after).
   template <typename Output, typename Answer, typename Call, typename Copy>
   bool forwardTakingFreeControl(Answer& answer, Call&& call, Copy&& copy);
 
   const std::string instance_;
-  std::mutex lumMutex_;  // held for every LUM call of this service
+  // Held for every LUM call of this service, until its answer; unlocked by the answer's thread.
+  kel::vxp3::minfw::HandoverMutex lumMutex_;
 
   mutable std::mutex pollMutex_;  // guards worker_
   std::shared_ptr<PollWorker> worker_;

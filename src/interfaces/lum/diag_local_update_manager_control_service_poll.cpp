@@ -143,7 +143,7 @@ Service::PollAnswer Service::pollSessionState() {
   }
   SessionState entry = storedState(sessionId());
   {
-    std::lock_guard<std::mutex> lock(lumMutex_);
+    std::lock_guard<minfw::HandoverMutex> lock(lumMutex_);
     Client::GetDomainUpdateSessionStateOutput state;
     if (!lum->getDomainUpdateSessionState(kPollClientId, kPollDomainId, state, false)) {
       MLOG_ERROR(kTag, "getDomainUpdateSessionState: Communication error with LUM! Communication=",

@@ -28,6 +28,7 @@ using kel::vxp3::minfw::testing::ScopedLogCapture;
 using kel::vxp3::minfw::testing::SimulatedClock;
 using kel::vxp3::minfw::testing::TempDir;
 using Client = DiagLUMControlClient::Client;
+using platform::middleware::FutureStatus;
 using Service = DiagLocalUpdateManagerControlService;
 using PS = lum11::CM_CurrentProcessingState;
 using FS =
@@ -38,7 +39,8 @@ constexpr uint32_t kOk = 0, kIS = 1, kIE = 2;  // invalidState, internalError
 constexpr uint32_t kDm = ACTIVE_DM, kUsb = ACTIVE_USB, kNone = ACTIVE_NONE;
 
 // A LUM facade answering from a table set up before threads start (a return status per
-// operation, or no answer) and counting calls; `hold` keeps the state poll hanging.
+// operation, or no answer) and counting calls; `hold` keeps the state poll hanging. Calls made
+// without waiting are answered at once, but getDomainConfiguration's wait for answerHeld().
 class FakeLum : public DiagLUMControlClient {
  public:
   FakeLum() : DiagLUMControlClient(std::make_unique<Client>()) {}
@@ -93,6 +95,34 @@ class FakeLum : public DiagLUMControlClient {
   bool getServiceDescription(Client::GetServiceDescriptionOutput& out, bool) override {
     return reply("getServiceDescription", out);
   }
+  void startDomainUpdate(const std::string&, uint16_t,
+                         Done<Client::StartDomainUpdateOutput> done) override {
+    Client::StartDomainUpdateOutput out;
+    done(reply("startDomainUpdate", out), out);
+  }
+  void getServiceDescription(Done<Client::GetServiceDescriptionOutput> done) override {
+    Client::GetServiceDescriptionOutput out;
+    done(reply("getServiceDescription", out), out);
+  }
+  void getDomainConfiguration(const std::string&, uint16_t,
+                              Done<Client::GetDomainConfigurationOutput> done) override {
+    Client::GetDomainConfigurationOutput out;
+    reply("getDomainConfiguration", out);
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_.push_back(std::move(done));
+  }
+  void answerHeld(const std::string& configuration) {
+    std::vector<Done<Client::GetDomainConfigurationOutput>> held;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      held.swap(held_);
+    }
+    Client::GetDomainConfigurationOutput out;
+    out.configurationInformation = configuration;
+    for (auto& done : held) {
+      done(true, out);
+    }
+  }
 
  private:
   template <typename Out>
@@ -105,6 +135,7 @@ class FakeLum : public DiagLUMControlClient {
   }
   std::mutex mutex_;  // guards everything below
   std::map<std::string, size_t> calls_;
+  std::vector<Done<Client::GetDomainConfigurationOutput>> held_;
 };
 
 // Waits in real time, bounded, until `condition` holds.
@@ -348,6 +379,30 @@ TEST_F(DmServiceTest, AWorkerHangingInTheLumIsLeftRunningWithThePanicLine) {
   EXPECT_EQ(log_->count("Starting polling thread"), 2u);
   rig.lum->hold = false;
   EXPECT_TRUE(eventually([&] { return log_->contains("V12 Polling Loop stopped"); }));
+}
+
+// A relayed answer is completed by the thread that receives the LUM's answer, not the method
+// thread; until then the service's LUM calls wait, the tester's and the poll worker's alike.
+TEST_F(DmServiceTest, ThreadedRelayedAnswerCompletesOnTheAnsweringThread) {
+  Rig rig(clock_);
+  ASSERT_TRUE(rig.requestExclusiveControl(kDm, false));
+  auto held = rig.dm->getDomainConfiguration("T", 7);
+  EXPECT_FALSE(held.is_ready());
+  auto next =
+      std::async(std::launch::async, [&rig] { return status(rig.dm->startDomainUpdate("T", 7)); });
+  rig.dm->startPoll();
+  EXPECT_TRUE(rig.cycle());
+  EXPECT_EQ(next.wait_for(50ms), std::future_status::timeout);
+  EXPECT_EQ(rig.lum->count("startDomainUpdate") + rig.lum->count("getDomainUpdateSessionState"),
+            0u);
+
+  std::thread([&rig] { rig.lum->answerHeld("cfg"); }).join();
+  ASSERT_EQ(held.wait_for(10s), FutureStatus::kReady);
+  EXPECT_EQ(held.get().value().configurationInformation, "cfg");
+  EXPECT_EQ(status(held), kOk);
+  ASSERT_EQ(next.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(next.get(), kOk);
+  EXPECT_TRUE(eventually([&] { return rig.lum->count("getDomainUpdateSessionState") == 1; }));
 }
 
 // The tester's create and the USB channel's request meet at the same instant: exactly one gets

@@ -8,6 +8,7 @@
 namespace orv {
 
 namespace minfw = kel::vxp3::minfw;
+namespace methods = lum11::methods;
 
 namespace {
 constexpr const char* kTag = "LUM";
@@ -16,7 +17,10 @@ constexpr const char* kTag = "LUM";
 DiagLUMControlClient::DiagLUMControlClient(std::unique_ptr<Client> client)
     : m_client(std::move(client)) {}
 
-DiagLUMControlClient::~DiagLUMControlClient() = default;
+DiagLUMControlClient::~DiagLUMControlClient() {
+  // A call without waiting unlocks from the answer's thread; this object must outlive that.
+  std::lock_guard<minfw::HandoverMutex> drained(m_mutex);
+}
 
 bool DiagLUMControlClient::init(const std::string& instance) {
   return m_client->init(instance);
@@ -31,7 +35,7 @@ void DiagLUMControlClient::_internal(int value) {
 
 template <typename Attempt>
 bool DiagLUMControlClient::withRetry(bool retry, Attempt&& attempt) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  std::lock_guard<minfw::HandoverMutex> lock(m_mutex);
   const int limit = retry ? kRetryAttempts : 1;
   for (int counter = 2;; ++counter) {
     if (attempt())
@@ -41,6 +45,16 @@ bool DiagLUMControlClient::withRetry(bool retry, Attempt&& attempt) {
     minfw::sleepMs(kRetryPauseMs);
     MLOG_WARN(kTag, "Retry ", counter, "/", limit);
   }
+}
+
+template <typename M>
+void DiagLUMControlClient::request(const typename M::Input& input, Done<typename M::Output> done) {
+  m_mutex.lock();
+  m_client->request<M>(
+      input, [this, done = std::move(done)](bool answered, const typename M::Output& out) {
+        m_mutex.unlock();  // from here on this object may be gone
+        done(answered, out);
+      });
 }
 
 void DiagLUMControlClient::updateURLResponse(const lum11::UpdateUrlResponseStruct& response,
@@ -195,6 +209,61 @@ bool DiagLUMControlClient::updateClientDownloadFinished(
     return m_client->updateClientDownloadFinished(accessID, domainRepairInstructionID, downloadPath,
                                                   out);
   });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Without waiting
+
+void DiagLUMControlClient::getDomainUpdateDownloadProgress(
+    const std::string& accessID, uint16_t domainRepairInstructionID,
+    Done<Client::GetDomainUpdateDownloadProgressOutput> done) {
+  request<methods::GetDomainUpdateDownloadProgress>({accessID, domainRepairInstructionID},
+                                                    std::move(done));
+}
+
+void DiagLUMControlClient::startDomainUpdate(const std::string& accessID,
+                                             uint16_t domainRepairInstructionID,
+                                             Done<Client::StartDomainUpdateOutput> done) {
+  request<methods::StartDomainUpdate>({accessID, domainRepairInstructionID}, std::move(done));
+}
+
+void DiagLUMControlClient::getDomainUpdateProgress(
+    const std::string& accessID, uint16_t domainRepairInstructionID,
+    Done<Client::GetDomainUpdateProgressOutput> done) {
+  request<methods::GetDomainUpdateProgress>({accessID, domainRepairInstructionID}, std::move(done));
+}
+
+void DiagLUMControlClient::setDebugInstruction(const std::string& accessID,
+                                               uint16_t domainRepairInstructionID,
+                                               const std::string& debugInstructionID,
+                                               const std::string& debugInstruction,
+                                               Done<Client::SetDebugInstructionOutput> done) {
+  request<methods::SetDebugInstruction>(
+      {accessID, domainRepairInstructionID, debugInstructionID, debugInstruction}, std::move(done));
+}
+
+void DiagLUMControlClient::getDomainConfiguration(const std::string& accessID,
+                                                  uint16_t domainRepairInstructionID,
+                                                  Done<Client::GetDomainConfigurationOutput> done) {
+  request<methods::GetDomainConfiguration>({accessID, domainRepairInstructionID}, std::move(done));
+}
+
+void DiagLUMControlClient::ackDomainOffTimeNotification(
+    uint16_t domainRepairInstructionID, uint32_t timeout,
+    Done<Client::AckDomainOffTimeNotificationOutput> done) {
+  request<methods::AckDomainOffTimeNotification>({domainRepairInstructionID, timeout},
+                                                 std::move(done));
+}
+
+void DiagLUMControlClient::getServiceDescription(Done<Client::GetServiceDescriptionOutput> done) {
+  request<methods::GetServiceDescription>({}, std::move(done));
+}
+
+void DiagLUMControlClient::updateClientDownloadFinished(
+    const std::string& accessID, uint16_t domainRepairInstructionID,
+    const std::string& downloadPath, Done<Client::UpdateClientDownloadFinishedOutput> done) {
+  request<methods::UpdateClientDownloadFinished>(
+      {accessID, domainRepairInstructionID, downloadPath}, std::move(done));
 }
 
 }  // namespace orv

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -339,6 +340,26 @@ TEST(DiagLUMControlClientTest, WithoutDiscoveryEveryOperationFailsAfterFiveAttem
     EXPECT_EQ(capture->count("m_proxy is invalid!"), 1u);
     EXPECT_EQ(clock.totalSlept(), 20s);
   }
+}
+
+// Without waiting, a client that never found the LUM answers at once, and the facade is free for
+// the next call.
+TEST(DiagLUMControlClientTest, WithoutDiscoveryACallWithoutWaitingFailsAtOnce) {
+  ScopedLogCapture capture;
+  DiagLUMControlClient facade(std::make_unique<Client>());
+  std::vector<bool> answers;
+  facade.getDomainConfiguration(
+      "c", 9, [&answers](bool answered, const Client::GetDomainConfigurationOutput&) {
+        answers.push_back(answered);
+      });
+  EXPECT_EQ(answers, std::vector<bool>{false});
+  EXPECT_TRUE(capture->contains("m_proxy is invalid!"));
+  auto next = std::async(std::launch::async, [&facade] {
+    Client::GetDomainConfigurationOutput out;
+    return facade.getDomainConfiguration("c", 9, out, false);
+  });
+  ASSERT_EQ(next.wait_for(10s), std::future_status::ready);
+  EXPECT_FALSE(next.get());
 }
 
 TEST(DiagLUMControlClientTest, InternalGoesToItsSlotOrIsReported) {

@@ -61,6 +61,12 @@ class SharedState {
     return result_.has_value();
   }
 
+  // True while a continuation waits for the result.
+  bool continued() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<bool>(continuation_);
+  }
+
   void wait() const {
     std::unique_lock<std::mutex> lock(mutex_);
     cv_.wait(lock, [this] { return result_.has_value(); });
@@ -164,8 +170,9 @@ class PromiseBase {
     return state_ && state_->set(Result<T>::fromError(code, std::move(message)));
   }
   bool set_result(Result<T> result) { return state_ && state_->set(std::move(result)); }
-  // True while some future still refers to the answer.
-  bool awaited() const { return state_ && state_.use_count() > 1; }
+  // True while some future still refers to the answer, or a continuation waits for it (its
+  // future may be gone).
+  bool awaited() const { return state_ && (state_.use_count() > 1 || state_->continued()); }
 
  private:
   void abandon() {

@@ -67,6 +67,17 @@ TEST(FutureTest, EveryWayOfSettlingReachesTheWaiterAndTheContinuation) {
   }
 }
 
+// A binding forgets calls nobody awaits; one answered through a continuation alone is awaited.
+TEST(FutureTest, AContinuationKeepsTheAnswerAwaited) {
+  Promise<int> promise;
+  promise.get_future();
+  EXPECT_FALSE(promise.awaited());
+  promise.get_future().then([](const Result<int>&) {});
+  EXPECT_TRUE(promise.awaited());
+  promise.set_value(1);
+  EXPECT_FALSE(promise.awaited());
+}
+
 TEST(FutureTest, InvalidFutureGivesAnErrorInsteadOfBlocking) {
   Future<int> future;
   EXPECT_EQ(future.wait_for(std::chrono::milliseconds(1000)), FutureStatus::kReady);

@@ -100,7 +100,7 @@ void RuntimeImpl::serverRequest(const std::shared_ptr<OfferedService>& service,
                                 const std::shared_ptr<Connection>& conn, Message& m) {
   if (conn->state() == Connection::State::kClosed)
     return;  // the offer was stopped; nothing more is served on it
-  tap(true, conn->peer(), conn->local(), encodeMessage(m.header, m.payload));
+  tap(conn->peer(), conn->local(), m);
   const MessageType type = m.header.messageType;
   if (type != MessageType::kRequest && type != MessageType::kRequestNoReturn) {
     MLOG_WARN(kTag, "unexpected ", toString(type), " from ", toString(conn->peer()), "; dropped");
@@ -169,7 +169,7 @@ void RuntimeImpl::serverRequest(const std::shared_ptr<OfferedService>& service,
 }
 
 void RuntimeImpl::linkMessage(const std::shared_ptr<ClientLink>& link, Message& m) {
-  tap(true, link->conn->peer(), link->conn->local(), encodeMessage(m.header, m.payload));
+  tap(link->conn->peer(), link->conn->local(), m);
   switch (m.header.messageType) {
     case MessageType::kResponse:
     case MessageType::kError: {

@@ -217,6 +217,8 @@ void RuntimeImpl::wake() {
 
 void RuntimeImpl::tap(bool tcp, const Endpoint& from, const Endpoint& to,
                       const std::vector<uint8_t>& bytes) {
+  if (!tapping_.load(std::memory_order_relaxed))
+    return;
   std::lock_guard<std::mutex> lock(tapMutex_);
   if (tap_)
     tap_(TapRecord{tcp, from, to, bytes});

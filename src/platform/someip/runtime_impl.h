@@ -207,9 +207,15 @@ class RuntimeImpl {
               std::vector<uint8_t> payload);
   void setTap(Tap tap) {
     std::lock_guard<std::mutex> lock(tapMutex_);
+    tapping_ = static_cast<bool>(tap);
     tap_ = std::move(tap);
   }
   void tap(bool tcp, const Endpoint& from, const Endpoint& to, const std::vector<uint8_t>& bytes);
+  // A received message, encoded again only when a tap records it.
+  void tap(const Endpoint& from, const Endpoint& to, const Message& message) {
+    if (tapping_.load(std::memory_order_relaxed))
+      tap(true, from, to, encodeMessage(message.header, message.payload));
+  }
   void wake();
 
   Worker& callbacks() { return *callbacks_; }
@@ -270,6 +276,7 @@ class RuntimeImpl {
 
   std::mutex tapMutex_;  // guards tap_
   Tap tap_;
+  std::atomic<bool> tapping_{false};  // whether tap_ is set, read without the mutex
 
   std::mutex mutex_;  // guards every table below
   std::mt19937 random_;
