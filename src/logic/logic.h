@@ -185,6 +185,11 @@ class Logic : public ILumChannel {
   void queuePoll();
   bool startExpected(uint32_t before, const char* phase) const;
   void fallBackTo(uint32_t step);
+  // Reads and decrypts the key manifest: 0, or the error code of the fault (logged).
+  uint32_t loadKeyManifest();
+  // Ends the update with a key-manifest fault's code (617 is queued, the others end it at once).
+  void failKeyManifest(uint32_t code);
+  void sendUrlResponse(const lum11::UpdateUrlResponseStruct& response);
   // The USB channel's facade; without one the update fails with 601.
   std::shared_ptr<DiagLUMControlClient> lumOrFail();
   // One session call with retry on busy: true when the LUM accepted it; otherwise `refusal` is

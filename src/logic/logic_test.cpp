@@ -556,6 +556,32 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
   }
 }
 
+TEST_F(LogicTest, UrlRequestWithoutAKeyManifestIsAnsweredOnceAndEndsTheUpdate) {
+  const std::vector<std::pair<std::string, uint32_t>> faults = {
+      {"", 612}, {"a.b.c", 613}, {debugManifest(kPayload, 512001), 617}};
+  for (const auto& [manifest, code] : faults) {
+    SCOPED_TRACE(code);
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make();
+    offer(*logic);
+    manifest.empty() ? medium_.remove("/medium/keys/KeyManifest.mose")
+                     : medium_.put("/medium/keys/KeyManifest.mose", manifest);
+    installing(*logic, 3);
+    ResolveUpdateURLRequest request;
+    request.fileNames = {"pkg.bin", "other.bin"};
+    request.updateURLRequestID[0] = 0xCD;
+    logic->eventResolveUpdateURLRequest(request);
+    logic->run(4);
+    ASSERT_EQ(arbiter_.lum->urlResponses.size(), 1u);
+    EXPECT_EQ(arbiter_.lum->urlResponses[0].updateURLRequestID[0], 0xCD);
+    EXPECT_EQ(arbiter_.lum->urlResponses[0].error, lum11::CM_UrlError::internalError);
+    EXPECT_EQ(arbiter_.lum->urlResponses[0].urlInfo, std::vector<std::string>({"", ""}));
+    EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
+    EXPECT_EQ(logic->getErrorCode(), code);
+    EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+  }
+}
+
 // --- Sequences -------------------------------------------------------------------------------
 
 TEST_F(LogicTest, BusyAnswersAreRetriedEveryTenSecondsWithoutLimit) {
