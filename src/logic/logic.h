@@ -13,6 +13,10 @@
 // keyManifest_, which the worker writes and diagTriggerStartUpdate (a caller's thread) reads.
 // The retry counters and polling bookkeeping belong to the worker. The signals are bound on
 // the main thread before init() and are only read afterwards.
+// One update ends once: the LUM's error report (a middleware thread) and the sequences' own
+// failures and success (the worker) claim the end under endMutex_. While the handling of the
+// LUM's error is queued, every other failure leaves the end to it. endMutex_ is taken last: no
+// other lock of this class and no signal is used while it is held, only the record.
 
 #include <array>
 #include <atomic>
@@ -177,13 +181,29 @@ class Logic : public ILumChannel {
   void sendHmiState(uint32_t state, const std::string& description);
   void writeErrorCode(uint32_t code);
   // The handling of the two events, shared with the status poll that makes up for them.
-  void queueErrorHandling(uint32_t errorCode);
+  // `lumCode` is the LUM's own code (0: none reported); `fallback` the code used when the LUM
+  // gives none, neither in its event nor in its result.
+  void queueErrorHandling(uint32_t lumCode, uint32_t fallback);
   void queueFinishedHandling();
+  // The claims on the end of the update (see the threading note above). claimFailure is false
+  // when the LUM's error handling ends the update instead; claimLumFailure yields the code it
+  // ends with; claimSuccess is false while that handling is queued.
+  void openSession();
+  bool claimFailure(uint32_t code);
+  bool claimLumFailure(uint32_t& code);
+  bool claimSuccess();
+  bool lumErrorPending();
+  // Ends the update as failed; the caller holds the claim.
+  void failUpdate(uint32_t code);
+  // A start call the LUM refused: when its session has failed, the LUM's error handling ends
+  // the update (its event may still be on the way); otherwise the start's own `code` does.
+  void startFailed(const char* op, uint32_t code);
+  bool lumSessionFailed();
   void waitForLum();
   void resynchroniseHmi();
   void resume();
   void queuePoll();
-  bool startExpected(uint32_t before, const char* phase) const;
+  bool startExpected(uint32_t before, const char* phase);
   void fallBackTo(uint32_t step);
   // Reads and decrypts the key manifest: 0, or the error code of the fault (logged).
   uint32_t loadKeyManifest();
@@ -216,6 +236,12 @@ class Logic : public ILumChannel {
   mutable std::mutex mediumMutex_;  // guards medium_ and keyManifest_
   Medium medium_;
   std::string keyManifest_;
+
+  std::mutex endMutex_;           // guards the four below
+  bool endDecided_ = false;       // the running update's end is claimed
+  bool lumErrorPending_ = false;  // the LUM's error handling is queued and ends the update
+  uint32_t lumErrorCode_ = 0;     // the LUM's own code; the first report counts
+  uint32_t fallbackCode_ = 0;     // the code of the first failure left to that handling
 
   std::array<uint32_t, 4> retry_{};  // pool worker only
 

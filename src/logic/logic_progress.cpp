@@ -85,7 +85,7 @@ void Logic::seqGetStatus() {
     if ((ps == PS::failFinished || ps == PS::revertFinished) && step != 6) {
       handled = true;
       if (overdue(RETRY_ERROR, "RETRY_ERROR")) {
-        queueErrorHandling(errorCode_);
+        queueErrorHandling(0, 0);
         goOn = false;
       }
     }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
 #include <map>
 #include <memory>
@@ -46,6 +47,7 @@ class ScriptedLum : public DiagLUMControlClient {
   uint32_t resultCode = 0;
   std::vector<std::string> calls;
   std::vector<lum11::UpdateUrlResponseStruct> urlResponses;
+  std::function<void(const std::string& op)> onCall;  // runs inside each call
 
   size_t count(const std::string& op) const {
     size_t n = 0;
@@ -124,6 +126,9 @@ class ScriptedLum : public DiagLUMControlClient {
   template <typename Output>
   bool answer(const std::string& op, Output& out) {
     calls.push_back(op);
+    if (onCall) {
+      onCall(op);
+    }
     std::deque<uint32_t>& queue = script[op];
     uint32_t value = 0;
     if (!queue.empty()) {
@@ -764,6 +769,42 @@ TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
   EXPECT_EQ(record_->getStateLum(9), 0u);
   EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
   EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{"end"});
+}
+
+// The LUM fails its session as a start call goes out; its event arrives before the start task,
+// while the call is answered (refused) or after it.
+TEST_F(LogicTest, AnErrorEventRacingAStartCallEndsTheUpdateOnceWithTheLumsCode) {
+  for (const std::string op : {"startDomainUpdateDownload", "startDomainUpdate"}) {
+    for (const std::string when : {"before", "during", "after"}) {
+      SCOPED_TRACE(op + ", error event " + when);
+      arbiter_ = Arbiter{};
+      std::unique_ptr<TestLogic> logic = make(false);
+      installing(*logic, op == "startDomainUpdate" ? 3 : 1);
+      log_->clear();
+      arbiter_.lum->script[op] = {1};
+      arbiter_.lum->state = PS::failFinished;
+      arbiter_.lum->resultCode = 4711;
+      auto error = [&logic] { logic->eventDomainErrorNotification(1, 4711); };
+      arbiter_.lum->onCall = [&](const std::string& call) {
+        if (call == op && when == "during")
+          error();
+      };
+      if (when == "before")
+        error();
+      op == "startDomainUpdate" ? logic->seqSendStartDomainUpdate()
+                                : logic->seqSendStartDomainUpdateDownload();
+      if (when == "after")
+        error();
+      logic->run(10);
+      EXPECT_EQ(log_->count("InstallationFailed, errorCode ["), 1u);
+      EXPECT_EQ(logic->getErrorCode(), 4711u);
+      const std::vector<std::string>& seen = logic->hmi->seen;
+      EXPECT_EQ(std::count(seen.begin(), seen.end(), "state:3:"), 1);
+      EXPECT_EQ(arbiter_.lum->count("getDomainUpdateResult"), 1u);
+      EXPECT_EQ(arbiter_.lum->count("closeDomainUpdateSession"), 1u);
+      EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+    }
+  }
 }
 
 TEST_F(LogicTest, FinishedEventClosesThenFinishes) {
