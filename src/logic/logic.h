@@ -17,19 +17,25 @@
 // failures and success (the worker) claim the end under endMutex_. While the handling of the
 // LUM's error is queued, every other failure leaves the end to it. endMutex_ is taken last: no
 // other lock of this class and no signal is used while it is held, only the record.
+// lumWatchMutex_ guards the watch over a LUM lost during an update: the connection events (a
+// middleware thread) and the poll arm or disarm it, the watch task on the worker ends the
+// update once the LUM stayed away longer than the limit.
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "interfaces/hmi/hmi_service_i.h"
 #include "interfaces/hmi/hmi_states.h"
 #include "interfaces/lum/lum_channel.h"
+#include "minfw/clock.h"
 #include "minfw/thread_pool.h"
 
 namespace orv {
@@ -41,6 +47,8 @@ class Logic : public ILumChannel {
   // The LUM client id of every session this channel opens.
   static constexpr const char* kClientId = "NODBOX-USB";
   static constexpr uint64_t kKeyManifestMaxSize = 512000;
+  // How long an update waits for a LUM that went away; ORVANE_LUM_LOSS_LIMIT_S overrides it.
+  static constexpr int64_t kLumLossLimitSeconds = 1800;
 
   // Service error codes.
   enum ErrorCode : uint32_t {
@@ -199,6 +207,11 @@ class Logic : public ILumChannel {
   // the update (its event may still be on the way); otherwise the start's own `code` does.
   void startFailed(const char* op, uint32_t code);
   bool lumSessionFailed();
+  // The LUM went away (or stopped answering the poll) while a session runs: the watch starts.
+  void lumLost();
+  // One step of the watch; it queues itself again until the LUM is back or the limit passed.
+  void seqWatchLum();
+  void lumGoneForGood();
   void waitForLum();
   void resynchroniseHmi();
   void resume();
@@ -242,6 +255,12 @@ class Logic : public ILumChannel {
   bool lumErrorPending_ = false;  // the LUM's error handling is queued and ends the update
   uint32_t lumErrorCode_ = 0;     // the LUM's own code; the first report counts
   uint32_t fallbackCode_ = 0;     // the code of the first failure left to that handling
+
+  std::mutex lumWatchMutex_;  // guards the two below
+  std::optional<kel::vxp3::minfw::Clock::TimePoint> lumLostSince_;
+  bool lumWatchQueued_ = false;
+  // Set at construction, read only afterwards.
+  std::chrono::seconds lumLossLimit_{kLumLossLimitSeconds};
 
   std::array<uint32_t, 4> retry_{};  // pool worker only
 

@@ -3,6 +3,8 @@
 // queued handling runs on the pool worker (queue*Handling is also called there by the poll).
 #include "logic/logic.h"
 
+#include <algorithm>
+#include <chrono>
 #include <mutex>
 
 #include "interfaces/lum/lum_names.h"
@@ -163,6 +165,14 @@ void Logic::eventResolveUpdateURLRequest(const ResolveUpdateURLRequest& request)
 
 void Logic::eventConnection(bool connected) {
   MLOG_INFO(kTag, connected ? "LUM connected." : "LUM disconnected!");
+  if (!connected) {
+    lumLost();
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(lumWatchMutex_);
+    lumLostSince_.reset();
+  }
   // A poll chain that ended on a lost LUM is picked up again once the LUM is back.
   const uint32_t step = stateLUM_;
   const bool pollingStep = step == 1 || step == 3 || step == 5 || step == 7;
@@ -170,6 +180,53 @@ void Logic::eventConnection(bool connected) {
     MLOG_INFO(kTag, "Resuming status polling");
     enqueue([this] { seqGetStatus(); });
   }
+}
+
+void Logic::lumLost() {
+  {
+    std::lock_guard<std::mutex> lock(lumWatchMutex_);
+    if (stateLUM_ == 0 || lumLostSince_) {
+      return;
+    }
+    lumLostSince_ = kel::vxp3::minfw::clock().now();
+    if (lumWatchQueued_) {
+      return;  // the running watch picks the new loss up
+    }
+    lumWatchQueued_ = true;
+  }
+  MLOG_WARN(kTag, "LUM lost during the update, waiting up to [", lumLossLimit_.count(),
+            "] s for it");
+  enqueue([this] { seqWatchLum(); });
+}
+
+void Logic::seqWatchLum() {
+  kel::vxp3::minfw::Clock::Duration left{};
+  {
+    std::lock_guard<std::mutex> lock(lumWatchMutex_);
+    if (!lumLostSince_ || stateLUM_ == 0 || stopping_) {
+      lumWatchQueued_ = false;
+      MLOG_INFO(kTag, lumLostSince_ ? "Update ended, LUM watch ends" : "LUM back in time");
+      return;
+    }
+    left = *lumLostSince_ + lumLossLimit_ - kel::vxp3::minfw::clock().now();
+    if (left <= left.zero()) {
+      lumWatchQueued_ = false;
+      lumLostSince_.reset();
+    }
+  }
+  if (left <= left.zero()) {
+    lumGoneForGood();
+    return;
+  }
+  // Short steps: a LUM that returns is polled again without waiting out a long pause.
+  sleepMs(std::min<int64_t>(1000, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+  enqueue([this] { seqWatchLum(); });
+}
+
+void Logic::lumGoneForGood() {
+  MLOG_ERROR(kTag, "LUM not back within [", lumLossLimit_.count(), "] s, ending the update with [",
+             kErrInterrupted, "]");
+  seqInstallationFailed(kErrInterrupted);
 }
 
 void Logic::eventInternal(int value) {

@@ -58,6 +58,8 @@ void Logic::seqGetStatus() {
   if (!lum->getDomainUpdateSessionState(kClientId, riid_, state, true)) {
     MLOG_ERROR(kTag, "getDomainUpdateSessionState: Communication error with LUM!");
     polling_ = false;
+    // Nothing polls until the LUM is reported back: the watch bounds that wait.
+    lumLost();
     return;
   }
   const uint32_t returned = status(state.returnStatus);

@@ -807,6 +807,32 @@ TEST_F(LogicTest, AnErrorEventRacingAStartCallEndsTheUpdateOnceWithTheLumsCode) 
   }
 }
 
+TEST_F(LogicTest, ALumLostForGoodEndsTheUpdateAtTheLimitOneBackInTimeDoesNot) {
+  for (const bool back : {false, true}) {
+    SCOPED_TRACE(back ? "back in time" : "gone for good");
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make(false);
+    installing(*logic, 3);
+    log_->clear();
+    const auto lost = clock_.elapsed();
+    logic->eventConnection(false);
+    while (!logic->tasks.empty() && clock_.elapsed() - lost < std::chrono::seconds(1799)) {
+      logic->runOne();
+    }
+    EXPECT_EQ(logic->getStateHMI(), eINSTALLING);
+    if (back) {
+      logic->eventConnection(true);
+    }
+    logic->run(5);
+    EXPECT_GE(clock_.elapsed() - lost, std::chrono::seconds(1800));
+    EXPECT_EQ(logic->getStateHMI(), back ? eINSTALLING : eINSTALLATIONFAILED);
+    EXPECT_EQ(logic->getErrorCode(), back ? 0u : 608u);
+    EXPECT_EQ(arbiter_.holder, back ? ACTIVE_USB : ACTIVE_NONE);
+    EXPECT_EQ(log_->count("LUM not back within [1800] s, ending the update with [608]"),
+              back ? 0u : 1u);
+  }
+}
+
 TEST_F(LogicTest, FinishedEventClosesThenFinishes) {
   std::unique_ptr<TestLogic> logic = make();
   installing(*logic, 5);
