@@ -4,6 +4,7 @@
 #include "logic/logic.h"
 
 #include <cstdint>
+#include <mutex>
 
 #include "interfaces/lum/lum_names.h"
 #include "logic/logic_internal.h"
@@ -61,6 +62,11 @@ void Logic::seqGetStatus() {
     // Nothing polls until the LUM is reported back: the watch bounds that wait.
     lumLost();
     return;
+  }
+  {
+    // A LUM that answers is not lost, whatever discovery said.
+    std::lock_guard<std::mutex> lock(lumWatchMutex_);
+    lumLostSince_.reset();
   }
   const uint32_t returned = status(state.returnStatus);
   const uint32_t processing = static_cast<uint32_t>(state.currentProcessingState);
