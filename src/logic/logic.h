@@ -201,8 +201,6 @@ class Logic : public ILumChannel {
   bool claimLumFailure(uint32_t& code);
   bool claimSuccess();
   bool lumErrorPending();
-  // Ends the update as failed; the caller holds the claim.
-  void failUpdate(uint32_t code);
   // A start call the LUM refused: when its session has failed, the LUM's error handling ends
   // the update (its event may still be on the way); otherwise the start's own `code` does.
   void startFailed(const char* op, uint32_t code);

@@ -87,7 +87,7 @@ void Logic::queueErrorHandling(uint32_t lumCode, uint32_t fallback) {
   enqueue([this] {
     uint32_t code = 0;
     if (claimLumFailure(code)) {
-      failUpdate(code);
+      seqInstallationFailed(static_cast<int>(code));  // the claim is this task's now
     }
   });
 }
@@ -204,8 +204,9 @@ void Logic::seqWatchLum() {
   {
     std::lock_guard<std::mutex> lock(lumWatchMutex_);
     if (!lumLostSince_ || stateLUM_ == 0 || stopping_) {
-      lumWatchQueued_ = false;
       MLOG_INFO(kTag, lumLostSince_ ? "Update ended, LUM watch ends" : "LUM back in time");
+      lumWatchQueued_ = false;
+      lumLostSince_.reset();
       return;
     }
     left = *lumLostSince_ + lumLossLimit_ - kel::vxp3::minfw::clock().now();

@@ -517,18 +517,15 @@ void Logic::seqInstallationFinished() {
 }
 
 void Logic::seqInstallationFailed(int errorCode) {
-  if (claimFailure(static_cast<uint32_t>(errorCode))) {
-    failUpdate(static_cast<uint32_t>(errorCode));
+  if (!claimFailure(static_cast<uint32_t>(errorCode))) {
+    return;
   }
-}
-
-void Logic::failUpdate(uint32_t errorCode) {
   MLOG_ERROR(kTag, "InstallationFailed, errorCode [", errorCode, "]");
-  writeErrorCode(errorCode);
+  writeErrorCode(static_cast<uint32_t>(errorCode));
   setStateHMI(eINSTALLATIONFAILED);
   sendHmiState(eINSTALLATIONFAILED, medium().trainName);
   if (signalUSBhmiSetErrorCode) {
-    signalUSBhmiSetErrorCode(errorCode);
+    signalUSBhmiSetErrorCode(static_cast<uint32_t>(errorCode));
   }
   setStateLUM(0);
   stampUpdate(false);

@@ -126,9 +126,8 @@ class ScriptedLum : public DiagLUMControlClient {
   template <typename Output>
   bool answer(const std::string& op, Output& out) {
     calls.push_back(op);
-    if (onCall) {
+    if (onCall)
       onCall(op);
-    }
     std::deque<uint32_t>& queue = script[op];
     uint32_t value = 0;
     if (!queue.empty()) {
@@ -215,7 +214,6 @@ class TestLogic : public Logic {
     };
   }
 
-  using Logic::ReadKeyManifest;
   using Logic::seqCloseDomainUpdate;
   using Logic::seqGetStatus;
   using Logic::seqHmiStateChanged;
@@ -484,6 +482,7 @@ TEST_F(LogicTest, AnalysisRejectsWhileTheDiagnosticMasterHoldsTheLum) {
   EXPECT_EQ(logic->hmi->seen.back(), "state:7:T1");
 }
 
+// Read at the LUM's first URL request: a fault is still answered, then ends the update.
 TEST_F(LogicTest, KeyManifestSizeLimitAndFaults) {
   struct Row {
     const char* proves;
@@ -507,14 +506,22 @@ TEST_F(LogicTest, KeyManifestSizeLimitAndFaults) {
     } else {
       medium_.put("/medium/keys/KeyManifest.mose", row.manifest);
     }
-    EXPECT_EQ(logic->ReadKeyManifest(), row.read);
+    installing(*logic, 3);
+    ResolveUpdateURLRequest request;
+    request.fileNames = {"pkg.bin", "other.bin"};
+    logic->eventResolveUpdateURLRequest(request);
     logic->run(4);
     EXPECT_EQ(static_cast<uint32_t>(record_->getErrorCode(0)), row.errorCode);
+    EXPECT_EQ(logic->getStateHMI(), row.read ? eINSTALLING : eINSTALLATIONFAILED);
+    ASSERT_EQ(arbiter_.lum->urlResponses.size(), 1u);
     if (row.read) {
       EXPECT_EQ(kel::vxp3::minfw::json::JSON::Load(record_->getKeyManifest())
                     .find("EncryptedFiles")
                     ->size(),
                 2u);
+    } else {
+      EXPECT_EQ(arbiter_.lum->urlResponses[0].error, lum11::CM_UrlError::internalError);
+      EXPECT_EQ(arbiter_.lum->urlResponses[0].urlInfo, std::vector<std::string>({"", ""}));
     }
   }
 }
@@ -558,32 +565,6 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
     } else {
       EXPECT_EQ(response.urlInfo[0], "");
     }
-  }
-}
-
-TEST_F(LogicTest, UrlRequestWithoutAKeyManifestIsAnsweredOnceAndEndsTheUpdate) {
-  const std::vector<std::pair<std::string, uint32_t>> faults = {
-      {"", 612}, {"a.b.c", 613}, {debugManifest(kPayload, 512001), 617}};
-  for (const auto& [manifest, code] : faults) {
-    SCOPED_TRACE(code);
-    arbiter_ = Arbiter{};
-    std::unique_ptr<TestLogic> logic = make();
-    offer(*logic);
-    manifest.empty() ? medium_.remove("/medium/keys/KeyManifest.mose")
-                     : medium_.put("/medium/keys/KeyManifest.mose", manifest);
-    installing(*logic, 3);
-    ResolveUpdateURLRequest request;
-    request.fileNames = {"pkg.bin", "other.bin"};
-    request.updateURLRequestID[0] = 0xCD;
-    logic->eventResolveUpdateURLRequest(request);
-    logic->run(4);
-    ASSERT_EQ(arbiter_.lum->urlResponses.size(), 1u);
-    EXPECT_EQ(arbiter_.lum->urlResponses[0].updateURLRequestID[0], 0xCD);
-    EXPECT_EQ(arbiter_.lum->urlResponses[0].error, lum11::CM_UrlError::internalError);
-    EXPECT_EQ(arbiter_.lum->urlResponses[0].urlInfo, std::vector<std::string>({"", ""}));
-    EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
-    EXPECT_EQ(logic->getErrorCode(), code);
-    EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
   }
 }
 
@@ -771,8 +752,7 @@ TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
   EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{"end"});
 }
 
-// The LUM fails its session as a start call goes out; its event arrives before the start task,
-// while the call is answered (refused) or after it.
+// The LUM fails its session as a start call goes out: its event comes before, during or after it.
 TEST_F(LogicTest, AnErrorEventRacingAStartCallEndsTheUpdateOnceWithTheLumsCode) {
   for (const std::string op : {"startDomainUpdateDownload", "startDomainUpdate"}) {
     for (const std::string when : {"before", "during", "after"}) {
@@ -783,23 +763,19 @@ TEST_F(LogicTest, AnErrorEventRacingAStartCallEndsTheUpdateOnceWithTheLumsCode) 
       log_->clear();
       arbiter_.lum->script[op] = {1};
       arbiter_.lum->state = PS::failFinished;
-      arbiter_.lum->resultCode = 4711;
-      auto error = [&logic] { logic->eventDomainErrorNotification(1, 4711); };
-      arbiter_.lum->onCall = [&](const std::string& call) {
-        if (call == op && when == "during")
-          error();
+      auto error = [&](const std::string& at) {
+        if (at == when)
+          logic->eventDomainErrorNotification(1, 4711);
       };
-      if (when == "before")
-        error();
+      arbiter_.lum->onCall = [&](const std::string& call) { error(call == op ? "during" : ""); };
+      error("before");
       op == "startDomainUpdate" ? logic->seqSendStartDomainUpdate()
                                 : logic->seqSendStartDomainUpdateDownload();
-      if (when == "after")
-        error();
+      error("after");
       logic->run(10);
-      EXPECT_EQ(log_->count("InstallationFailed, errorCode ["), 1u);
-      EXPECT_EQ(logic->getErrorCode(), 4711u);
-      const std::vector<std::string>& seen = logic->hmi->seen;
-      EXPECT_EQ(std::count(seen.begin(), seen.end(), "state:3:"), 1);
+      EXPECT_EQ(log_->count("InstallationFailed, errorCode [4711]"), 1u);
+      EXPECT_EQ(log_->count("InstallationFailed"), 1u);
+      EXPECT_EQ(std::count(logic->hmi->seen.begin(), logic->hmi->seen.end(), "state:3:"), 1);
       EXPECT_EQ(arbiter_.lum->count("getDomainUpdateResult"), 1u);
       EXPECT_EQ(arbiter_.lum->count("closeDomainUpdateSession"), 1u);
       EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
@@ -816,20 +792,16 @@ TEST_F(LogicTest, ALumLostForGoodEndsTheUpdateAtTheLimitOneBackInTimeDoesNot) {
     log_->clear();
     const auto lost = clock_.elapsed();
     logic->eventConnection(false);
-    while (!logic->tasks.empty() && clock_.elapsed() - lost < std::chrono::seconds(1799)) {
+    while (!logic->tasks.empty() && clock_.elapsed() - lost < std::chrono::seconds(1799))
       logic->runOne();
-    }
     EXPECT_EQ(logic->getStateHMI(), eINSTALLING);
-    if (back) {
+    if (back)
       logic->eventConnection(true);
-    }
     logic->run(5);
     EXPECT_GE(clock_.elapsed() - lost, std::chrono::seconds(1800));
     EXPECT_EQ(logic->getStateHMI(), back ? eINSTALLING : eINSTALLATIONFAILED);
     EXPECT_EQ(logic->getErrorCode(), back ? 0u : 608u);
-    EXPECT_EQ(arbiter_.holder, back ? ACTIVE_USB : ACTIVE_NONE);
-    EXPECT_EQ(log_->count("LUM not back within [1800] s, ending the update with [608]"),
-              back ? 0u : 1u);
+    EXPECT_EQ(log_->count("LUM not back within [1800] s"), back ? 0u : 1u);
   }
 }
 
