@@ -16,7 +16,7 @@
 // One update ends once: the LUM's error report (a middleware thread) and the sequences' own
 // failures and success (the worker) claim the end under endMutex_. While the handling of the
 // LUM's error is queued, every other failure leaves the end to it. endMutex_ is taken last: no
-// other lock of this class and no signal is used while it is held, only the record.
+// other lock of this class and no signal is used while it is held (only the record and the log).
 // lumWatchMutex_ guards the watch over a LUM lost during an update: the connection events (a
 // middleware thread) and the poll arm or disarm it, the watch task on the worker ends the
 // update once the LUM stayed away longer than the limit.
