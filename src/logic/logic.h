@@ -203,7 +203,7 @@ class Logic : public ILumChannel {
   bool lumErrorPending();
   // A start call the LUM refused: when its session has failed, the LUM's error handling ends
   // the update (its event may still be on the way); otherwise the start's own `code` does.
-  void startFailed(const char* op, uint32_t code);
+  void startFailed(uint32_t code);
   bool lumSessionFailed();
   // The LUM went away (or stopped answering the poll) while a session runs: the watch starts.
   void lumLost();

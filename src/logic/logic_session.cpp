@@ -367,7 +367,8 @@ void Logic::seqSendStartDomainUpdateDownload() {
     setStateLUM(3);
     queuePoll();
   } else if (!refusal.empty()) {
-    startFailed("startDomainUpdateDownload", kErrStartDownload);
+    MLOG_ERROR(kTag, "startDomainUpdateDownload failed!");
+    startFailed(kErrStartDownload);
   }
 }
 
@@ -388,7 +389,8 @@ void Logic::seqSendStartDomainUpdate() {
     setStateLUM(5);
     queuePoll();
   } else if (!refusal.empty()) {
-    startFailed("startDomainUpdate", kErrStartUpdate);
+    MLOG_ERROR(kTag, "startDomainUpdate failed!");
+    startFailed(kErrStartUpdate);
   }
 }
 
@@ -434,8 +436,7 @@ void Logic::seqGetDomainUpdateResult() {
   seqInstallationFailed(kErrResult);
 }
 
-void Logic::startFailed(const char* op, uint32_t code) {
-  MLOG_ERROR(kTag, op, " failed!");
+void Logic::startFailed(uint32_t code) {
   if (!lumErrorPending() && lumSessionFailed()) {
     queueErrorHandling(0, code);
   }
