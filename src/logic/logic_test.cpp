@@ -738,6 +738,8 @@ TEST_F(LogicTest, FacadeRefusedFailsWith601) {
 
 TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
   std::unique_ptr<TestLogic> logic = make();
+  logic->eventDomainErrorNotification(1, 99);  // no session: nothing to end
+  EXPECT_TRUE(logic->tasks.empty());
   installing(*logic, 5);
   logic->eventDomainErrorNotification(1, 1234);
   EXPECT_EQ(record_->getErrorCode(0), 1234);
