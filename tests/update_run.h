@@ -83,12 +83,11 @@ class UpdateRun {
                                            "--call-log", dir_.path() + "/calls.log"}));
   }
 
-  // (Re)starts orvane and waits until it has found the LUM.
-  void startOrvane() {
+  // (Re)starts orvane, with `env` added to its environment, and waits until it has found the LUM.
+  void startOrvane(std::map<std::string, std::string> env = {}) {
     orvane_ = std::make_unique<ChildProcess>();
-    ASSERT_TRUE(orvane_->start(
-        ORVANE_BIN, {"-console"},
-        {{"ORVANE_PERSISTENCE_DIR", recordDir()}, {"ORVANE_UPDATE_ENDPOINT", kMediumUrl}}));
+    env.insert({{"ORVANE_PERSISTENCE_DIR", recordDir()}, {"ORVANE_UPDATE_ENDPOINT", kMediumUrl}});
+    ASSERT_TRUE(orvane_->start(ORVANE_BIN, {"-console"}, env));
     ASSERT_TRUE(orvane_->waitForOutput("DiagLocalUpdateManagerControlClient connected!", kLong))
         << orvane_->output();
     ASSERT_TRUE(orvane_->waitForOutput("Server created with FD", kLong)) << orvane_->output();

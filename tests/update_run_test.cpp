@@ -23,16 +23,23 @@ constexpr auto kPatience = seconds(90);
 TEST(UpdateRunTest, ThreadedFaultRunsEndInTheirDefinedState) {
   struct Row {
     const char* proves;
-    const char* session;  // lum-sim's scenario for the one session
-    int64_t errorCode;    // in the record at rest
-    const char* logged;   // a line orvane must have logged on the way
+    const char* session;      // lum-sim's scenario for the one session
+    int64_t errorCode;        // in the record at rest
+    const char* logged;       // a line orvane must have logged on the way
+    bool lumFailure = false;  // the LUM failed the session: result fetched, session closed once
   };
   const std::vector<Row> rows = {
       {"a clean update", R"({"analyseMs": 500, "downloadMs": 800, "installMs": 800})", 0,
        "eINSTALLATIONFINISHEDCONFIRMED"},
       {"a LUM error event", R"({"analyseMs": 500, "downloadMs": 3000,
           "error": {"phase": "downloading", "afterMs": 300, "code": 4711}})",
-       4711, "errorCode: 4711"},
+       4711, "errorCode: 4711", true},
+      {"a session failed as the download is due", R"({"analyseMs": 500,
+          "error": {"phase": "verificationFinished", "afterMs": 0, "code": 4712}})",
+       4712, "errorCode: 4712", true},
+      {"a LUM that stops offering for good", R"({"analyseMs": 300, "downloadMs": 60000,
+          "stopOffer": {"phase": "downloading", "afterMs": 300}})",
+       608, "LUM not back within [4] s"},
       {"busy answers are waited out", R"({"analyseMs": 300, "downloadMs": 500, "installMs": 500,
           "busy": {"createDomainUpdateSession": 1, "startDomainUpdate": 1}})",
        0, "startDomainUpdate() return status [busy], retry in 10 seconds"},
@@ -47,10 +54,18 @@ TEST(UpdateRunTest, ThreadedFaultRunsEndInTheirDefinedState) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     UpdateRun run(std::string(R"({"sessions": [)") + row.session + "]}");
-    run.startOrvane();
+    run.startOrvane({{"ORVANE_LUM_LOSS_LIMIT_S", "4"}});
     run.handOver();
     const JSON record = run.waitForRest();
     EXPECT_EQ(member(record, "errorcode"), row.errorCode);
+    auto once = [](const std::string& text, const char* what) {
+      return text.find(what) != std::string::npos && text.find(what) == text.rfind(what);
+    };
+    EXPECT_EQ(once(run.orvane().output(), "InstallationFailed, errorCode ["), row.errorCode != 0);
+    if (row.lumFailure) {
+      EXPECT_TRUE(once(run.calls(), "getDomainUpdateResult")) << run.calls();
+      EXPECT_TRUE(once(run.calls(), "closeDomainUpdateSession")) << run.calls();
+    }
     EXPECT_EQ(member(record, "channel"), 2);
     EXPECT_EQ(record.find("trainname") ? record.find("trainname")->ToString() : "?", "");
     if (row.errorCode == 0) {

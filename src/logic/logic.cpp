@@ -4,6 +4,7 @@
 // run on the pool worker; medium() and keyManifest() on any thread, under mediumMutex_.
 #include "logic/logic.h"
 
+#include <cstdlib>
 #include <stdexcept>
 #include <utility>
 
@@ -20,6 +21,16 @@ using namespace logic_internal;
 
 Logic::Logic(std::shared_ptr<Persistence> persistence) : persistence_(std::move(persistence)) {
   pool_ = std::make_unique<kel::vxp3::minfw::ThreadPool>(1, "orv-logic");
+  if (const char* text = std::getenv("ORVANE_LUM_LOSS_LIMIT_S")) {
+    char* end = nullptr;
+    const long long seconds = std::strtoll(text, &end, 10);
+    if (end != text && *end == '\0' && seconds > 0) {
+      lumLossLimit_ = std::chrono::seconds(seconds);
+    } else {
+      MLOG_WARN(kTag, "ORVANE_LUM_LOSS_LIMIT_S [", text, "] is not a number of seconds, using [",
+                kLumLossLimitSeconds, "]");
+    }
+  }
 }
 
 Logic::~Logic() {
@@ -149,10 +160,15 @@ void Logic::waitForLum() {
     MLOG_ERROR(kTag, "init:: No signalQueryAlive!");
     throw std::runtime_error("init:: no signalQueryAlive!");
   }
+  // An update interrupted by the restart waits for the LUM as long as one running would.
+  const auto since = kel::vxp3::minfw::clock().now();
   while (!signalQueryAlive()) {
     if (stopping_ || pool_->stopping()) {
       MLOG_WARN(kTag, "Thread interrupted!");
       return;
+    }
+    if (stateLUM_ != 0 && kel::vxp3::minfw::clock().now() - since >= lumLossLimit_) {
+      lumGoneForGood();
     }
     sleepMs(1000);
   }

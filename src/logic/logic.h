@@ -13,19 +13,29 @@
 // keyManifest_, which the worker writes and diagTriggerStartUpdate (a caller's thread) reads.
 // The retry counters and polling bookkeeping belong to the worker. The signals are bound on
 // the main thread before init() and are only read afterwards.
+// One update ends once: the LUM's error report (a middleware thread) and the sequences' own
+// failures and success (the worker) claim the end under endMutex_. While the handling of the
+// LUM's error is queued, every other failure leaves the end to it. endMutex_ is taken last: no
+// other lock of this class and no signal is used while it is held (only the record and the log).
+// lumWatchMutex_ guards the watch over a LUM lost during an update: the connection events (a
+// middleware thread) and the poll arm or disarm it, the watch task on the worker ends the
+// update once the LUM stayed away longer than the limit.
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "interfaces/hmi/hmi_service_i.h"
 #include "interfaces/hmi/hmi_states.h"
 #include "interfaces/lum/lum_channel.h"
+#include "minfw/clock.h"
 #include "minfw/thread_pool.h"
 
 namespace orv {
@@ -37,6 +47,8 @@ class Logic : public ILumChannel {
   // The LUM client id of every session this channel opens.
   static constexpr const char* kClientId = "NODBOX-USB";
   static constexpr uint64_t kKeyManifestMaxSize = 512000;
+  // How long an update waits for a LUM that went away; ORVANE_LUM_LOSS_LIMIT_S overrides it.
+  static constexpr int64_t kLumLossLimitSeconds = 1800;
 
   // Service error codes.
   enum ErrorCode : uint32_t {
@@ -180,8 +192,27 @@ class Logic : public ILumChannel {
   void sendHmiState(uint32_t state, const std::string& description);
   void writeErrorCode(uint32_t code);
   // The handling of the two events, shared with the status poll that makes up for them.
-  void queueErrorHandling(uint32_t errorCode);
+  // `lumCode` is the LUM's own code (0: none reported); `fallback` the code used when the LUM
+  // gives none, neither in its event nor in its result.
+  void queueErrorHandling(uint32_t lumCode, uint32_t fallback);
   void queueFinishedHandling();
+  // The claims on the end of the update (see the threading note above). claimFailure is false
+  // when the LUM's error handling ends the update instead; claimLumFailure yields the code it
+  // ends with; claimSuccess is false while that handling is queued.
+  void openSession();
+  bool claimFailure(uint32_t code);
+  bool claimLumFailure(uint32_t& code);
+  bool claimSuccess();
+  bool lumErrorPending();
+  // A start call the LUM refused: when its session has failed, the LUM's error handling ends
+  // the update (its event may still be on the way); otherwise the start's own `code` does.
+  void startFailed(uint32_t code);
+  bool lumSessionFailed();
+  // The LUM went away (or stopped answering the poll) while a session runs: the watch starts.
+  void lumLost();
+  // One step of the watch; it queues itself again until the LUM is back or the limit passed.
+  void seqWatchLum();
+  void lumGoneForGood();
   void waitForLum();
   void resynchroniseHmi();
   void resume();
@@ -194,8 +225,13 @@ class Logic : public ILumChannel {
   // The update holds the LUM session or ended: a hand-over it came from is no longer needed.
   void settleHandOver();
   void queuePoll();
-  bool startExpected(uint32_t before, const char* phase) const;
+  bool startExpected(uint32_t before, const char* phase);
   void fallBackTo(uint32_t step);
+  // Reads and decrypts the key manifest: 0, or the error code of the fault (logged).
+  uint32_t loadKeyManifest();
+  // Ends the update with a key-manifest fault's code (617 is queued, the others end it at once).
+  void failKeyManifest(uint32_t code);
+  void sendUrlResponse(const lum11::UpdateUrlResponseStruct& response);
   // The USB channel's facade; without one the update fails with 601.
   std::shared_ptr<DiagLUMControlClient> lumOrFail();
   // One session call with retry on busy: true when the LUM accepted it; otherwise `refusal` is
@@ -227,6 +263,18 @@ class Logic : public ILumChannel {
   // Pool worker only: the laptop's recorded hand-over that the current update came from, ""
   // when none; cleared in the record too once the update settles.
   std::string handOver_;
+
+  std::mutex endMutex_;           // guards the four below
+  bool endDecided_ = false;       // the running update's end is claimed
+  bool lumErrorPending_ = false;  // the LUM's error handling is queued and ends the update
+  uint32_t lumErrorCode_ = 0;     // the LUM's own code; the first report counts
+  uint32_t fallbackCode_ = 0;     // the code of the first failure left to that handling
+
+  std::mutex lumWatchMutex_;  // guards the two below
+  std::optional<kel::vxp3::minfw::Clock::TimePoint> lumLostSince_;
+  bool lumWatchQueued_ = false;
+  // Set at construction, read only afterwards.
+  std::chrono::seconds lumLossLimit_{kLumLossLimitSeconds};
 
   std::array<uint32_t, 4> retry_{};  // pool worker only
 

@@ -4,6 +4,7 @@
 #include "logic/logic.h"
 
 #include <cstdint>
+#include <mutex>
 
 #include "interfaces/lum/lum_names.h"
 #include "logic/logic_internal.h"
@@ -58,7 +59,14 @@ void Logic::seqGetStatus() {
   if (!lum->getDomainUpdateSessionState(kClientId, riid_, state, true)) {
     MLOG_ERROR(kTag, "getDomainUpdateSessionState: Communication error with LUM!");
     polling_ = false;
+    // Nothing polls until the LUM is reported back: the watch bounds that wait.
+    lumLost();
     return;
+  }
+  {
+    // A LUM that answers is not lost, whatever discovery said.
+    std::lock_guard<std::mutex> lock(lumWatchMutex_);
+    lumLostSince_.reset();
   }
   const uint32_t returned = status(state.returnStatus);
   const uint32_t processing = static_cast<uint32_t>(state.currentProcessingState);
@@ -85,7 +93,7 @@ void Logic::seqGetStatus() {
     if ((ps == PS::failFinished || ps == PS::revertFinished) && step != 6) {
       handled = true;
       if (overdue(RETRY_ERROR, "RETRY_ERROR")) {
-        queueErrorHandling(errorCode_);
+        queueErrorHandling(0, 0);
         goOn = false;
       }
     }

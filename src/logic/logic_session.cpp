@@ -219,6 +219,7 @@ void Logic::seqInstallationStart() {
   lum11::createDomainUpdateSession_diagnosticAddress addresses;
   addresses.diagnosticAddresses = taken.diagAddresses;
 
+  openSession();
   for (int attempt = 1; attempt <= kSessionTries; ++attempt) {
     Client::CreateDomainUpdateSessionOutput out;
     const bool answered =
@@ -324,7 +325,11 @@ bool Logic::callSession(const char* op, SessionCall call, std::string* refusal) 
 // A phase starts from the step before it, or from its own step when resumed after a restart.
 // A second start (the event and the poll that made it up both queue one), or one queued before
 // the update ended, finds the session elsewhere and is dropped.
-bool Logic::startExpected(uint32_t before, const char* phase) const {
+bool Logic::startExpected(uint32_t before, const char* phase) {
+  if (lumErrorPending()) {
+    MLOG_WARN(kTag, "The LUM reported an error, not starting the ", phase, " phase");
+    return false;
+  }
   const uint32_t step = stateLUM_;
   if (step == before || step == before + 1) {
     return true;
@@ -363,7 +368,7 @@ void Logic::seqSendStartDomainUpdateDownload() {
     queuePoll();
   } else if (!refusal.empty()) {
     MLOG_ERROR(kTag, "startDomainUpdateDownload failed!");
-    seqInstallationFailed(kErrStartDownload);
+    startFailed(kErrStartDownload);
   }
 }
 
@@ -385,7 +390,7 @@ void Logic::seqSendStartDomainUpdate() {
     queuePoll();
   } else if (!refusal.empty()) {
     MLOG_ERROR(kTag, "startDomainUpdate failed!");
-    seqInstallationFailed(kErrStartUpdate);
+    startFailed(kErrStartUpdate);
   }
 }
 
@@ -429,6 +434,27 @@ void Logic::seqGetDomainUpdateResult() {
     MLOG_WARN(kTag, "getDomainUpdateResult failed! (retry ", attempt, ")");
   }
   seqInstallationFailed(kErrResult);
+}
+
+void Logic::startFailed(uint32_t code) {
+  if (!lumErrorPending() && lumSessionFailed()) {
+    queueErrorHandling(0, code);
+  }
+  seqInstallationFailed(static_cast<int>(code));
+}
+
+bool Logic::lumSessionFailed() {
+  std::shared_ptr<DiagLUMControlClient> lum =
+      signalRequestInterface ? signalRequestInterface(ACTIVE_USB) : nullptr;
+  Client::GetDomainUpdateSessionStateOutput state;
+  if (!lum || !lum->getDomainUpdateSessionState(kClientId, riid_, state, false) ||
+      status(state.returnStatus) != kReturnOk) {
+    return false;
+  }
+  MLOG_INFO(kTag, "Session state after the refusal [",
+            lum::processingStateName(static_cast<uint32_t>(state.currentProcessingState)), "]");
+  return state.currentProcessingState == lum11::CM_CurrentProcessingState::failFinished ||
+         state.currentProcessingState == lum11::CM_CurrentProcessingState::revertFinished;
 }
 
 void Logic::seqCloseDomainUpdate() {
@@ -479,6 +505,9 @@ void Logic::seqInstallationFinished() {
     MLOG_WARN(kTag, "Update already ended, skipping");
     return;
   }
+  if (!claimSuccess()) {
+    return;
+  }
   // Complete, whatever the last progress poll saw before the LUM finished.
   seqUpdateProgress(100);
   setStateHMI(eINSTALLATIONFINISHED);
@@ -489,8 +518,10 @@ void Logic::seqInstallationFinished() {
 }
 
 void Logic::seqInstallationFailed(int errorCode) {
+  if (!claimFailure(static_cast<uint32_t>(errorCode))) {
+    return;
+  }
   MLOG_ERROR(kTag, "InstallationFailed, errorCode [", errorCode, "]");
-  errorCode_.store(static_cast<uint32_t>(errorCode));
   writeErrorCode(static_cast<uint32_t>(errorCode));
   setStateHMI(eINSTALLATIONFAILED);
   sendHmiState(eINSTALLATIONFAILED, medium().trainName);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
 #include <map>
 #include <memory>
@@ -46,6 +47,7 @@ class ScriptedLum : public DiagLUMControlClient {
   uint32_t resultCode = 0;
   std::vector<std::string> calls;
   std::vector<lum11::UpdateUrlResponseStruct> urlResponses;
+  std::function<void(const std::string& op)> onCall;  // runs inside each call
 
   size_t count(const std::string& op) const {
     size_t n = 0;
@@ -124,6 +126,8 @@ class ScriptedLum : public DiagLUMControlClient {
   template <typename Output>
   bool answer(const std::string& op, Output& out) {
     calls.push_back(op);
+    if (onCall)
+      onCall(op);
     std::deque<uint32_t>& queue = script[op];
     uint32_t value = 0;
     if (!queue.empty()) {
@@ -210,7 +214,6 @@ class TestLogic : public Logic {
     };
   }
 
-  using Logic::ReadKeyManifest;
   using Logic::seqCloseDomainUpdate;
   using Logic::seqGetStatus;
   using Logic::seqHmiStateChanged;
@@ -479,6 +482,7 @@ TEST_F(LogicTest, AnalysisRejectsWhileTheDiagnosticMasterHoldsTheLum) {
   EXPECT_EQ(logic->hmi->seen.back(), "state:7:T1");
 }
 
+// Read at the LUM's first URL request: a fault is still answered, then ends the update.
 TEST_F(LogicTest, KeyManifestSizeLimitAndFaults) {
   struct Row {
     const char* proves;
@@ -502,14 +506,22 @@ TEST_F(LogicTest, KeyManifestSizeLimitAndFaults) {
     } else {
       medium_.put("/medium/keys/KeyManifest.mose", row.manifest);
     }
-    EXPECT_EQ(logic->ReadKeyManifest(), row.read);
+    installing(*logic, 3);
+    ResolveUpdateURLRequest request;
+    request.fileNames = {"pkg.bin", "other.bin"};
+    logic->eventResolveUpdateURLRequest(request);
     logic->run(4);
     EXPECT_EQ(static_cast<uint32_t>(record_->getErrorCode(0)), row.errorCode);
+    EXPECT_EQ(logic->getStateHMI(), row.read ? eINSTALLING : eINSTALLATIONFAILED);
+    ASSERT_EQ(arbiter_.lum->urlResponses.size(), 1u);
     if (row.read) {
       EXPECT_EQ(kel::vxp3::minfw::json::JSON::Load(record_->getKeyManifest())
                     .find("EncryptedFiles")
                     ->size(),
                 2u);
+    } else {
+      EXPECT_EQ(arbiter_.lum->urlResponses[0].error, lum11::CM_UrlError::internalError);
+      EXPECT_EQ(arbiter_.lum->urlResponses[0].urlInfo, std::vector<std::string>({"", ""}));
     }
   }
 }
@@ -726,6 +738,8 @@ TEST_F(LogicTest, FacadeRefusedFailsWith601) {
 
 TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
   std::unique_ptr<TestLogic> logic = make();
+  logic->eventDomainErrorNotification(1, 99);  // no session: nothing to end
+  EXPECT_TRUE(logic->tasks.empty());
   installing(*logic, 5);
   logic->eventDomainErrorNotification(1, 1234);
   EXPECT_EQ(record_->getErrorCode(0), 1234);
@@ -738,6 +752,59 @@ TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
   EXPECT_EQ(record_->getStateLum(9), 0u);
   EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
   EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{"end"});
+}
+
+// The LUM fails its session as a start call goes out: its event comes before, during or after it.
+TEST_F(LogicTest, AnErrorEventRacingAStartCallEndsTheUpdateOnceWithTheLumsCode) {
+  for (const std::string op : {"startDomainUpdateDownload", "startDomainUpdate"}) {
+    for (const std::string when : {"before", "during", "after"}) {
+      SCOPED_TRACE(op + ", error event " + when);
+      arbiter_ = Arbiter{};
+      std::unique_ptr<TestLogic> logic = make(false);
+      installing(*logic, op == "startDomainUpdate" ? 3 : 1);
+      log_->clear();
+      arbiter_.lum->script[op] = {1};
+      arbiter_.lum->state = PS::failFinished;
+      auto error = [&](const std::string& at) {
+        if (at == when)
+          logic->eventDomainErrorNotification(1, 4711);
+      };
+      arbiter_.lum->onCall = [&](const std::string& call) { error(call == op ? "during" : ""); };
+      error("before");
+      op == "startDomainUpdate" ? logic->seqSendStartDomainUpdate()
+                                : logic->seqSendStartDomainUpdateDownload();
+      error("after");
+      logic->run(10);
+      EXPECT_EQ(log_->count("InstallationFailed, errorCode [4711]"), 1u);
+      EXPECT_EQ(log_->count("InstallationFailed"), 1u);
+      EXPECT_EQ(std::count(logic->hmi->seen.begin(), logic->hmi->seen.end(), "state:3:"), 1);
+      EXPECT_EQ(arbiter_.lum->count("getDomainUpdateResult"), 1u);
+      EXPECT_EQ(arbiter_.lum->count("closeDomainUpdateSession"), 1u);
+      EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+    }
+  }
+}
+
+TEST_F(LogicTest, ALumLostForGoodEndsTheUpdateAtTheLimitOneBackInTimeDoesNot) {
+  for (const bool back : {false, true}) {
+    SCOPED_TRACE(back ? "back in time" : "gone for good");
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make(false);
+    installing(*logic, 3);
+    log_->clear();
+    const auto lost = clock_.elapsed();
+    logic->eventConnection(false);
+    while (!logic->tasks.empty() && clock_.elapsed() - lost < std::chrono::seconds(1799))
+      logic->runOne();
+    EXPECT_EQ(logic->getStateHMI(), eINSTALLING);
+    if (back)
+      logic->eventConnection(true);
+    logic->run(5);
+    EXPECT_GE(clock_.elapsed() - lost, std::chrono::seconds(1800));
+    EXPECT_EQ(logic->getStateHMI(), back ? eINSTALLING : eINSTALLATIONFAILED);
+    EXPECT_EQ(logic->getErrorCode(), back ? 0u : 608u);
+    EXPECT_EQ(log_->count("LUM not back within [1800] s"), back ? 0u : 1u);
+  }
 }
 
 TEST_F(LogicTest, FinishedEventClosesThenFinishes) {

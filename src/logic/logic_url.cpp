@@ -34,20 +34,34 @@ std::string joinUrl(const std::string& base, const std::string& name) {
 // Key manifest and URL resolution
 
 bool Logic::ReadKeyManifest() {
+  const uint32_t fault = loadKeyManifest();
+  if (fault != 0) {
+    failKeyManifest(fault);
+  }
+  return fault == 0;
+}
+
+void Logic::failKeyManifest(uint32_t code) {
+  if (code == kErrKeyManifestSize) {
+    enqueue([this] { seqInstallationFailed(kErrKeyManifestSize); });
+  } else {
+    seqInstallationFailed(static_cast<int>(code));
+  }
+}
+
+uint32_t Logic::loadKeyManifest() {
   restoreMedium();
   const Medium taken = medium();
   const std::string url = joinUrl(taken.usbPath, taken.keyManifestFileAddr);
   uint64_t size = 0;
   if (taken.keyManifestFileAddr.empty() || !Http::_Size(url, size, kHttpTries)) {
     MLOG_ERROR(kTag, "Error reading keyManifest at [", url, "]");
-    seqInstallationFailed(kErrKeyManifestRead);
-    return false;
+    return kErrKeyManifestRead;
   }
   if (size > kKeyManifestMaxSize) {
     MLOG_ERROR(kTag, "Error keyManifest [", url, "] too big! size=[", size, "], max=[",
                kKeyManifestMaxSize, "]");
-    enqueue([this] { seqInstallationFailed(kErrKeyManifestSize); });
-    return false;
+    return kErrKeyManifestSize;
   }
   // No more than announced: the GET stops receiving there.
   std::string text;
@@ -60,23 +74,29 @@ bool Logic::ReadKeyManifest() {
       return false;
     }
     MLOG_ERROR(kTag, "Error reading keyManifest at [", url, "]");
-    seqInstallationFailed(kErrKeyManifestRead);
-    return false;
+    return kErrKeyManifestRead;
   }
   KeyManifest manifest;
   if (!manifest.Extract(text)) {
     MLOG_ERROR(kTag, "Error decrypting keyManifest from [", url, "]");
-    seqInstallationFailed(kErrKeyManifestDecrypt);
-    return false;
+    return kErrKeyManifestDecrypt;
   }
   setKeyManifest(manifest.payloadText());
-  return true;
+  return 0;
 }
 
 void Logic::seqResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) {
   if (keyManifest().empty()) {
     MLOG_INFO(kTag, "No keyManifest loaded!");
-    if (!ReadKeyManifest()) {
+    if (const uint32_t fault = loadKeyManifest()) {
+      // The LUM waits for an answer: it learns that nothing resolves before the update ends
+      // (which gives up control, and with it the way to answer).
+      lum11::UpdateUrlResponseStruct response;
+      response.updateURLRequestID = request.updateURLRequestID;
+      response.error = lum11::CM_UrlError::internalError;
+      response.urlInfo.assign(request.fileNames.size(), "");
+      sendUrlResponse(response);
+      failKeyManifest(fault);
       return;
     }
   } else {
@@ -145,6 +165,10 @@ void Logic::seqResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) {
     info += "]}";
     response.urlInfo.push_back(info);
   }
+  sendUrlResponse(response);
+}
+
+void Logic::sendUrlResponse(const lum11::UpdateUrlResponseStruct& response) {
   std::shared_ptr<DiagLUMControlClient> lum =
       signalRequestInterface ? signalRequestInterface(ACTIVE_USB) : nullptr;
   if (!lum) {
