@@ -108,7 +108,7 @@ struct EscapeTables {
       letter[static_cast<unsigned char>(plain[i])] = letters[i];
     for (std::size_t i = 0; i < sizeof(plain); ++i)
       decoded[static_cast<unsigned char>(letters[i])] = plain[i];
-    decoded['/'] = '/';
+    decoded[static_cast<unsigned char>('/')] = '/';
   }
 };
 constexpr EscapeTables kEscapes;
