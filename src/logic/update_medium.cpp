@@ -102,6 +102,10 @@ bool UpdateMedium::Parse(std::string location) {
   if (!Http::_Get(url, text, kTries)) {
     return false;
   }
+  return ParseText(text, url);
+}
+
+bool UpdateMedium::ParseText(const std::string& text, const std::string& url) {
   // The HEAD may lie: the limit holds for the body that arrived. A body that differs from the
   // announced size but stays within the limit is taken as it is.
   if (text.size() > kMaxSize) {
