@@ -108,6 +108,15 @@ bool UpdateMedium::Parse(std::string location) {
     }
     return false;
   }
+  return ParseText(text, url);
+}
+
+bool UpdateMedium::ParseText(const std::string& text, const std::string& url) {
+  // Parse's GET never takes more than the limit; a description given as text is held to it too.
+  if (text.size() > kMaxSize) {
+    MLOG_ERROR(kTag, "Remote file too big: size=[", text.size(), "], max=[", kMaxSize, "]");
+    return false;
+  }
   const Json doc = text.empty() ? Json() : Json::Load(text);
   if (doc.JSONType() != Json::Class::Object) {
     MLOG_ERROR(kTag, "No JSON content in [", url, "]");

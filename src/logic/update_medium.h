@@ -27,6 +27,8 @@ class UpdateMedium {
 
   // `location`: the URL of the medium's root, with or without a final "/".
   bool Parse(std::string location);
+  // The checks of Parse on a description already fetched from `url` (the description's own URL).
+  bool ParseText(const std::string& text, const std::string& url);
 
   const std::string& trainName() const { return trainName_; }
   const std::string& updateOrder() const { return updateOrder_; }

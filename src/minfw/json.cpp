@@ -108,7 +108,7 @@ struct EscapeTables {
       letter[static_cast<unsigned char>(plain[i])] = letters[i];
     for (std::size_t i = 0; i < sizeof(plain); ++i)
       decoded[static_cast<unsigned char>(letters[i])] = plain[i];
-    decoded['/'] = '/';
+    decoded[static_cast<unsigned char>('/')] = '/';
   }
 };
 constexpr EscapeTables kEscapes;
@@ -510,11 +510,17 @@ JSON parse_number(const std::string& str, std::size_t& offset) {
   }
   offset = i;
 
-  if (floating)
-    return JSON(std::stod(text) * std::pow(10.0, static_cast<double>(exponent)));
-  if (hasExponent) {
-    return JSON(static_cast<double>(std::stol(text, nullptr, 10)) *
-                std::pow(10.0, static_cast<double>(exponent)));
+  if (floating || hasExponent) {
+    const double mantissa =
+        floating ? std::stod(text) : static_cast<double>(std::stol(text, nullptr, 10));
+    const double value = mantissa * std::pow(10.0, static_cast<double>(exponent));
+    // An exponent beyond the double range gives inf or nan, which would dump as text that no
+    // reader takes back.
+    if (!std::isfinite(value)) {
+      JSON_PARSE_ERROR("ERROR: Number: out of range [", str.substr(start, i - start), "]");
+      return JSON();
+    }
+    return JSON(value);
   }
   return JSON(static_cast<int64_t>(std::stol(text, nullptr, 10)));
 }

@@ -12,7 +12,8 @@
 // as a zero character, so truncated input ends in one of those messages. Nesting deeper than
 // kMaxDepth arrays/objects is refused with one error record and yields Null at that level.
 // Number conversion (stol/stod) of over-long numbers may throw from the parse_* functions;
-// Load() catches that.
+// Load() catches that. A number whose exponent takes it beyond the double range is an error
+// ("ERROR: Number: out of range [...]") and reads as Null.
 //
 // dump(depth, tab) pretty-prints objects one member per line, arrays on one line. Integral
 // prints as the unsigned 64-bit value ("%lu"), Floating with "%f".
