@@ -41,7 +41,7 @@ class ChunkService final : public NotebookService {
     mUpdateState = [] { return 9u; };
     mUpdateProgress = [] { return 42u; };
     mUpdateErrorCode = [] { return -1; };
-    mStartUpdate = [](const std::string&) {};
+    mStartUpdate = [](const std::string&) { return true; };
   }
   std::shared_ptr<SocketI> getSocketHandler() override { return socket; }
   const std::shared_ptr<ChunkSocket> socket = std::make_shared<ChunkSocket>();
