@@ -1,7 +1,8 @@
 # orvane_test(<name> SOURCES <files...> LIBS <targets...> [LABELS <labels...>] [TIMEOUT <s>]
 #             [HOST_ONLY <regex>])
 # One GoogleTest executable; every test in it becomes a CTest test. Label "threaded" marks the
-# tests that the ThreadSanitizer preset runs. Tests find their data through compile definitions
+# tests that the ThreadSanitizer preset runs; "target-smoke" the fast subset that CI runs on the
+# aarch64 build (wire formats, records, files, JSON, key manifests). Tests find their data through compile definitions
 # (ORVANE_SOURCE_DIR, ORVANE_BINARY_DIR), never through the working directory.
 # A cross build runs the tests under its emulator, and the tests start the build's own programs
 # through it too (ORVANE_TEST_EMULATOR, src/minfw/testing/target_command.h).
