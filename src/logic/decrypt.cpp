@@ -22,13 +22,6 @@ bool Decrypt::production() {
 
 bool Decrypt::Execute(std::vector<unsigned char>& input, std::string& algCek, std::string& algEnc,
                       std::vector<unsigned char>& encryptedKey, std::vector<unsigned char>& iv,
-                      std::vector<unsigned char>& tag, std::string& output) {
-  return Execute(input, algCek, algEnc, encryptedKey, iv, tag, std::string(),
-                 kel::vxp3::minfw::json::JSON(), output);
-}
-
-bool Decrypt::Execute(std::vector<unsigned char>& input, std::string& algCek, std::string& algEnc,
-                      std::vector<unsigned char>& encryptedKey, std::vector<unsigned char>& iv,
                       std::vector<unsigned char>& tag, const std::string& protectedHeader,
                       const kel::vxp3::minfw::json::JSON& header, std::string& output) {
   MLOG_TRACE(kTag, "alg_cek: [", algCek, "], alg_enc: [", algEnc, "]");

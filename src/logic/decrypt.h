@@ -22,11 +22,6 @@ class Decrypt {
   // True when this is the production build.
   static bool production();
 
-  // Without the header: enough for "DEBUG"; the production build refuses it (no "kid").
-  static bool Execute(std::vector<unsigned char>& input, std::string& algCek, std::string& algEnc,
-                      std::vector<unsigned char>& encryptedKey, std::vector<unsigned char>& iv,
-                      std::vector<unsigned char>& tag, std::string& output);
-
   // The real decryptor's form: `protectedHeader` is the container's first part as transmitted
   // (the additional authenticated data), `header` its JSON. True and `output` = the payload;
   // false with `output` untouched.
