@@ -2,14 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <vector>
+
+#include "minfw/testing/temp_dir.h"
 
 namespace platform::someip {
 namespace {
 
+using kel::vxp3::minfw::testing::readFile;
 using middleware::InterfaceIds;
 
 // The descriptions that the test file deploys, and one that it leaves out.
@@ -25,25 +26,11 @@ std::vector<InterfaceIds> known() {
           {"Unused_v1", 4662, 1, 0, {}, {}, {}}};
 }
 
-std::string testdata(const std::string& name) {
-  return std::string(WIRE_TESTDATA_DIR) + "/" + name;
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// Writes `text` to a fresh file under the test temp dir and returns its path.
-std::string writeTemp(const std::string& name, const std::string& text) {
-  const std::string path = ::testing::TempDir() + "wire_config_" + name + ".json";
-  std::ofstream(path, std::ios::trunc) << text;
-  return path;
-}
+constexpr const char* kValidFile = WIRE_TESTDATA_DIR "/host.json";
 
 // The valid file with the first occurrence of `from` replaced by `to`.
 std::string edited(const std::string& from, const std::string& to) {
-  std::string text = readFile(testdata("host.json"));
+  std::string text = readFile(kValidFile);
   const auto at = text.find(from);
   EXPECT_NE(at, std::string::npos) << from;
   if (at != std::string::npos)
@@ -54,7 +41,7 @@ std::string edited(const std::string& from, const std::string& to) {
 TEST(HostConfig, ValidFileLoads) {
   HostConfig config;
   std::string error;
-  ASSERT_TRUE(loadHostConfig(testdata("host.json"), known(), config, error)) << error;
+  ASSERT_TRUE(loadHostConfig(kValidFile, known(), config, error)) << error;
   EXPECT_EQ(config.sd.multicast, 0xE0F4E0F5u);
   EXPECT_EQ(config.sd.port, 30490);
   EXPECT_EQ(config.sd.initialDelayMinMs, 10u);
@@ -102,10 +89,10 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
   const Row rows[] = {
       {"syntax error with line and column", edited("\"port\": 30490,", "\"port\": 30490,,"),
        "line 4 column 19: expected a key in double quotes"},
-      {"truncated file", readFile(testdata("host.json")).substr(0, 40),
+      {"truncated file", readFile(kValidFile).substr(0, 40),
        "line 3 column 29: unterminated string"},
       {"empty file", "", "line 1 column 1: unexpected end of file"},
-      {"text after the document", readFile(testdata("host.json")) + "}",
+      {"text after the document", readFile(kValidFile) + "}",
        "line 26 column 1: unexpected text after the document"},
       {"duplicate key", edited("\"tcpPort\": 30501", "\"tcpPort\": 30501, \"tcpPort\": 1"),
        "line 21 column 25: duplicate key \"tcpPort\""},
@@ -137,24 +124,24 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
       {"missing port", edited(",\n      \"tcpPort\": 30501", ""),
        "interfaces.Sample_v1.tcpPort: missing"},
       {"an entry without description",
-       readFile(testdata("host.json")),
+       readFile(kValidFile),
        "interfaces.Other_v2: no interface of that name is described (known: Sample_v1)",
        {known()[0]}},
-      {"one service instance twice", readFile(testdata("host.json")),
+      {"one service instance twice", readFile(kValidFile),
        "interfaces.Sample_v1.instanceId: service 4660 instance 1 is already used by "
        "interfaces.Other_v2",
        sameService},
   };
-  int index = 0;
+  kel::vxp3::minfw::testing::TempDir dir;
+  const std::string path = dir.file("host.json");
   for (const Row& row : rows) {
-    const std::string path = writeTemp(std::to_string(index++), row.text);
+    kel::vxp3::minfw::testing::writeFile(path, row.text);
     HostConfig config;
     config.processes["untouched"] = 1;
     std::string error;
     EXPECT_FALSE(loadHostConfig(path, row.descriptions, config, error)) << row.proves;
     EXPECT_EQ(error, path + ": " + row.error) << row.proves;
     EXPECT_EQ(config.processes.count("untouched"), 1u) << row.proves << ": out was changed";
-    std::remove(path.c_str());
   }
 
   HostConfig config;
