@@ -63,15 +63,14 @@ bool gone(const mw::ServiceHandleContainer& c) {
 // order.
 void expectEventsInOrder(mw::Proxy& proxy, uint32_t count) {
   // Shared with the handlers: one may still be finishing when this function returns.
-  auto ticks = std::make_shared<Signal>();
-  auto levels = std::make_shared<Signal>();
+  auto inbox = std::make_shared<Inbox>();
   auto& tick = proxy.event<Tick>();
   auto& level = proxy.field<Level>();
-  tick.SetReceiveHandler([ticks] { ticks->bump(); });
-  level.SetReceiveHandler([levels] { levels->bump(); });
+  tick.SetReceiveHandler([inbox] { inbox->add("tick"); });
+  level.SetReceiveHandler([inbox] { inbox->add("level"); });
   ASSERT_TRUE(tick.Subscribe(100));
   ASSERT_TRUE(level.Subscribe(1));
-  ASSERT_TRUE(levels->waitFor(1)) << "no greeting with the field value";
+  ASSERT_TRUE(inbox->waitFor("level")) << "no greeting with the field value";
   uint32_t value = 0;
   level.GetNewSamples([&](mw::SamplePtr<uint32_t> s) { value = *s; });
   EXPECT_EQ(value, 42u);
@@ -79,7 +78,7 @@ void expectEventsInOrder(mw::Proxy& proxy, uint32_t count) {
   auto sent = proxy.call<Emit>(Emit::Input{count}).get();
   ASSERT_TRUE(sent) << mw::toString(sent.error());
   EXPECT_EQ(sent.value().sent, count);
-  ASSERT_TRUE(ticks->waitFor(count));
+  ASSERT_TRUE(inbox->waitFor("tick", kPatience, count));
   std::vector<uint32_t> seqs;
   tick.GetNewSamples([&](mw::SamplePtr<Tick::Sample> s) {
     ASSERT_TRUE(s);
@@ -94,19 +93,20 @@ void expectEventsInOrder(mw::Proxy& proxy, uint32_t count) {
   level.UnsetReceiveHandler();
 }
 
-std::unique_ptr<mw::Proxy> connect(Runtime& rt, const mw::ServiceHandle& handle) {
+// A proxy of the found service, checked with an echo of `text`.
+std::unique_ptr<mw::Proxy> connect(Runtime& rt, const mw::ServiceHandle& handle,
+                                   const std::string& text) {
   auto ready = mw::Proxy::Preconstruct(handle, &rt).get();
   EXPECT_TRUE(ready) << mw::toString(ready.error());
   auto proxy = mw::Proxy::Create(handle, &rt);
-  EXPECT_TRUE(proxy);
-  return proxy ? std::move(proxy).value() : nullptr;
-}
-
-void expectEcho(mw::Proxy& proxy, const std::string& text) {
-  auto r = proxy.call<Echo>(Echo::Input{text, 7}).get();
-  ASSERT_TRUE(r) << mw::toString(r.error());
-  EXPECT_EQ(r.value().text, text);
-  EXPECT_EQ(r.value().n, 7u);
+  if (!proxy) {
+    ADD_FAILURE() << "no proxy";
+    return nullptr;
+  }
+  auto r = proxy.value()->call<Echo>(Echo::Input{text, 7}).get();
+  EXPECT_TRUE(r && r.value().text == text && r.value().n == 7u)
+      << (r ? r.value().text : mw::toString(r.error()));
+  return std::move(proxy).value();
 }
 
 TEST(DiscoveryTest, ServiceAppearsGoesAndComesBackAcrossProcesses) {
@@ -129,9 +129,8 @@ TEST(DiscoveryTest, ServiceAppearsGoesAndComesBackAcrossProcesses) {
   ASSERT_EQ(first->size(), 1u);
   EXPECT_EQ((*first)[0].interface, kTestInterface);
   EXPECT_EQ((*first)[0].instanceId, 1);
-  auto proxy = connect(*rt, (*first)[0]);
+  auto proxy = connect(*rt, (*first)[0], "hello");
   ASSERT_TRUE(proxy);
-  expectEcho(*proxy, "hello");
   expectEventsInOrder(*proxy, 5);
 
   // 2. Stop offer: an empty container; the old proxy's connection is gone with the offer.
@@ -144,9 +143,8 @@ TEST(DiscoveryTest, ServiceAppearsGoesAndComesBackAcrossProcesses) {
   auto second = reports.until(available);
   ASSERT_TRUE(second);
   EXPECT_NE((*second)[0].token, (*first)[0].token);
-  proxy = connect(*rt, (*second)[0]);
+  proxy = connect(*rt, (*second)[0], "again");
   ASSERT_TRUE(proxy);
-  expectEcho(*proxy, "again");
   expectEventsInOrder(*proxy, 3);
 
   // 4. The server freezes: its offers stop, and the service is reported gone after the TTL.
@@ -155,9 +153,8 @@ TEST(DiscoveryTest, ServiceAppearsGoesAndComesBackAcrossProcesses) {
   peer->signal(SIGCONT);
   auto third = reports.until(available);
   ASSERT_TRUE(third);
-  proxy = connect(*rt, (*third)[0]);
+  proxy = connect(*rt, (*third)[0], "thawed");
   ASSERT_TRUE(proxy);
-  expectEcho(*proxy, "thawed");
 
   // 5. The server process is replaced (it reboots): the new instance is found and served.
   peer->kill(SIGKILL);
@@ -166,9 +163,8 @@ TEST(DiscoveryTest, ServiceAppearsGoesAndComesBackAcrossProcesses) {
     return !c.empty() && c[0].token != (*third)[0].token;
   });
   ASSERT_TRUE(fourth);
-  proxy = connect(*rt, (*fourth)[0]);
+  proxy = connect(*rt, (*fourth)[0], "rebooted");
   ASSERT_TRUE(proxy);
-  expectEcho(*proxy, "rebooted");
   expectEventsInOrder(*proxy, 4);
 
   mw::Proxy::StopFindService(find.value(), rt.get());

@@ -54,57 +54,41 @@ TEST(MalformedFrameTest, BadFramesAreSkippedAnsweredOrResetWhileTheServerServesO
     bool reset;                       // the connection is closed instead
     const char* log;                  // a text the server logs, if any
   };
-  std::vector<Row> rows;
-  {
+  // A request for method 1 as `edit` changes it, then byte `at` (if not 0) of its image set.
+  auto frame = [](void (*edit)(Header&), std::size_t at = 0, uint8_t value = 0) {
     Header h = request(1, 1);
-    h.serviceId = 0x9999;
-    rows.push_back({"a request for a service this port does not serve gets UNKNOWN_SERVICE",
-                    encodeMessage(h, {}), ReturnCode::kUnknownService, false, "E_UNKNOWN_SERVICE"});
-  }
-  {
-    rows.push_back({"a request for a method nobody implements gets UNKNOWN_METHOD",
-                    encodeMessage(request(4, 1), {}), ReturnCode::kUnknownMethod, false,
-                    "E_UNKNOWN_METHOD"});
-  }
-  {
-    Header h = request(1, 1);
-    h.interfaceVersion = 9;
-    rows.push_back({"a request for another major version gets WRONG_INTERFACE_VERSION",
-                    encodeMessage(h, {}), ReturnCode::kWrongInterfaceVersion, false,
-                    "E_WRONG_INTERFACE_VERSION"});
-  }
-  {
-    auto frame = echoRequest(1);
-    frame[13] = 0;  // interface version
-    rows.push_back({"a request for interface version 0 (any) is served", frame, ReturnCode::kOk,
-                    false, nullptr});
-  }
-  {
-    // The string claims 100 bytes, 3 follow.
-    std::vector<uint8_t> payload{0, 0, 0, 100, 0xEF, 0xBB, 0xBF};
-    rows.push_back({"a payload that cannot be read gets MALFORMED_MESSAGE",
-                    encodeMessage(request(1, 1), payload), ReturnCode::kMalformedMessage, false,
-                    "not readable"});
-  }
-  {
-    auto frame = encodeMessage(request(1, 1), {});
-    frame[12] = 2;  // protocol version
-    rows.push_back({"a request of an unknown protocol version is answered, not served", frame,
-                    ReturnCode::kWrongProtocolVersion, false, "malformed frame"});
-  }
-  {
-    Header h = request(1, 1);
-    h.messageType = MessageType::kResponse;
-    rows.push_back({"a response sent to the server is dropped", encodeMessage(h, {}), std::nullopt,
-                    false, "unexpected RESPONSE"});
-  }
-  {
-    auto frame = encodeMessage(request(1, 1), {});
-    frame[7] = 4;  // length 4 < 8: no way to find the next message
-    rows.push_back({"a length field below 8 resets the connection", frame, std::nullopt, true,
-                    "resetting the connection"});
-  }
-
+    edit(h);
+    auto bytes = encodeMessage(h, {});
+    if (at)
+      bytes[at] = value;
+    return bytes;
+  };
+  auto echo = echoRequest(1);
+  echo[13] = 0;  // interface version
+  // The string claims 100 bytes, 3 follow.
+  const std::vector<uint8_t> unreadable{0, 0, 0, 100, 0xEF, 0xBB, 0xBF};
+  const Row rows[] = {
+      {"a request for a service this port does not serve gets UNKNOWN_SERVICE",
+       frame([](Header& h) { h.serviceId = 0x9999; }), ReturnCode::kUnknownService, false,
+       "E_UNKNOWN_SERVICE"},
+      {"a request for a method nobody implements gets UNKNOWN_METHOD",
+       frame([](Header& h) { h.methodId = 4; }), ReturnCode::kUnknownMethod, false,
+       "E_UNKNOWN_METHOD"},
+      {"a request for another major version gets WRONG_INTERFACE_VERSION",
+       frame([](Header& h) { h.interfaceVersion = 9; }), ReturnCode::kWrongInterfaceVersion, false,
+       "E_WRONG_INTERFACE_VERSION"},
+      {"a request for interface version 0 (any) is served", echo, ReturnCode::kOk, false, nullptr},
+      {"a payload that cannot be read gets MALFORMED_MESSAGE",
+       encodeMessage(request(1, 1), unreadable), ReturnCode::kMalformedMessage, false,
+       "not readable"},
+      {"a request of an unknown protocol version is answered, not served",
+       frame([](Header&) {}, 12, 2), ReturnCode::kWrongProtocolVersion, false, "malformed frame"},
+      {"a response sent to the server is dropped",
+       frame([](Header& h) { h.messageType = MessageType::kResponse; }), std::nullopt, false,
+       "unexpected RESPONSE"},
+      {"a length field below 8 resets the connection", frame([](Header&) {}, 7, 4), std::nullopt,
+       true, "resetting the connection"},
+  };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     kel::vxp3::minfw::testing::ScopedLogCapture logs;

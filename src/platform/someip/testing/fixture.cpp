@@ -1,32 +1,15 @@
 #include "platform/someip/testing/fixture.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "platform/someip/testing/test_interface.h"
 
 namespace platform::someip::testing {
 
-TempDir::TempDir() {
-  char dir[] = "/tmp/someip-test-XXXXXX";
-  if (mkdtemp(dir))
-    path_ = dir;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  if (!path_.empty())
-    std::filesystem::remove_all(path_, ignored);
-}
-
 HostConfig loadTestConfig(const TempDir& dir, std::string* pathOut) {
   HostConfig config;
-  std::string path = dir.path() + "/host.json";
-  std::ofstream(path) << testConfigJson();
+  const std::string path = dir.file("host.json");
+  kel::vxp3::minfw::testing::writeFile(path, testConfigJson());
   std::string error;
   EXPECT_TRUE(loadHostConfig(path, {testInterfaceIds()}, config, error)) << error;
   if (pathOut)
@@ -60,24 +43,6 @@ std::optional<middleware::ServiceHandleContainer> ReportQueue::until(
     if (!r || pred(*r))
       return r;
   }
-}
-
-void Signal::bump() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++count_;
-  }
-  cv_.notify_all();
-}
-
-bool Signal::waitFor(std::size_t n) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return cv_.wait_for(lock, kPatience, [&] { return count_ >= n; });
-}
-
-std::size_t Signal::count() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return count_;
 }
 
 }  // namespace platform::someip::testing
