@@ -75,9 +75,9 @@ void expectEventsInOrder(mw::Proxy& proxy, uint32_t count) {
   level.GetNewSamples([&](mw::SamplePtr<uint32_t> s) { value = *s; });
   EXPECT_EQ(value, 42u);
 
-  auto sent = proxy.call<Emit>(Emit::Input{count}).get();
+  auto sent = proxy.call<Emit>(count).get();
   ASSERT_TRUE(sent) << mw::toString(sent.error());
-  EXPECT_EQ(sent.value().sent, count);
+  EXPECT_EQ(sent.value(), count);
   ASSERT_TRUE(inbox->waitFor("tick", kPatience, count));
   std::vector<uint32_t> seqs;
   tick.GetNewSamples([&](mw::SamplePtr<Tick::Sample> s) {
@@ -109,14 +109,31 @@ std::unique_ptr<mw::Proxy> connect(Runtime& rt, const mw::ServiceHandle& handle,
   return std::move(proxy).value();
 }
 
-TEST(DiscoveryTest, ServiceAppearsGoesAndComesBackAcrossProcesses) {
+TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcrossProcesses) {
   TempDir dir;
   std::string path;
   HostConfig config = loadTestConfig(dir, &path);
   std::string error;
+  EXPECT_FALSE(Runtime::start(config, "nobody", error));
+  EXPECT_NE(error.find("nobody"), std::string::npos) << error;
   auto rt = Runtime::start(config, "client", error);
   ASSERT_TRUE(rt) << error;
+  // The same process twice cannot share its SD endpoint, though the port is shared with others.
+  EXPECT_FALSE(Runtime::start(config, "client", error));
+  EXPECT_EQ(error, "cannot bind SD socket 127.0.0.1:30490: held by another runtime (pid " +
+                       std::to_string(getpid()) + ")");
   ReportQueue reports;
+  EXPECT_EQ(mw::Proxy::StartFindService(reports.handler(), "NoSuchInterface",
+                                        mw::InstanceSpecifier("1"), rt.get())
+                .error(),
+            mw::ErrorCode::kNotConfigured);
+  EXPECT_EQ(mw::Skeleton::Create("NoSuchInterface", mw::InstanceSpecifier("1"), rt.get()).error(),
+            mw::ErrorCode::kNotConfigured);
+  // A handle the runtime never issued.
+  mw::ServiceHandle stale{kTestInterface, 1, 999};
+  EXPECT_EQ(mw::Proxy::Preconstruct(stale, rt.get()).get().error(),
+            mw::ErrorCode::kServiceNotAvailable);
+  EXPECT_EQ(mw::Proxy::Create(stale, rt.get()).error(), mw::ErrorCode::kServiceNotAvailable);
   auto find = mw::Proxy::StartFindService(reports.handler(), kTestInterface,
                                           mw::InstanceSpecifier("1"), rt.get());
   ASSERT_TRUE(find);
@@ -170,32 +187,6 @@ TEST(DiscoveryTest, ServiceAppearsGoesAndComesBackAcrossProcesses) {
   mw::Proxy::StopFindService(find.value(), rt.get());
   proxy.reset();
   peer->kill(SIGTERM);
-}
-
-TEST(DiscoveryTest, ConfigurationMistakesAreReportedNotCrashed) {
-  TempDir dir;
-  HostConfig config = loadTestConfig(dir);
-  std::string error;
-  EXPECT_FALSE(Runtime::start(config, "nobody", error));
-  EXPECT_NE(error.find("nobody"), std::string::npos) << error;
-  auto rt = Runtime::start(config, "client", error);
-  ASSERT_TRUE(rt) << error;
-  // The same process twice cannot share its SD endpoint, though the port is shared with others.
-  EXPECT_FALSE(Runtime::start(config, "client", error));
-  EXPECT_EQ(error, "cannot bind SD socket 127.0.0.1:30490: held by another runtime (pid " +
-                       std::to_string(getpid()) + ")");
-  ReportQueue reports;
-  EXPECT_EQ(mw::Proxy::StartFindService(reports.handler(), "NoSuchInterface",
-                                        mw::InstanceSpecifier("1"), rt.get())
-                .error(),
-            mw::ErrorCode::kNotConfigured);
-  EXPECT_EQ(mw::Skeleton::Create("NoSuchInterface", mw::InstanceSpecifier("1"), rt.get()).error(),
-            mw::ErrorCode::kNotConfigured);
-  // A handle the runtime never issued.
-  mw::ServiceHandle stale{kTestInterface, 1, 999};
-  EXPECT_EQ(mw::Proxy::Preconstruct(stale, rt.get()).get().error(),
-            mw::ErrorCode::kServiceNotAvailable);
-  EXPECT_EQ(mw::Proxy::Create(stale, rt.get()).error(), mw::ErrorCode::kServiceNotAvailable);
 }
 
 }  // namespace

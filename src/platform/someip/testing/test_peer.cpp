@@ -48,10 +48,10 @@ int main(int argc, char** argv) {
     return mw::Future<Echo::Output>::ready(Echo::Output{in.text, in.n});
   });
   mw::Skeleton* s = skeleton.get();
-  skeleton->handle<Emit>([s](const Emit::Input& in) {
-    for (uint32_t i = 1; i <= in.count; ++i)
+  skeleton->handle<Emit>([s](const Emit::Input& n) {
+    for (uint32_t i = 1; i <= n; ++i)
       s->send<Tick>(Tick::Sample{i, "tick " + std::to_string(i)});
-    return mw::Future<Emit::Output>::ready(Emit::Output{in.count});
+    return mw::Future<Emit::Output>::ready(n);
   });
   skeleton->field<Level>().Update(42);
   if (!skeleton->OfferService())
