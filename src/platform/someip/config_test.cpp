@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <tuple>
 #include <vector>
 
 #include "minfw/testing/temp_dir.h"
@@ -42,25 +43,19 @@ TEST(HostConfig, ValidFileLoads) {
   HostConfig config;
   std::string error;
   ASSERT_TRUE(loadHostConfig(kValidFile, known(), config, error)) << error;
-  EXPECT_EQ(config.sd.multicast, 0xE0F4E0F5u);
-  EXPECT_EQ(config.sd.port, 30490);
-  EXPECT_EQ(config.sd.initialDelayMinMs, 10u);
-  EXPECT_EQ(config.sd.initialDelayMaxMs, 50u);
-  EXPECT_EQ(config.sd.repetitionBaseDelayMs, 30u);
-  EXPECT_EQ(config.sd.repetitionsMax, 3u);
-  EXPECT_EQ(config.sd.cyclicOfferDelayMs, 1000u);
-  EXPECT_EQ(config.sd.ttlSeconds, 3u);
+  const auto& sd = config.sd;
+  EXPECT_EQ(
+      std::tie(sd.multicast, sd.port, sd.initialDelayMinMs, sd.initialDelayMaxMs,
+               sd.repetitionBaseDelayMs, sd.repetitionsMax, sd.cyclicOfferDelayMs, sd.ttlSeconds),
+      std::make_tuple(0xE0F4E0F5u, 30490, 10u, 50u, 30u, 3u, 1000u, 3u));
   EXPECT_EQ(config.processes.at("lum-sim"), 0x7F000002u);
   EXPECT_EQ(config.processes.size(), 3u);
 
   const InterfaceConfig* sample = config.findInterface("Sample_v1");
   ASSERT_NE(sample, nullptr);
-  EXPECT_EQ(sample->name, "Sample_v1");
-  EXPECT_EQ(sample->serviceId, 0x1234);
-  EXPECT_EQ(sample->instanceId, 1);
-  EXPECT_EQ(sample->majorVersion, 11);
-  EXPECT_EQ(sample->server, "lum-sim");
-  EXPECT_EQ(sample->tcpPort, 30501);
+  EXPECT_EQ(std::tie(sample->name, sample->serviceId, sample->instanceId, sample->majorVersion,
+                     sample->server, sample->tcpPort),
+            std::make_tuple("Sample_v1", 0x1234, 1, 11, "lum-sim", 30501));
   EXPECT_EQ(sample->methods.at("stop"), 2);
   EXPECT_EQ(sample->events.at("progress").id, 0x8001);
   EXPECT_EQ(sample->events.at("progress").eventgroup, 1);

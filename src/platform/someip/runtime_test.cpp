@@ -152,14 +152,7 @@ TEST(MethodTest, LateOutOfOrderAndForgottenAnswersReachOnlyTheirOwnCalls) {
 }
 
 Header request(uint16_t method, uint16_t session) {
-  Header h;
-  h.serviceId = 4660;
-  h.methodId = method;
-  h.clientId = 0x77;
-  h.sessionId = session;
-  h.interfaceVersion = 1;
-  h.messageType = MessageType::kRequest;
-  return h;
+  return {4660, method, 0, 0x77, session, 1, 1, MessageType::kRequest, ReturnCode::kOk};
 }
 
 std::vector<uint8_t> echoRequest(uint16_t session) {
@@ -262,11 +255,8 @@ TEST(MalformedFrameTest, BadFramesAreSkippedAnsweredOrResetWhileTheServerServesO
 }
 
 Header sdHeader(uint16_t session) {
-  Header h = request(kSdMethodId, session);
-  h.serviceId = kSdServiceId;
-  h.clientId = 0;
-  h.messageType = MessageType::kNotification;
-  return h;
+  return {kSdServiceId,   kSdMethodId, 0, 0, session, 1, 1, MessageType::kNotification,
+          ReturnCode::kOk};
 }
 
 // An SD participant speaking as 127.0.0.3 from a raw UDP socket bound as a common open-source
