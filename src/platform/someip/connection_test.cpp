@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "minfw/testing/capture_sink.h"
@@ -14,12 +15,8 @@ namespace platform::someip {
 namespace {
 
 std::vector<uint8_t> frame(uint16_t method, std::vector<uint8_t> payload = {}) {
-  Header h;
-  h.serviceId = 0x1234;
-  h.methodId = method;
-  h.sessionId = method;
-  h.messageType = MessageType::kRequest;
-  return encodeMessage(h, payload);
+  return encodeMessage({0x1234, method, 0, 0, method, 1, 0, MessageType::kRequest, ReturnCode::kOk},
+                       payload);
 }
 
 struct Pair {
@@ -38,76 +35,57 @@ struct Pair {
   }
 };
 
+template <typename... Parts>
+std::vector<uint8_t> concat(const Parts&... parts) {
+  std::vector<uint8_t> all;
+  (all.insert(all.end(), parts.begin(), parts.end()), ...);
+  return all;
+}
+
 TEST(ConnectionTest, FramesTheStreamByTheLengthField) {
   auto a = frame(1, {1, 2, 3});
   auto b = frame(2);
-  auto long300 = frame(6, std::vector<uint8_t>(300, 7));  // a length field above 255
   auto badVersion = frame(3);
   badVersion[12] = 7;
   auto shortLength = frame(4);
   shortLength[7] = 3;
   auto huge = frame(5);
-  huge[4] = 0x7F;  // announces about 2 GiB
+  huge[4] = 0x7F;                                         // announces about 2 GiB
+  auto long300 = frame(6, std::vector<uint8_t>(300, 7));  // a length field above 255
 
   struct Row {
     const char* proves;
-    std::vector<std::vector<uint8_t>> writes;  // each written, then receive() called
-    std::vector<uint16_t> delivered;           // method ids, in order
+    std::vector<uint8_t> stream;
+    bool bytewise;          // written a byte at a time, else at once; receive() after each write
+    const char* delivered;  // method ids, in order
     bool alive;
     const char* log;
   };
-  auto concat = [](std::vector<std::vector<uint8_t>> parts) {
-    std::vector<uint8_t> all;
-    for (auto& p : parts)
-      all.insert(all.end(), p.begin(), p.end());
-    return all;
-  };
-  std::vector<std::vector<uint8_t>> bytewise;
-  for (uint8_t byte : concat({a, long300}))
-    bytewise.push_back({byte});
   const Row rows[] = {
-      {"several messages in one read are all delivered, in order",
-       {concat({a, b, a})},
-       {1, 2, 1},
-       true,
-       ""},
-      {"a message that arrives byte by byte is delivered once, when whole",
-       bytewise,
-       {1, 6},
-       true,
-       ""},
+      {"several messages in one read are all delivered, in order", concat(a, b, a), false, "1 2 1 ",
+       true, ""},
+      {"a message that arrives byte by byte is delivered once, when whole", concat(a, long300),
+       true, "1 6 ", true, ""},
       {"a frame of an unknown protocol version is skipped and the stream goes on",
-       {concat({a, badVersion, b})},
-       {1, 2},
-       true,
-       "bytes skipped"},
+       concat(a, badVersion, b), false, "1 2 ", true, "bytes skipped"},
       {"a length field below 8 cannot be resynchronised: the connection ends",
-       {concat({a, shortLength, b})},
-       {1},
-       false,
-       "resetting the connection"},
-      {"an oversized length ends the connection without waiting for (or reading) the bytes",
-       {concat({huge})},
-       {},
-       false,
-       "resetting the connection"},
+       concat(a, shortLength, b), false, "1 ", false, "resetting the connection"},
+      {"an oversized length ends the connection without waiting for (or reading) the bytes", huge,
+       false, "", false, "resetting the connection"},
       {"a message cut short stays pending and is not read past",
-       {concat({a, {b.begin(), b.end() - 1}})},
-       {1},
-       true,
-       ""},
+       concat(a, std::vector<uint8_t>(b.begin(), b.end() - 1)), false, "1 ", true, ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     kel::vxp3::minfw::testing::ScopedLogCapture logs;
     Pair p;
-    std::vector<uint16_t> delivered;
+    std::string delivered;
     bool alive = true;
-    for (auto& w : row.writes) {
-      p.write(w);
-      alive = p.conn->receive([&](Message& m) { delivered.push_back(m.header.methodId); });
-      if (!alive)
-        break;
+    const std::size_t step = row.bytewise ? 1 : row.stream.size();
+    for (auto at = row.stream.begin(); alive && at != row.stream.end(); at += step) {
+      p.write({at, at + step});
+      alive = p.conn->receive(
+          [&](Message& m) { delivered += std::to_string(m.header.methodId) + " "; });
     }
     EXPECT_EQ(delivered, row.delivered);
     EXPECT_EQ(alive, row.alive);

@@ -79,16 +79,13 @@ void expectEventsInOrder(mw::Proxy& proxy, uint32_t count) {
   ASSERT_TRUE(sent) << mw::toString(sent.error());
   EXPECT_EQ(sent.value(), count);
   ASSERT_TRUE(inbox->waitFor("tick", kPatience, count));
-  std::vector<uint32_t> seqs;
+  uint32_t last = 0;
   tick.GetNewSamples([&](mw::SamplePtr<Tick::Sample> s) {
     ASSERT_TRUE(s);
+    EXPECT_EQ(s->seq, ++last);
     EXPECT_EQ(s->text, "tick " + std::to_string(s->seq));
-    seqs.push_back(s->seq);
   });
-  std::vector<uint32_t> expected;
-  for (uint32_t i = 1; i <= count; ++i)
-    expected.push_back(i);
-  EXPECT_EQ(seqs, expected);
+  EXPECT_EQ(last, count);
   tick.UnsetReceiveHandler();
   level.UnsetReceiveHandler();
 }

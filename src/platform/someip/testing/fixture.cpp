@@ -27,20 +27,15 @@ middleware::FindServiceHandler ReportQueue::handler() {
   };
 }
 
-std::optional<middleware::ServiceHandleContainer> ReportQueue::next() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  if (!cv_.wait_for(lock, kPatience, [this] { return !reports_.empty(); }))
-    return std::nullopt;
-  auto r = std::move(reports_.front());
-  reports_.pop_front();
-  return r;
-}
-
 std::optional<middleware::ServiceHandleContainer> ReportQueue::until(
     const std::function<bool(const middleware::ServiceHandleContainer&)>& pred) {
+  std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    auto r = next();
-    if (!r || pred(*r))
+    if (!cv_.wait_for(lock, kPatience, [this] { return !reports_.empty(); }))
+      return std::nullopt;
+    auto r = std::move(reports_.front());
+    reports_.pop_front();
+    if (pred(r))
       return r;
   }
 }

@@ -32,9 +32,7 @@ HostConfig loadTestConfig(const TempDir& dir, std::string* pathOut = nullptr);
 class ReportQueue {
  public:
   middleware::FindServiceHandler handler();
-  // The next report, or nothing after kPatience.
-  std::optional<middleware::ServiceHandleContainer> next();
-  // Skips reports until one satisfies `pred`.
+  // Skips reports until one satisfies `pred`; nothing when none comes within kPatience.
   std::optional<middleware::ServiceHandleContainer> until(
       const std::function<bool(const middleware::ServiceHandleContainer&)>& pred);
 

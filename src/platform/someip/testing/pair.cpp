@@ -45,11 +45,4 @@ bool RuntimePair::connect(const std::function<void()>& beforeOffer) {
   return true;
 }
 
-RuntimePair::~RuntimePair() {
-  proxy.reset();
-  skeleton.reset();
-  client.reset();
-  server.reset();
-}
-
 }  // namespace platform::someip::testing

@@ -15,20 +15,20 @@
 namespace platform::someip::testing {
 
 struct RuntimePair {
+  // Destroyed in reverse order: the runtimes before the queue their threads report to.
   TempDir dir;
   HostConfig config;
+  ReportQueue reports;
   std::unique_ptr<Runtime> server;
   std::unique_ptr<Runtime> client;
   std::unique_ptr<middleware::Skeleton> skeleton;
   std::unique_ptr<middleware::Proxy> proxy;
-  ReportQueue reports;
 
   // Starts both runtimes and the offer; false (with a test failure) when something is missing.
   bool start();
   // Starts looking for the service, runs `beforeOffer`, offers it, and makes the proxy once
   // it is found.
   bool connect(const std::function<void()>& beforeOffer = nullptr);
-  ~RuntimePair();
 };
 
 }  // namespace platform::someip::testing
