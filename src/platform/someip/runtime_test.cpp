@@ -371,30 +371,22 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
     EXPECT_EQ(endpoints[0].port, 30501);
     EXPECT_EQ(endpoints[0].protocol, kSdProtocolTcp);
 
-    struct Row {
-      const char* proves;
-      SdMessage request;
-      const char* log;
-    };
-    const Row rows[] = {
-        {"a subscription from an endpoint with no connection to the service is refused",
-         subscribe(1, 40000), "no TCP connection"},
-        {"a subscription of an eventgroup the service does not have is refused",
-         subscribe(77, 40000), "unknown eventgroup"},
-    };
+    // Subscriptions are refused (a Nack, logged) from an endpoint with no connection to the
+    // service, and for an eventgroup that the service does not have.
+    const std::pair<uint16_t, const char*> refusals[] = {{1, "no TCP connection"},
+                                                         {77, "unknown eventgroup"}};
     uint16_t expectedSession = 2;
-    for (const Row& row : rows) {
-      SCOPED_TRACE(row.proves);
+    for (const auto& [eventgroup, log] : refusals) {
       ScopedLogCapture logs;
-      peer.send(row.request);
+      peer.send(subscribe(eventgroup, 40000));
       auto answer = peer.receive();
       ASSERT_TRUE(answer);
       EXPECT_EQ(answer->first.sessionId, expectedSession++);
       ASSERT_EQ(answer->second.entries.size(), 1u);
-      EXPECT_EQ(answer->second.entries[0].type, SdEntryType::kSubscribeEventgroupAck);
-      EXPECT_EQ(answer->second.entries[0].ttl, 0u) << "not a Nack";
-      EXPECT_EQ(answer->second.entries[0].eventgroupId, row.request.entries[0].eventgroupId);
-      EXPECT_TRUE(logs->contains(row.log)) << row.log;
+      const SdEntry& nack = answer->second.entries[0];
+      EXPECT_EQ(std::make_tuple(nack.type, nack.ttl, nack.eventgroupId),
+                std::make_tuple(SdEntryType::kSubscribeEventgroupAck, 0u, eventgroup));
+      EXPECT_TRUE(logs->contains(log)) << log;
     }
 
     // Bad datagrams are logged and dropped; the agent still answers the next find.

@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "minfw/log.h"
@@ -31,12 +32,9 @@ int main(int argc, char** argv) {
   kel::vxp3::minfw::Logger::instance().init("someip_test_peer", "PEER", kel::vxp3::minfw::kInfo);
   HostConfig config;
   std::string error;
-  if (!loadHostConfig(argv[1], {testInterfaceIds()}, config, error)) {
-    std::fprintf(stderr, "%s\n", error.c_str());
-    return 1;
-  }
-  auto runtime = Runtime::start(config, "server", error);
-  if (!runtime) {
+  std::unique_ptr<Runtime> runtime;
+  if (!loadHostConfig(argv[1], {testInterfaceIds()}, config, error) ||
+      !(runtime = Runtime::start(config, "server", error))) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;
   }
@@ -68,7 +66,5 @@ int main(int argc, char** argv) {
       skeleton->OfferService();
     offered = !offered;
   }
-  skeleton.reset();
-  runtime.reset();
-  return 0;
+  return 0;  // the skeleton goes before its runtime
 }
