@@ -50,10 +50,9 @@ Decoded frame(const uint8_t* data, std::size_t size) {
   Message m;
   const ParseResult r = parseMessage(data, size, m);
   EXPECT_LE(r.consumed, size);
-  Decoded d{r.status, r.error, r.consumed, {}};
-  if (r.status == Status::kOk)
-    d.again = encodeMessage(m.header, m.payload);
-  return d;
+  const bool ok = r.status == Status::kOk;
+  return {r.status, r.error, r.consumed,
+          ok ? encodeMessage(m.header, m.payload) : std::vector<uint8_t>{}};
 }
 
 Decoded sd(const uint8_t* data, std::size_t size) {
@@ -110,7 +109,6 @@ std::vector<Image> images() {
   double d = -2.0;
   double nan = std::numeric_limits<double>::quiet_NaN();
   float inf = std::numeric_limits<float>::infinity();
-  std::string hi = "Hi";
   std::string utf8 = std::string("gr\xC3\xBC\xC3\x9F") + '\0' + "x";
   std::vector<uint16_t> shorts = {1, 0x0203};
   std::vector<std::string> strings = {"a", ""};
@@ -153,8 +151,6 @@ std::vector<Image> images() {
        "c000000000000000"},
       {"NaN and infinity keep their bit patterns", payload<double, float>, serialize(nan, inf),
        "7ff8000000000000 7f800000"},
-      {"string: length, BOM, text, NUL", payload<std::string>, serialize(hi),
-       "00000006 efbbbf 4869 00"},
       {"non-ASCII and an embedded NUL survive; only the last NUL ends the string",
        payload<std::string>, serialize(utf8), "0000000c efbbbf 6772c3bcc39f 00 78 00"},
       {"array of scalars", payload<std::vector<uint16_t>>, serialize(shorts), "00000004 0001 0203"},

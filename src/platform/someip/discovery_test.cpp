@@ -51,13 +51,6 @@ class PeerProcess {
   pid_t pid_ = -1;
 };
 
-bool available(const mw::ServiceHandleContainer& c) {
-  return !c.empty();
-}
-bool gone(const mw::ServiceHandleContainer& c) {
-  return c.empty();
-}
-
 // Subscribes to tick and level, waits for the field's greeting (so the eventgroup subscription
 // is in place), has the server emit `count` ticks and checks that they arrive complete and in
 // order.
@@ -107,6 +100,8 @@ std::unique_ptr<mw::Proxy> connect(Runtime& rt, const mw::ServiceHandle& handle,
 }
 
 TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcrossProcesses) {
+  auto available = [](const mw::ServiceHandleContainer& c) { return !c.empty(); };
+  auto gone = [](const mw::ServiceHandleContainer& c) { return c.empty(); };
   TempDir dir;
   std::string path;
   HostConfig config = loadTestConfig(dir, &path);

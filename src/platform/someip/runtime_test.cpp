@@ -1,19 +1,13 @@
 // The binding's runtime over loopback sockets, two runtimes in one process (testing/pair.h):
 // - calls whose answers come late, out of order or to nobody;
-// - bad frames on a service's TCP connection: each is logged and skipped or answered with the
-//   right error, or, when the stream cannot be resynchronised, the connection is reset; the server
-//   keeps serving either way;
-// - the SD agent against a hand-made peer on a raw UDP socket, bound as another SOME/IP stack on
-//   the same host binds: answers to finds, refused subscriptions, session counting, bad datagrams,
-//   and both sharing SD port 30490 whichever starts first;
-// - wire conformance judged by someone else's decoder, in one exchange that also checks what each
-//   step gives: find / offer, subscriptions (a field subscribed after its eventgroup still starts
-//   with its current value), request / response, fire and forget, getter, errors. The client's
-//   traffic is decoded by Wireshark's SOME/IP and SOME/IP-SD dissectors (tshark).
+// - bad frames on a service's TCP connection: logged, and skipped, answered with the right error
+//   or (when the stream is lost) the connection reset; the server serves on either way;
+// - the SD agent against a raw UDP peer bound as another SOME/IP stack on the host binds;
+// - wire conformance judged by Wireshark's dissectors (tshark), in one exchange that also checks
+//   what each step gives: find / offer, subscriptions, calls, fire and forget, getter, errors.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <stdio.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,6 +26,7 @@
 
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/simulated_clock.h"
+#include "minfw/testing/temp_dir.h"
 #include "platform/someip/header.h"
 #include "platform/someip/sd.h"
 #include "platform/someip/serializer.h"
@@ -413,18 +408,10 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
   }
 }
 
-std::string run(const std::string& command) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (!p)
-    return out;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, p)) > 0)
-    out.append(buffer, n);
-  int status = pclose(p);
-  EXPECT_EQ(status, 0) << command;
-  return out;
+// The output of a shell command that must succeed.
+std::string run(const std::string& command, const std::string& output) {
+  EXPECT_EQ(std::system((command + " >" + output).c_str()), 0) << command;
+  return kel::vxp3::minfw::testing::readFile(output);
 }
 
 TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) {
@@ -519,16 +506,17 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
       dump << '\n';
     }
   }
-  run("text2pcap -q -u 30490,30490 " + file + ".txt " + file);
+  run("text2pcap -q -u 30490,30490 " + file + ".txt " + file, file + ".log");
   const std::string tshark = "tshark -r " + file + " -d udp.port==30490,someip";
   // One line per SOME/IP message (a packet holds one): service;method;type;return code;SD entry
   // types;SD TTLs.
   const std::string fields =
       run(tshark +
-          " -Y someip -T fields -E separator=';' -E occurrence=a"
-          " -e someip.serviceid -e someip.methodid -e someip.messagetype"
-          " -e someip.returncode -e someipsd.entry.type -e someipsd.entry.ttl"
-          " 2>/dev/null");
+              " -Y someip -T fields -E separator=';' -E occurrence=a"
+              " -e someip.serviceid -e someip.methodid -e someip.messagetype"
+              " -e someip.returncode -e someipsd.entry.type -e someipsd.entry.ttl"
+              " 2>/dev/null",
+          file + ".fields");
   const std::string sd = "0xffff;0x8100;0x02;0x00;";  // NOTIFICATION E_OK
   const std::string expected[] = {
       sd + "0x00",                 // find
@@ -554,9 +542,10 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
 
   // No malformed packets and no warnings or errors of any dissector.
   std::string problems =
-      run(tshark + " -Y '_ws.malformed || _ws.expert.severity >= 0x00600000' 2>/dev/null");
+      run(tshark + " -Y '_ws.malformed || _ws.expert.severity >= 0x00600000' 2>/dev/null",
+          file + ".problems");
   EXPECT_EQ(problems, "") << problems;
-  std::string frames = run(tshark + " 2>/dev/null | wc -l");
+  std::string frames = run(tshark + " 2>/dev/null | wc -l", file + ".count");
   EXPECT_EQ(std::strtoul(frames.c_str(), nullptr, 10), packets);
 }
 
