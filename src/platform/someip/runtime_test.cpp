@@ -320,11 +320,10 @@ class RawSdPeer {
 
 // Entry fields: type, index1, index2, numOptions1, numOptions2, service, instance, major, ttl,
 // minor, counter, eventgroup.
-SdMessage find() {
-  return {
-      0,
-      {{SdEntryType::kFindService, 0, 0, 0, 0, 4660, kAnyInstance, kAnyMajor, 3, kAnyMinor, 0, 0}},
-      {}};
+SdMessage find(uint8_t major) {
+  return {0,
+          {{SdEntryType::kFindService, 0, 0, 0, 0, 4660, kAnyInstance, major, 3, kAnyMinor, 0, 0}},
+          {}};
 }
 
 SdMessage subscribe(uint16_t eventgroup, uint16_t port) {
@@ -348,8 +347,9 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
     ASSERT_TRUE(cyclic);
     EXPECT_EQ(cyclic->second.entries.at(0).type, SdEntryType::kOfferService);
 
-    // A find is answered by a unicast offer naming the TCP endpoint and the TTL.
-    peer.send(find());
+    // A find (of major version 1; later any) is answered by a unicast offer naming the TCP
+    // endpoint and the TTL.
+    peer.send(find(1));
     auto offer = peer.receive();
     ASSERT_TRUE(offer);
     const Header& h = offer->first;
@@ -391,7 +391,7 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
     peer.sendRaw(truncated);
     std::vector<uint8_t> badEntries = {0, 0, 0, 0, 0, 0, 0x10, 0};  // entries claim 4096 bytes
     peer.sendRaw(encodeMessage(sdHeader(50), badEntries));
-    peer.send(find());
+    peer.send(find(kAnyMajor));
     auto again = peer.receive();
     ASSERT_TRUE(again);
     EXPECT_EQ(again->second.entries.at(0).type, SdEntryType::kOfferService);
