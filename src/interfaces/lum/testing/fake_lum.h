@@ -81,70 +81,31 @@ class FakeLum : public DiagLUMControlClient {
     out.domainRepairInstructionID = vehicleRepairInstructionID;
     return answer("createDomainUpdateSession", out);
   }
-  bool getDomainUpdateSessionState(const std::string&, uint16_t,
-                                   Client::GetDomainUpdateSessionStateOutput& out, bool) override {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (!states.empty()) {
-        state = states.front();
-        states.pop_front();
-      }
-      out.currentProcessingState = state;
-    }
-    return answer("getDomainUpdateSessionState", out);
-  }
-  bool startDomainUpdateDownload(const std::string&, uint16_t,
-                                 Client::StartDomainUpdateDownloadOutput& out, bool) override {
-    return answer("startDomainUpdateDownload", out);
-  }
-  bool getDomainUpdateDownloadProgress(const std::string&, uint16_t,
-                                       Client::GetDomainUpdateDownloadProgressOutput& out,
-                                       bool) override {
-    out.processedBytes = processed;
-    out.totalBytes = total;
-    return answer("getDomainUpdateDownloadProgress", out);
-  }
-  bool startDomainUpdate(const std::string&, uint16_t, Client::StartDomainUpdateOutput& out,
-                         bool) override {
-    return answer("startDomainUpdate", out);
-  }
-  bool getDomainUpdateProgress(const std::string&, uint16_t,
-                               Client::GetDomainUpdateProgressOutput& out, bool) override {
-    out.processedBytes = processed;
-    out.totalBytes = total;
-    return answer("getDomainUpdateProgress", out);
-  }
-  bool cancelDomainUpdate(const std::string&, uint16_t, Client::CancelDomainUpdateOutput& out,
-                          bool) override {
-    return answer("cancelDomainUpdate", out);
-  }
-  bool getDomainDownloadInfo(const std::string&, uint16_t, Client::GetDomainDownloadInfoOutput& out,
-                             bool) override {
-    out.readyForDownloadInfo = downloadInfo;
-    return answer("getDomainDownloadInfo", out);
-  }
-  bool getDomainUpdateInfo(const std::string&, uint16_t, Client::GetDomainUpdateInfoOutput& out,
-                           bool) override {
-    out.readyForUpdateInfo = updateInfo;
-    return answer("getDomainUpdateInfo", out);
-  }
-  bool getDomainUpdateResult(const std::string&, uint16_t, Client::getDomainUpdateResultOutput& out,
-                             bool) override {
-    out.domainResult.resultCode = resultCode;
-    return answer("getDomainUpdateResult", out);
-  }
-  bool closeDomainUpdateSession(const std::string&, uint16_t,
-                                Client::CloseDomainUpdateSessionOutput& out, bool) override {
-    return answer("closeDomainUpdateSession", out);
-  }
-  bool checkProgrammingPreconditions(const std::string&, uint16_t,
-                                     Client::CheckProgrammingPreconditionsOutput& out,
-                                     bool) override {
-    return answer("checkProgrammingPreconditions", out);
-  }
-  bool getServiceDescription(Client::GetServiceDescriptionOutput& out, bool) override {
-    return answer("getServiceDescription", out);
-  }
+  // The operations that take only the session; `fill` sets the output's other fields.
+#define FAKE_LUM_OPERATION(op, Output, fill)                                  \
+  bool op(const std::string&, uint16_t, Client::Output& out, bool) override { \
+    fill;                                                                     \
+    return answer(#op, out);                                                  \
+  }                                                                           \
+  static_assert(true)
+  FAKE_LUM_OPERATION(getDomainUpdateSessionState, GetDomainUpdateSessionStateOutput,
+                     out.currentProcessingState = nextState());
+  FAKE_LUM_OPERATION(startDomainUpdateDownload, StartDomainUpdateDownloadOutput, );
+  FAKE_LUM_OPERATION(getDomainUpdateDownloadProgress, GetDomainUpdateDownloadProgressOutput,
+                     (out.processedBytes = processed, out.totalBytes = total));
+  FAKE_LUM_OPERATION(startDomainUpdate, StartDomainUpdateOutput, );
+  FAKE_LUM_OPERATION(getDomainUpdateProgress, GetDomainUpdateProgressOutput,
+                     (out.processedBytes = processed, out.totalBytes = total));
+  FAKE_LUM_OPERATION(cancelDomainUpdate, CancelDomainUpdateOutput, );
+  FAKE_LUM_OPERATION(getDomainDownloadInfo, GetDomainDownloadInfoOutput,
+                     out.readyForDownloadInfo = downloadInfo);
+  FAKE_LUM_OPERATION(getDomainUpdateInfo, GetDomainUpdateInfoOutput,
+                     out.readyForUpdateInfo = updateInfo);
+  FAKE_LUM_OPERATION(getDomainUpdateResult, getDomainUpdateResultOutput,
+                     out.domainResult.resultCode = resultCode);
+  FAKE_LUM_OPERATION(closeDomainUpdateSession, CloseDomainUpdateSessionOutput, );
+  FAKE_LUM_OPERATION(checkProgrammingPreconditions, CheckProgrammingPreconditionsOutput, );
+#undef FAKE_LUM_OPERATION
   void startDomainUpdate(const std::string&, uint16_t,
                          Done<Client::StartDomainUpdateOutput> done) override {
     later("startDomainUpdate", Client::StartDomainUpdateOutput{}, std::move(done));
@@ -160,6 +121,14 @@ class FakeLum : public DiagLUMControlClient {
   }
 
  private:
+  PS nextState() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!states.empty()) {
+      state = states.front();
+      states.pop_front();
+    }
+    return state;
+  }
   void log(const std::string& op) {
     std::lock_guard<std::mutex> lock(mutex_);
     calls_.push_back(op);
