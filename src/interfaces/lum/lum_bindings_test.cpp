@@ -6,11 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -117,37 +116,24 @@ std::function<std::string(Proxy&, Inbox&)> oneWay(Call call) {
   };
 }
 
-template <typename P>
-struct Found {
-  std::mutex mutex;  // guards handle
-  std::condition_variable cv;
-  std::optional<mw::ServiceHandle> handle;
-};
-
-// Finds the instance and makes a proxy of it; null if it does not appear in time.
-template <typename P>
-std::unique_ptr<P> discover(mw::Binding* binding, const std::string& instance) {
-  auto found = std::make_shared<Found<P>>();
-  auto find = P::StartFindService(
-      [found](mw::ServiceHandleContainer handles, mw::FindServiceHandle) {
-        std::lock_guard<std::mutex> lock(found->mutex);
+// Finds the service and makes a proxy of it; null if it does not appear in time.
+std::unique_ptr<Proxy> discover(mw::Binding* binding) {
+  auto found = std::make_shared<std::promise<mw::ServiceHandle>>();
+  auto once = std::make_shared<std::once_flag>();
+  auto handle = found->get_future();
+  auto find = Proxy::StartFindService(
+      [found, once](mw::ServiceHandleContainer handles, mw::FindServiceHandle) {
         if (!handles.empty())
-          found->handle = handles.front();
-        found->cv.notify_all();
+          std::call_once(*once, [&] { found->set_value(handles.front()); });
       },
-      mw::InstanceSpecifier(instance), binding);
+      mw::InstanceSpecifier("1"), binding);
   if (!find)
     return nullptr;
-  std::optional<mw::ServiceHandle> handle;
-  {
-    std::unique_lock<std::mutex> lock(found->mutex);
-    found->cv.wait_for(lock, kPatience, [&] { return found->handle.has_value(); });
-    handle = found->handle;
-  }
-  P::StopFindService(find.value(), binding);
-  if (!handle)
+  const bool ready = handle.wait_for(kPatience) == std::future_status::ready;
+  Proxy::StopFindService(find.value(), binding);
+  if (!ready)
     return nullptr;
-  auto created = P::Create(*handle, binding);
+  auto created = Proxy::Create(handle.get(), binding);
   return created ? std::move(created).value() : nullptr;
 }
 
@@ -361,7 +347,7 @@ TEST(LumBindingsTest, ThreadedVersion12EveryOperationAndField) {
   ASSERT_TRUE(tester) << error;
   auto service = std::make_unique<Service>(orvane.get(), *inbox);
   ASSERT_TRUE(service->OfferService());
-  auto proxy = discover<Proxy>(tester.get(), "1");
+  auto proxy = discover(tester.get());
   ASSERT_TRUE(proxy);
 
   const auto operations = operationRows();
