@@ -192,30 +192,14 @@ TEST(DiagLUMControlClientTest, RetrySchemeCountsAttemptsPausesAndMessages) {
     bool retry;
     int failures;
     bool result;
-    std::size_t attempts;
-    std::vector<std::string> messages;
+    std::size_t attempts;  // each after the first announced as "Retry n/5"
   };
   const std::vector<Row> rows = {
-      {"a first answer needs no retry", true, 0, true, 1, {}},
-      {"without retry a failure is final and silent", false, kAlways, false, 1, {}},
-      {"with retry a dead LUM is tried five times, the first message already says 2",
-       true,
-       kAlways,
-       false,
-       5,
-       {"Retry 2/5", "Retry 3/5", "Retry 4/5", "Retry 5/5"}},
-      {"an answer on the third attempt stops retrying",
-       true,
-       2,
-       true,
-       3,
-       {"Retry 2/5", "Retry 3/5"}},
-      {"an answer on the fifth and last attempt still counts",
-       true,
-       4,
-       true,
-       5,
-       {"Retry 2/5", "Retry 3/5", "Retry 4/5", "Retry 5/5"}},
+      {"a first answer needs no retry", true, 0, true, 1},
+      {"without retry a failure is final and silent", false, kAlways, false, 1},
+      {"with retry a dead LUM is tried five times", true, kAlways, false, 5},
+      {"an answer on the third attempt stops retrying", true, 2, true, 3},
+      {"an answer on the fifth and last attempt still counts", true, 4, true, 5},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -230,7 +214,10 @@ TEST(DiagLUMControlClientTest, RetrySchemeCountsAttemptsPausesAndMessages) {
     Client::GetDomainUpdateProgressOutput out;
     EXPECT_EQ(facade.getDomainUpdateProgress("NODBOX-USB", 3, out, row.retry), row.result);
     EXPECT_EQ(client.attempts().size(), row.attempts);
-    EXPECT_EQ(retryMessages(capture), row.messages);
+    std::vector<std::string> messages;
+    for (std::size_t n = 2; n <= row.attempts; ++n)
+      messages.push_back("Retry " + std::to_string(n) + "/5");
+    EXPECT_EQ(retryMessages(capture), messages);
     EXPECT_EQ(clock.sleeps(), std::vector<SimulatedClock::Duration>(row.attempts - 1, 5s));
   }
 }
