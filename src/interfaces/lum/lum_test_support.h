@@ -2,8 +2,8 @@
 // Test visitors for the LUM interface types:
 //  - Filler puts a distinct, non-default value into every field that marshal() visits and
 //    gives every sequence a chosen number of elements, so a round trip exercises every field;
-//  - Recorder writes down what marshal() visits, types ("{ u16 str [ u16 ] }") or values, and
-//    whether the fields of one object are visited in declaration order (their addresses rise).
+//  - Recorder writes down the values that marshal() visits ("{ 7 \"x\" [ 1 ] }") and whether
+//    the fields of one object are visited in declaration order (their addresses rise).
 //    Only fields inside that object count: sequence elements live elsewhere, and enums reach
 //    the visitor as a copy of their underlying value.
 //
@@ -51,9 +51,8 @@ class Filler final : public platform::middleware::FieldVisitor {
 
 class Recorder final : public platform::middleware::FieldVisitor {
  public:
-  // Records every visited value as its type ("u16"), or with `values` as itself ("7").
-  explicit Recorder(bool values) : values_(values) {}
-  // Records types and checks the field order of `object`.
+  Recorder() = default;
+  // Also checks the field order of `object`.
   template <typename T>
   explicit Recorder(const T& object)
       : begin_(reinterpret_cast<const char*>(&object)), end_(begin_ + sizeof(T)) {}
@@ -63,18 +62,18 @@ class Recorder final : public platform::middleware::FieldVisitor {
   const std::string& orderError() const { return orderError_; }
 
   bool writing() const override { return true; }
-  void value(bool& v) override { add("b", v ? "true" : "false", &v); }
-  void value(uint8_t& v) override { add("u8", std::to_string(v), &v); }
-  void value(uint16_t& v) override { add("u16", std::to_string(v), &v); }
-  void value(uint32_t& v) override { add("u32", std::to_string(v), &v); }
-  void value(uint64_t& v) override { add("u64", std::to_string(v), &v); }
-  void value(int8_t& v) override { add("i8", std::to_string(v), &v); }
-  void value(int16_t& v) override { add("i16", std::to_string(v), &v); }
-  void value(int32_t& v) override { add("i32", std::to_string(v), &v); }
-  void value(int64_t& v) override { add("i64", std::to_string(v), &v); }
-  void value(float& v) override { add("f32", std::to_string(v), &v); }
-  void value(double& v) override { add("f64", std::to_string(v), &v); }
-  void value(std::string& v) override { add("str", "\"" + v + "\"", &v); }
+  void value(bool& v) override { add(v ? "true" : "false", &v); }
+  void value(uint8_t& v) override { add(std::to_string(v), &v); }
+  void value(uint16_t& v) override { add(std::to_string(v), &v); }
+  void value(uint32_t& v) override { add(std::to_string(v), &v); }
+  void value(uint64_t& v) override { add(std::to_string(v), &v); }
+  void value(int8_t& v) override { add(std::to_string(v), &v); }
+  void value(int16_t& v) override { add(std::to_string(v), &v); }
+  void value(int32_t& v) override { add(std::to_string(v), &v); }
+  void value(int64_t& v) override { add(std::to_string(v), &v); }
+  void value(float& v) override { add(std::to_string(v), &v); }
+  void value(double& v) override { add(std::to_string(v), &v); }
+  void value(std::string& v) override { add("\"" + v + "\"", &v); }
   void beginSequence() override { token("["); }
   bool moreElements() override { return false; }
   void endSequence() override { token("]"); }
@@ -85,18 +84,17 @@ class Recorder final : public platform::middleware::FieldVisitor {
 
  private:
   void token(const std::string& t) { text_ += text_.empty() ? t : " " + t; }
-  void add(const char* type, const std::string& value, const void* address) {
-    token(values_ ? value : type);
+  void add(const std::string& value, const void* address) {
+    token(value);
     ++count_;
     auto* at = static_cast<const char*>(address);
     if (at < begin_ || at >= end_)
       return;
     if (last_ && at <= last_ && orderError_.empty())
-      orderError_ = "value " + std::to_string(count_) + " (" + type + ") is visited out of order";
+      orderError_ = "value " + std::to_string(count_) + " is visited out of order";
     last_ = at;
   }
 
-  bool values_ = false;
   const char* begin_ = nullptr;
   const char* end_ = nullptr;
   const char* last_ = nullptr;
@@ -109,7 +107,7 @@ class Recorder final : public platform::middleware::FieldVisitor {
 template <typename T>
 std::string dump(const T& x) {
   using platform::middleware::marshal;
-  Recorder recorder(true);
+  Recorder recorder;
   marshal(recorder, const_cast<T&>(x));  // a writing visitor changes nothing
   return recorder.text();
 }
