@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "interfaces/lum/diag_lum_control_client.h"
+#include "interfaces/lum/testing/fake_lum.h"
 #include "logic/multiplexer.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/simulated_clock.h"
@@ -27,116 +27,16 @@ using kel::vxp3::minfw::ScopedClock;
 using kel::vxp3::minfw::testing::ScopedLogCapture;
 using kel::vxp3::minfw::testing::SimulatedClock;
 using kel::vxp3::minfw::testing::TempDir;
-using Client = DiagLUMControlClient::Client;
 using platform::middleware::FutureStatus;
 using Service = DiagLocalUpdateManagerControlService;
 using PS = lum11::CM_CurrentProcessingState;
 using FS =
     lum12::CM_DT_DiagLocalUpdateManagerControl_domainUpdateSessionState_currentProcessingState;
 
-constexpr uint32_t kNoAnswer = 0xFF;
+using FakeLum = lum::testing::FakeLum;
+constexpr uint32_t kNoAnswer = FakeLum::kNoAnswer;
 constexpr uint32_t kOk = 0, kIS = 1, kIE = 2;  // invalidState, internalError
 constexpr uint32_t kDm = ACTIVE_DM, kUsb = ACTIVE_USB, kNone = ACTIVE_NONE;
-
-// A LUM facade answering from a table set up before threads start (a return status per
-// operation, or no answer) and counting calls; `hold` keeps the state poll hanging. Calls made
-// without waiting are answered at once, but getDomainConfiguration's wait for answerHeld().
-class FakeLum : public DiagLUMControlClient {
- public:
-  FakeLum() : DiagLUMControlClient(std::make_unique<Client>()) {}
-  std::map<std::string, uint32_t> status;
-  PS state = PS::downloading;
-  std::atomic<bool> hold{false}, held{false};
-  size_t count(const std::string& op) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_[op];
-  }
-  bool createDomainUpdateSession(const std::string&, uint16_t riid, const std::string&,
-                                 const lum11::createDomainUpdateSession_manifestInformation&,
-                                 const lum11::createDomainUpdateSession_cryptoParameters&,
-                                 const lum11::DownloadSource&,
-                                 const lum11::createDomainUpdateSession_diagnosticAddress&,
-                                 lum11::CM_SessionType,
-                                 Client::CreateDomainUpdateSessionOutput& out, bool) override {
-    out.domainRepairInstructionID = riid;
-    return reply("createDomainUpdateSession", out);
-  }
-  bool getDomainUpdateSessionState(const std::string&, uint16_t,
-                                   Client::GetDomainUpdateSessionStateOutput& out, bool) override {
-    held = hold.load();
-    while (hold) {
-      std::this_thread::sleep_for(1ms);
-    }
-    out.currentProcessingState = state;
-    return reply("getDomainUpdateSessionState", out);
-  }
-  bool getDomainDownloadInfo(const std::string&, uint16_t, Client::GetDomainDownloadInfoOutput& out,
-                             bool) override {
-    out.readyForDownloadInfo = {11, 1000};
-    return reply("getDomainDownloadInfo", out);
-  }
-  bool getDomainUpdateInfo(const std::string&, uint16_t, Client::GetDomainUpdateInfoOutput& out,
-                           bool) override {
-    out.readyForUpdateInfo = {22, 2000};
-    return reply("getDomainUpdateInfo", out);
-  }
-  bool startDomainUpdate(const std::string&, uint16_t, Client::StartDomainUpdateOutput& out,
-                         bool) override {
-    return reply("startDomainUpdate", out);
-  }
-  bool cancelDomainUpdate(const std::string&, uint16_t, Client::CancelDomainUpdateOutput& out,
-                          bool) override {
-    return reply("cancelDomainUpdate", out);
-  }
-  bool closeDomainUpdateSession(const std::string&, uint16_t,
-                                Client::CloseDomainUpdateSessionOutput& out, bool) override {
-    return reply("closeDomainUpdateSession", out);
-  }
-  bool getServiceDescription(Client::GetServiceDescriptionOutput& out, bool) override {
-    return reply("getServiceDescription", out);
-  }
-  void startDomainUpdate(const std::string&, uint16_t,
-                         Done<Client::StartDomainUpdateOutput> done) override {
-    Client::StartDomainUpdateOutput out;
-    done(reply("startDomainUpdate", out), out);
-  }
-  void getServiceDescription(Done<Client::GetServiceDescriptionOutput> done) override {
-    Client::GetServiceDescriptionOutput out;
-    done(reply("getServiceDescription", out), out);
-  }
-  void getDomainConfiguration(const std::string&, uint16_t,
-                              Done<Client::GetDomainConfigurationOutput> done) override {
-    Client::GetDomainConfigurationOutput out;
-    reply("getDomainConfiguration", out);
-    std::lock_guard<std::mutex> lock(mutex_);
-    held_.push_back(std::move(done));
-  }
-  void answerHeld(const std::string& configuration) {
-    std::vector<Done<Client::GetDomainConfigurationOutput>> held;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      held.swap(held_);
-    }
-    Client::GetDomainConfigurationOutput out;
-    out.configurationInformation = configuration;
-    for (auto& done : held) {
-      done(true, out);
-    }
-  }
-
- private:
-  template <typename Out>
-  bool reply(const std::string& op, Out& out) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++calls_[op];
-    const uint32_t value = status.count(op) ? status.at(op) : kOk;
-    out.returnStatus = static_cast<lum11::CM_ReturnStatus>(value);
-    return value != kNoAnswer;
-  }
-  std::mutex mutex_;  // guards everything below
-  std::map<std::string, size_t> calls_;
-  std::vector<Done<Client::GetDomainConfigurationOutput>> held_;
-};
 
 // Waits in real time, bounded, until `condition` holds.
 bool eventually(const std::function<bool()>& condition) {
@@ -277,7 +177,7 @@ TEST_F(DmServiceTest, ControlTablePerOperationGroup) {
     SCOPED_TRACE(row.proves);
     Rig rig(clock_, row.bound);
     const char* op = ops[row.op].first;
-    rig.lum->status[op] = row.lumAnswer;
+    rig.lum->script[op] = {row.lumAnswer};
     ASSERT_TRUE(row.holder == kNone || rig.requestExclusiveControl(row.holder, false));
     log_->clear();
     const uint32_t status = ops[row.op].second(*rig.dm);
@@ -345,7 +245,7 @@ TEST_F(DmServiceTest, AReconnectedLumWithoutTheSessionGetsControlBack) {
     SCOPED_TRACE(reconnected ? "after a reconnect" : "an ordinary poll");
     Rig rig(clock_);
     log_->clear();
-    rig.lum->status["getDomainUpdateSessionState"] = kIS;
+    rig.lum->script["getDomainUpdateSessionState"] = {kIS};
     ASSERT_TRUE(rig.requestExclusiveControl(kDm, false));
     if (reconnected) {
       rig.dm->eventConnection(true);
@@ -361,12 +261,17 @@ TEST_F(DmServiceTest, AReconnectedLumWithoutTheSessionGetsControlBack) {
 }
 
 TEST_F(DmServiceTest, AWorkerHangingInTheLumIsLeftRunningWithThePanicLine) {
+  std::atomic<bool> hold{true}, held{false};
   Rig rig(clock_);
+  rig.lum->onCall = [&](const std::string& op) {
+    held = held || op == "getDomainUpdateSessionState";
+    while (op == "getDomainUpdateSessionState" && hold)
+      std::this_thread::sleep_for(1ms);
+  };
   ASSERT_TRUE(rig.requestExclusiveControl(ACTIVE_DM, false));
-  rig.lum->hold = true;
   rig.dm->startPoll();
   ASSERT_TRUE(rig.cycle());
-  ASSERT_TRUE(eventually([&] { return rig.lum->held.load(); }));
+  ASSERT_TRUE(eventually([&] { return held.load(); }));
   // The LUM comes back while the worker hangs: a new worker replaces it after 12 s.
   auto restarted = std::async(std::launch::async, [&] { rig.dm->eventConnection(true); });
   for (int i = 0; i < Service::kStopWaitSteps; ++i) {
@@ -377,7 +282,7 @@ TEST_F(DmServiceTest, AWorkerHangingInTheLumIsLeftRunningWithThePanicLine) {
   EXPECT_TRUE(log_->contains("Polling thread still alive!"));
   EXPECT_TRUE(log_->contains("Cannot kill polling thread!! You may panic now..."));
   EXPECT_EQ(log_->count("Starting polling thread"), 2u);
-  rig.lum->hold = false;
+  hold = false;
   EXPECT_TRUE(eventually([&] { return log_->contains("V12 Polling Loop stopped"); }));
 }
 
@@ -385,6 +290,8 @@ TEST_F(DmServiceTest, AWorkerHangingInTheLumIsLeftRunningWithThePanicLine) {
 // thread; until then the service's LUM calls wait, the tester's and the poll worker's alike.
 TEST_F(DmServiceTest, ThreadedRelayedAnswerCompletesOnTheAnsweringThread) {
   Rig rig(clock_);
+  rig.lum->deferred = {"getDomainConfiguration"};
+  rig.lum->configuration = "cfg";
   ASSERT_TRUE(rig.requestExclusiveControl(kDm, false));
   auto held = rig.dm->getDomainConfiguration("T", 7);
   EXPECT_FALSE(held.is_ready());
@@ -396,7 +303,7 @@ TEST_F(DmServiceTest, ThreadedRelayedAnswerCompletesOnTheAnsweringThread) {
   EXPECT_EQ(rig.lum->count("startDomainUpdate") + rig.lum->count("getDomainUpdateSessionState"),
             0u);
 
-  std::thread([&rig] { rig.lum->answerHeld("cfg"); }).join();
+  std::thread([&rig] { rig.lum->answerDeferred(); }).join();
   ASSERT_EQ(held.wait_for(10s), FutureStatus::kReady);
   EXPECT_EQ(held.get().value().configurationInformation, "cfg");
   EXPECT_EQ(status(held), kOk);

@@ -54,58 +54,32 @@ class ScriptedClient : public Client {
     out.domainRepairInstructionID = 77;
     return attempt("createDomainUpdateSession", a, id);
   }
-  bool getDomainUpdateSessionState(const std::string& a, uint16_t id,
-                                   GetDomainUpdateSessionStateOutput&) override {
-    return attempt("getDomainUpdateSessionState", a, id);
-  }
-  bool startDomainUpdateDownload(const std::string& a, uint16_t id,
-                                 StartDomainUpdateDownloadOutput&) override {
-    return attempt("startDomainUpdateDownload", a, id);
-  }
-  bool getDomainUpdateDownloadProgress(const std::string& a, uint16_t id,
-                                       GetDomainUpdateDownloadProgressOutput&) override {
-    return attempt("getDomainUpdateDownloadProgress", a, id);
-  }
-  bool startDomainUpdate(const std::string& a, uint16_t id, StartDomainUpdateOutput&) override {
-    return attempt("startDomainUpdate", a, id);
-  }
-  bool getDomainUpdateProgress(const std::string& a, uint16_t id,
-                               GetDomainUpdateProgressOutput&) override {
-    return attempt("getDomainUpdateProgress", a, id);
-  }
-  bool cancelDomainUpdate(const std::string& a, uint16_t id, CancelDomainUpdateOutput&) override {
-    return attempt("cancelDomainUpdate", a, id);
-  }
+  // The operations that take only the session.
+#define SESSION_ATTEMPT(op, Output)                              \
+  bool op(const std::string& a, uint16_t id, Output&) override { \
+    return attempt(#op, a, id);                                  \
+  }                                                              \
+  static_assert(true)
+  SESSION_ATTEMPT(getDomainUpdateSessionState, GetDomainUpdateSessionStateOutput);
+  SESSION_ATTEMPT(startDomainUpdateDownload, StartDomainUpdateDownloadOutput);
+  SESSION_ATTEMPT(getDomainUpdateDownloadProgress, GetDomainUpdateDownloadProgressOutput);
+  SESSION_ATTEMPT(startDomainUpdate, StartDomainUpdateOutput);
+  SESSION_ATTEMPT(getDomainUpdateProgress, GetDomainUpdateProgressOutput);
+  SESSION_ATTEMPT(cancelDomainUpdate, CancelDomainUpdateOutput);
+  SESSION_ATTEMPT(getDomainConfiguration, GetDomainConfigurationOutput);
+  SESSION_ATTEMPT(getDomainDownloadInfo, GetDomainDownloadInfoOutput);
+  SESSION_ATTEMPT(getDomainUpdateInfo, GetDomainUpdateInfoOutput);
+  SESSION_ATTEMPT(getDomainUpdateResult, getDomainUpdateResultOutput);
+  SESSION_ATTEMPT(closeDomainUpdateSession, CloseDomainUpdateSessionOutput);
+  SESSION_ATTEMPT(checkProgrammingPreconditions, CheckProgrammingPreconditionsOutput);
+#undef SESSION_ATTEMPT
   bool setDebugInstruction(const std::string& a, uint16_t id, const std::string& k,
                            const std::string& v, SetDebugInstructionOutput&) override {
     return attempt("setDebugInstruction", a + "/" + k + "/" + v, id);
   }
-  bool getDomainConfiguration(const std::string& a, uint16_t id,
-                              GetDomainConfigurationOutput&) override {
-    return attempt("getDomainConfiguration", a, id);
-  }
-  bool getDomainDownloadInfo(const std::string& a, uint16_t id,
-                             GetDomainDownloadInfoOutput&) override {
-    return attempt("getDomainDownloadInfo", a, id);
-  }
-  bool getDomainUpdateInfo(const std::string& a, uint16_t id, GetDomainUpdateInfoOutput&) override {
-    return attempt("getDomainUpdateInfo", a, id);
-  }
-  bool getDomainUpdateResult(const std::string& a, uint16_t id,
-                             getDomainUpdateResultOutput&) override {
-    return attempt("getDomainUpdateResult", a, id);
-  }
-  bool closeDomainUpdateSession(const std::string& a, uint16_t id,
-                                CloseDomainUpdateSessionOutput&) override {
-    return attempt("closeDomainUpdateSession", a, id);
-  }
   bool ackDomainOffTimeNotification(uint16_t id, uint32_t timeout,
                                     AckDomainOffTimeNotificationOutput&) override {
     return attempt("ackDomainOffTimeNotification", std::to_string(timeout), id);
-  }
-  bool checkProgrammingPreconditions(const std::string& a, uint16_t id,
-                                     CheckProgrammingPreconditionsOutput&) override {
-    return attempt("checkProgrammingPreconditions", a, id);
   }
   bool getServiceDescription(GetServiceDescriptionOutput&) override {
     return attempt("getServiceDescription", "", 0);
@@ -140,8 +114,19 @@ struct Operation {
   std::function<bool(DiagLUMControlClient&, bool retry)> call;
 };
 
+using F = DiagLUMControlClient;
+
+// An operation that takes only the session, called with accessID "c" and `id`.
+template <typename Output>
+Operation sessionCall(const std::string& name,
+                      bool (F::*call)(const std::string&, uint16_t, Output&, bool), uint16_t id) {
+  return {name + "(c," + std::to_string(id) + ")", [call, id](F& f, bool r) {
+            Output out;
+            return (f.*call)("c", id, out, r);
+          }};
+}
+
 std::vector<Operation> allOperations() {
-  using F = DiagLUMControlClient;
   return {
       {"updateURLResponse(2,0)",
        [](F& f, bool r) {
@@ -156,76 +141,28 @@ std::vector<Operation> allOperations() {
          return f.createDomainUpdateSession("NODBOX-USB", 7, "link", {}, {}, {}, {},
                                             lum11::CM_SessionType::localUpdate, out, r);
        }},
-      {"getDomainUpdateSessionState(c,1)",
-       [](F& f, bool r) {
-         Client::GetDomainUpdateSessionStateOutput out;
-         return f.getDomainUpdateSessionState("c", 1, out, r);
-       }},
-      {"startDomainUpdateDownload(c,2)",
-       [](F& f, bool r) {
-         Client::StartDomainUpdateDownloadOutput out;
-         return f.startDomainUpdateDownload("c", 2, out, r);
-       }},
-      {"getDomainUpdateDownloadProgress(c,3)",
-       [](F& f, bool r) {
-         Client::GetDomainUpdateDownloadProgressOutput out;
-         return f.getDomainUpdateDownloadProgress("c", 3, out, r);
-       }},
-      {"startDomainUpdate(c,4)",
-       [](F& f, bool r) {
-         Client::StartDomainUpdateOutput out;
-         return f.startDomainUpdate("c", 4, out, r);
-       }},
-      {"getDomainUpdateProgress(c,5)",
-       [](F& f, bool r) {
-         Client::GetDomainUpdateProgressOutput out;
-         return f.getDomainUpdateProgress("c", 5, out, r);
-       }},
-      {"cancelDomainUpdate(c,6)",
-       [](F& f, bool r) {
-         Client::CancelDomainUpdateOutput out;
-         return f.cancelDomainUpdate("c", 6, out, r);
-       }},
+      sessionCall("getDomainUpdateSessionState", &F::getDomainUpdateSessionState, 1),
+      sessionCall("startDomainUpdateDownload", &F::startDomainUpdateDownload, 2),
+      sessionCall("getDomainUpdateDownloadProgress", &F::getDomainUpdateDownloadProgress, 3),
+      sessionCall("startDomainUpdate", &F::startDomainUpdate, 4),
+      sessionCall("getDomainUpdateProgress", &F::getDomainUpdateProgress, 5),
+      sessionCall("cancelDomainUpdate", &F::cancelDomainUpdate, 6),
+      sessionCall("getDomainConfiguration", &F::getDomainConfiguration, 9),
+      sessionCall("getDomainDownloadInfo", &F::getDomainDownloadInfo, 10),
+      sessionCall("getDomainUpdateInfo", &F::getDomainUpdateInfo, 11),
+      sessionCall("getDomainUpdateResult", &F::getDomainUpdateResult, 12),
+      sessionCall("closeDomainUpdateSession", &F::closeDomainUpdateSession, 13),
       {"setDebugInstruction(c/key/value,8)",
        [](F& f, bool r) {
          Client::SetDebugInstructionOutput out;
          return f.setDebugInstruction("c", 8, "key", "value", out, r);
-       }},
-      {"getDomainConfiguration(c,9)",
-       [](F& f, bool r) {
-         Client::GetDomainConfigurationOutput out;
-         return f.getDomainConfiguration("c", 9, out, r);
-       }},
-      {"getDomainDownloadInfo(c,10)",
-       [](F& f, bool r) {
-         Client::GetDomainDownloadInfoOutput out;
-         return f.getDomainDownloadInfo("c", 10, out, r);
-       }},
-      {"getDomainUpdateInfo(c,11)",
-       [](F& f, bool r) {
-         Client::GetDomainUpdateInfoOutput out;
-         return f.getDomainUpdateInfo("c", 11, out, r);
-       }},
-      {"getDomainUpdateResult(c,12)",
-       [](F& f, bool r) {
-         Client::getDomainUpdateResultOutput out;
-         return f.getDomainUpdateResult("c", 12, out, r);
-       }},
-      {"closeDomainUpdateSession(c,13)",
-       [](F& f, bool r) {
-         Client::CloseDomainUpdateSessionOutput out;
-         return f.closeDomainUpdateSession("c", 13, out, r);
        }},
       {"ackDomainOffTimeNotification(300,14)",
        [](F& f, bool r) {
          Client::AckDomainOffTimeNotificationOutput out;
          return f.ackDomainOffTimeNotification(14, 300, out, r);
        }},
-      {"checkProgrammingPreconditions(c,15)",
-       [](F& f, bool r) {
-         Client::CheckProgrammingPreconditionsOutput out;
-         return f.checkProgrammingPreconditions("c", 15, out, r);
-       }},
+      sessionCall("checkProgrammingPreconditions", &F::checkProgrammingPreconditions, 15),
       {"getServiceDescription(,0)",
        [](F& f, bool r) {
          Client::GetServiceDescriptionOutput out;
@@ -255,30 +192,14 @@ TEST(DiagLUMControlClientTest, RetrySchemeCountsAttemptsPausesAndMessages) {
     bool retry;
     int failures;
     bool result;
-    std::size_t attempts;
-    std::vector<std::string> messages;
+    std::size_t attempts;  // each after the first announced as "Retry n/5"
   };
   const std::vector<Row> rows = {
-      {"a first answer needs no retry", true, 0, true, 1, {}},
-      {"without retry a failure is final and silent", false, kAlways, false, 1, {}},
-      {"with retry a dead LUM is tried five times, the first message already says 2",
-       true,
-       kAlways,
-       false,
-       5,
-       {"Retry 2/5", "Retry 3/5", "Retry 4/5", "Retry 5/5"}},
-      {"an answer on the third attempt stops retrying",
-       true,
-       2,
-       true,
-       3,
-       {"Retry 2/5", "Retry 3/5"}},
-      {"an answer on the fifth and last attempt still counts",
-       true,
-       4,
-       true,
-       5,
-       {"Retry 2/5", "Retry 3/5", "Retry 4/5", "Retry 5/5"}},
+      {"a first answer needs no retry", true, 0, true, 1},
+      {"without retry a failure is final and silent", false, kAlways, false, 1},
+      {"with retry a dead LUM is tried five times", true, kAlways, false, 5},
+      {"an answer on the third attempt stops retrying", true, 2, true, 3},
+      {"an answer on the fifth and last attempt still counts", true, 4, true, 5},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -293,11 +214,17 @@ TEST(DiagLUMControlClientTest, RetrySchemeCountsAttemptsPausesAndMessages) {
     Client::GetDomainUpdateProgressOutput out;
     EXPECT_EQ(facade.getDomainUpdateProgress("NODBOX-USB", 3, out, row.retry), row.result);
     EXPECT_EQ(client.attempts().size(), row.attempts);
-    EXPECT_EQ(retryMessages(capture), row.messages);
+    std::vector<std::string> messages;
+    for (std::size_t n = 2; n <= row.attempts; ++n)
+      messages.push_back("Retry " + std::to_string(n) + "/5");
+    EXPECT_EQ(retryMessages(capture), messages);
     EXPECT_EQ(clock.sleeps(), std::vector<SimulatedClock::Duration>(row.attempts - 1, 5s));
   }
 }
 
+// Every operation forwards its arguments and is retried. A client that never found the LUM fails
+// every call at once; the facade then spends its five attempts and four pauses of 5 s (20 s of
+// virtual time) before giving up.
 TEST(DiagLUMControlClientTest, EveryOperationForwardsItsArgumentsAndRetries) {
   for (const auto& op : allOperations()) {
     SCOPED_TRACE(op.attempt);
@@ -305,40 +232,25 @@ TEST(DiagLUMControlClientTest, EveryOperationForwardsItsArgumentsAndRetries) {
     ScopedClock useClock(clock);
     ScopedLogCapture capture;
     auto scripted = std::make_unique<ScriptedClient>();
-    const std::string name = op.attempt.substr(0, op.attempt.find('('));
-    scripted->failFirst(name, 1);
+    scripted->failFirst(op.attempt.substr(0, op.attempt.find('(')), 1);
     ScriptedClient& client = *scripted;
     DiagLUMControlClient facade(std::move(scripted));
-
     EXPECT_TRUE(op.call(facade, true));
     EXPECT_EQ(client.attempts(), std::vector<std::string>(2, op.attempt));
     EXPECT_EQ(retryMessages(capture), std::vector<std::string>{"Retry 2/5"});
-  }
-}
-
-// A client that never found the LUM fails every call at once; the facade then spends its five
-// attempts and four pauses of 5 s (20 s of virtual time) before giving up.
-TEST(DiagLUMControlClientTest, WithoutDiscoveryEveryOperationFailsAfterFiveAttempts) {
-  for (const auto& op : allOperations()) {
-    SCOPED_TRACE(op.attempt);
-    SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
-    ScopedClock useClock(clock);
-    ScopedLogCapture capture;
-    DiagLUMControlClient facade(std::make_unique<Client>());
-
-    const bool result = op.call(facade, true);
-    if (op.attempt.rfind("updateURLResponse", 0) != 0) {
-      EXPECT_FALSE(result);
-    }
-    EXPECT_EQ(capture->count("m_proxy is invalid!"), 5u);
-    EXPECT_EQ(retryMessages(capture).size(), 4u);
-    EXPECT_EQ(clock.totalSlept(), 20s);
-    EXPECT_FALSE(facade.connected());
 
     capture->clear();
-    op.call(facade, false);
+    DiagLUMControlClient undiscovered(std::make_unique<Client>());
+    const bool result = op.call(undiscovered, true);
+    EXPECT_TRUE(!result || op.attempt.rfind("updateURLResponse", 0) == 0);
+    EXPECT_EQ(capture->count("m_proxy is invalid!"), 5u);
+    EXPECT_EQ(retryMessages(capture).size(), 4u);
+    EXPECT_EQ(clock.totalSlept(), 25s);
+    EXPECT_FALSE(undiscovered.connected());
+    capture->clear();
+    op.call(undiscovered, false);
     EXPECT_EQ(capture->count("m_proxy is invalid!"), 1u);
-    EXPECT_EQ(clock.totalSlept(), 20s);
+    EXPECT_EQ(clock.totalSlept(), 25s);
   }
 }
 

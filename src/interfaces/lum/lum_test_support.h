@@ -2,14 +2,13 @@
 // Test visitors for the LUM interface types:
 //  - Filler puts a distinct, non-default value into every field that marshal() visits and
 //    gives every sequence a chosen number of elements, so a round trip exercises every field;
-//  - LayoutRecorder writes down the shape that marshal() visits ("{ u16 str [ u16 ] }") and
-//    whether the fields of one object are visited in declaration order (their addresses rise).
-//    Only fields inside that object count: sequence elements live elsewhere (their record type
-//    is checked on its own), and enums reach the visitor as a copy of their underlying value.
+//  - Recorder writes down the values that marshal() visits ("{ 7 \"x\" [ 1 ] }") and whether
+//    the fields of one object are visited in declaration order (their addresses rise).
+//    Only fields inside that object count: sequence elements live elsewhere, and enums reach
+//    the visitor as a copy of their underlying value.
 //
 // Threading: a visitor is used by one thread.
 
-#include <cctype>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -50,29 +49,31 @@ class Filler final : public platform::middleware::FieldVisitor {
   std::vector<int> remaining_;
 };
 
-class LayoutRecorder final : public platform::middleware::FieldVisitor {
+class Recorder final : public platform::middleware::FieldVisitor {
  public:
+  Recorder() = default;
+  // Also checks the field order of `object`.
   template <typename T>
-  explicit LayoutRecorder(const T& object)
+  explicit Recorder(const T& object)
       : begin_(reinterpret_cast<const char*>(&object)), end_(begin_ + sizeof(T)) {}
 
-  const std::string& layout() const { return layout_; }
+  const std::string& text() const { return text_; }
   // Empty when every field of the object was visited after the one declared before it.
   const std::string& orderError() const { return orderError_; }
 
   bool writing() const override { return true; }
-  void value(bool& v) override { add("b", &v); }
-  void value(uint8_t& v) override { add("u8", &v); }
-  void value(uint16_t& v) override { add("u16", &v); }
-  void value(uint32_t& v) override { add("u32", &v); }
-  void value(uint64_t& v) override { add("u64", &v); }
-  void value(int8_t& v) override { add("i8", &v); }
-  void value(int16_t& v) override { add("i16", &v); }
-  void value(int32_t& v) override { add("i32", &v); }
-  void value(int64_t& v) override { add("i64", &v); }
-  void value(float& v) override { add("f32", &v); }
-  void value(double& v) override { add("f64", &v); }
-  void value(std::string& v) override { add("str", &v); }
+  void value(bool& v) override { add(v ? "true" : "false", &v); }
+  void value(uint8_t& v) override { add(std::to_string(v), &v); }
+  void value(uint16_t& v) override { add(std::to_string(v), &v); }
+  void value(uint32_t& v) override { add(std::to_string(v), &v); }
+  void value(uint64_t& v) override { add(std::to_string(v), &v); }
+  void value(int8_t& v) override { add(std::to_string(v), &v); }
+  void value(int16_t& v) override { add(std::to_string(v), &v); }
+  void value(int32_t& v) override { add(std::to_string(v), &v); }
+  void value(int64_t& v) override { add(std::to_string(v), &v); }
+  void value(float& v) override { add(std::to_string(v), &v); }
+  void value(double& v) override { add(std::to_string(v), &v); }
+  void value(std::string& v) override { add("\"" + v + "\"", &v); }
   void beginSequence() override { token("["); }
   bool moreElements() override { return false; }
   void endSequence() override { token("]"); }
@@ -82,48 +83,33 @@ class LayoutRecorder final : public platform::middleware::FieldVisitor {
   std::string error() const override { return {}; }
 
  private:
-  void token(const char* t) {
-    if (!layout_.empty())
-      layout_ += ' ';
-    layout_ += t;
-  }
-  void add(const char* t, const void* address) {
-    token(t);
+  void token(const std::string& t) { text_ += text_.empty() ? t : " " + t; }
+  void add(const std::string& value, const void* address) {
+    token(value);
     ++count_;
     auto* at = static_cast<const char*>(address);
     if (at < begin_ || at >= end_)
       return;
     if (last_ && at <= last_ && orderError_.empty())
-      orderError_ = "value " + std::to_string(count_) + " (" + t + ") is visited out of order";
+      orderError_ = "value " + std::to_string(count_) + " is visited out of order";
     last_ = at;
   }
 
-  const char* begin_;
-  const char* end_;
+  const char* begin_ = nullptr;
+  const char* end_ = nullptr;
   const char* last_ = nullptr;
-  std::string layout_;
+  std::string text_;
   std::string orderError_;
   int count_ = 0;
 };
 
-// "0000 0006 efbbbf" -> bytes; blanks and '|' only help the eye.
-inline std::vector<uint8_t> fromHex(const std::string& text) {
-  std::vector<uint8_t> out;
-  int high = -1;
-  for (char c : text) {
-    if (!std::isxdigit(static_cast<unsigned char>(c)))
-      continue;
-    const int nibble = std::isdigit(static_cast<unsigned char>(c))
-                           ? c - '0'
-                           : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
-    if (high < 0) {
-      high = nibble;
-    } else {
-      out.push_back(static_cast<uint8_t>(high << 4 | nibble));
-      high = -1;
-    }
-  }
-  return out;
+// Every visited value of `x` as text, in order, with sequence and record brackets.
+template <typename T>
+std::string dump(const T& x) {
+  using platform::middleware::marshal;
+  Recorder recorder;
+  marshal(recorder, const_cast<T&>(x));  // a writing visitor changes nothing
+  return recorder.text();
 }
 
 }  // namespace orv::lum::testing
