@@ -168,59 +168,31 @@ class MultiplexerTest : public ::testing::Test {
 constexpr uint32_t kAbsent = 99;  // default for reading "channel" when the key is missing
 
 TEST_F(MultiplexerTest, GrantAndReleaseRules) {
-  enum Op { kGrant, kTemporary, kRelease };
-  struct Step {
-    Op op;
-    uint32_t channel;
-    bool expected;
-  };
   struct Row {
     const char* proves;
-    std::vector<Step> steps;
+    // Steps: g (grant), t (temporary grant) or r (release), the channel (0 DM, 1 USB, 2 none,
+    // 3 no channel at all) and the expected result (+ or -).
+    const char* steps;
     uint32_t holder;
     uint32_t recorded;  // "channel" in the record, kAbsent when never written
     const char* logged;
   };
   const std::vector<Row> rows = {
-      {"a free LUM goes to the first caller, persisted",
-       {{kGrant, ACTIVE_USB, true}},
-       ACTIVE_USB,
-       ACTIVE_USB,
+      {"a free LUM goes to the first caller, persisted", "g1+", ACTIVE_USB, ACTIVE_USB,
        "Control is now [ACTIVE_USB]"},
-      {"a second grant to the holder succeeds",
-       {{kGrant, ACTIVE_DM, true}, {kGrant, ACTIVE_DM, true}},
-       ACTIVE_DM,
-       ACTIVE_DM,
+      {"a second grant to the holder succeeds", "g0+ g0+", ACTIVE_DM, ACTIVE_DM,
        "Control is already [ACTIVE_DM]"},
-      {"no pre-emption: the other channel is refused while control is held",
-       {{kGrant, ACTIVE_USB, true}, {kGrant, ACTIVE_DM, false}, {kTemporary, ACTIVE_DM, false}},
-       ACTIVE_USB,
-       ACTIVE_USB,
-       "Control is [ACTIVE_USB]"},
-      {"a release by the non-holder fails and keeps the holder",
-       {{kGrant, ACTIVE_DM, true}, {kRelease, ACTIVE_USB, false}},
-       ACTIVE_DM,
-       ACTIVE_DM,
+      {"no pre-emption: the other channel is refused while control is held", "g1+ g0- t0-",
+       ACTIVE_USB, ACTIVE_USB, "Control is [ACTIVE_USB]"},
+      {"a release by the non-holder fails and keeps the holder", "g0+ r1-", ACTIVE_DM, ACTIVE_DM,
        "Control belongs to [ACTIVE_DM], not [ACTIVE_USB]"},
-      {"after the holder's release the other channel wins",
-       {{kGrant, ACTIVE_USB, true}, {kRelease, ACTIVE_USB, true}, {kGrant, ACTIVE_DM, true}},
-       ACTIVE_DM,
-       ACTIVE_DM,
+      {"after the holder's release the other channel wins", "g1+ r1+ g0+", ACTIVE_DM, ACTIVE_DM,
        "Control is now [ACTIVE_DM]"},
-      {"a temporary grant is held but not written",
-       {{kTemporary, ACTIVE_USB, true}},
-       ACTIVE_USB,
-       kAbsent,
+      {"a temporary grant is held but not written", "t1+", ACTIVE_USB, kAbsent,
        "Control istemporary now [ACTIVE_USB]"},
-      {"a temporary grant keeps the record's last real holder",
-       {{kGrant, ACTIVE_DM, true}, {kRelease, ACTIVE_DM, true}, {kTemporary, ACTIVE_USB, true}},
-       ACTIVE_USB,
-       ACTIVE_NONE,
-       "Control istemporary now [ACTIVE_USB]"},
-      {"a value that names no channel never gets control",
-       {{kGrant, 3, false}, {kGrant, ACTIVE_NONE, false}},
-       ACTIVE_NONE,
-       kAbsent,
+      {"a temporary grant keeps the record's last real holder", "g0+ r0+ t1+", ACTIVE_USB,
+       ACTIVE_NONE, "Control istemporary now [ACTIVE_USB]"},
+      {"a value that names no channel never gets control", "g3- g2-", ACTIVE_NONE, kAbsent,
        "Invalid channel [!!UNDEFINED!!] (3)!"},
   };
   for (const Row& row : rows) {
@@ -231,11 +203,11 @@ TEST_F(MultiplexerTest, GrantAndReleaseRules) {
     auto lum = makeLumClient();
     mux.setLumClient(lum);
     log_->clear();
-    for (const Step& step : row.steps) {
-      const bool result = step.op == kRelease
-                              ? mux.relinquishControl(step.channel)
-                              : mux.requestExclusiveControl(step.channel, step.op == kTemporary);
-      EXPECT_EQ(result, step.expected);
+    for (const char* step = row.steps; *step != '\0'; step += step[3] == ' ' ? 4 : 3) {
+      const uint32_t channel = static_cast<uint32_t>(step[1] - '0');
+      const bool result = step[0] == 'r' ? mux.relinquishControl(channel)
+                                         : mux.requestExclusiveControl(channel, step[0] == 't');
+      EXPECT_EQ(result, step[2] == '+') << step;
     }
     EXPECT_EQ(mux.queryControl(), row.holder);
     EXPECT_EQ(persistence->getChannel(kAbsent), row.recorded);
