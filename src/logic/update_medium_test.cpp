@@ -159,10 +159,9 @@ TEST_F(UpdateMediumTest, SizeLimitOnBothSides) {
     SCOPED_TRACE(row.proves);
     const std::string dir = "/" + std::to_string(index++);
     server_.put(dir + "/NodboxUpdateMedium.json", sized(row.bodySize));
-    if (row.headSize != 0) {
-      server_.headSays(dir + "/NodboxUpdateMedium.json", row.headSize);
-    }
-    server_.chunked(dir + "/NodboxUpdateMedium.json", row.send);
+    server_.set(dir + "/NodboxUpdateMedium.json", [&](orv::testing::HttpServer::Path& p) {
+      p.headSays = row.headSize, p.chunked = row.send;
+    });
     log_->clear();
     UpdateMedium medium;
     EXPECT_EQ(medium.Parse(server_.base() + dir), row.parsed);
@@ -227,9 +226,9 @@ TEST_F(UpdateMediumTest, HttpFaultsRetriesAndTimeouts) {
   const std::string refused = "http://127.0.0.1:1/x";  // nobody listens there
   server_.put("/flaky", "body");
   server_.put("/nolen", "{}");
-  server_.withoutLength("/nolen");
-  server_.status("/gone", 503);
-  server_.status("/lost", 404);
+  server_.set("/nolen", [](orv::testing::HttpServer::Path& p) { p.noLength = true; });
+  server_.set("/gone", [](orv::testing::HttpServer::Path& p) { p.status = 503; });
+  server_.set("/lost", [](orv::testing::HttpServer::Path& p) { p.status = 404; });
   struct Row {
     const char* proves;
     std::string url;
@@ -262,7 +261,7 @@ TEST_F(UpdateMediumTest, HttpFaultsRetriesAndTimeouts) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    server_.failFirst("/flaky", row.failFirst);
+    server_.set("/flaky", [&](orv::testing::HttpServer::Path& p) { p.failFirst = row.failFirst; });
     const size_t pausesBefore = clock_.sleeps().size();
     log_->clear();
     std::string content;
