@@ -283,6 +283,15 @@ class LogicTest : public ::testing::Test {
     return logic;
   }
 
+  // A Logic without a record, on a fresh arbiter, where an update stands after its session was
+  // created.
+  std::unique_ptr<TestLogic> installed(uint32_t lumState) {
+    arbiter_ = Arbiter{};
+    std::unique_ptr<TestLogic> logic = make(false);
+    installing(*logic, lumState);
+    return logic;
+  }
+
   // Puts `logic` where an update stands after its session was created.
   void installing(TestLogic& logic, uint32_t lumState) {
     arbiter_.holder = ACTIVE_USB;
@@ -519,9 +528,7 @@ TEST_F(LogicTest, BusyAnswersAreRetriedEveryTenSecondsWithoutLimit) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.op);
-    arbiter_ = Arbiter{};
-    std::unique_ptr<TestLogic> logic = make(false);
-    installing(*logic, row.lumState);
+    std::unique_ptr<TestLogic> logic = installed(row.lumState);
     arbiter_.lum->script[row.op] = {4, 4, 4, 4, 4, 4, 4, 0};
     const auto before = clock_.sleeps().size();
     row.run(*logic);
@@ -596,9 +603,7 @@ TEST_F(LogicTest, StatusPollMakesUpForAMissingEventAfterTheThirdFurtherPoll) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    arbiter_ = Arbiter{};
-    std::unique_ptr<TestLogic> logic = make(false);
-    installing(*logic, row.lumState);
+    std::unique_ptr<TestLogic> logic = installed(row.lumState);
     arbiter_.lum->state = row.reported;
     logic->enqueue([&] { logic->seqGetStatus(); });
     // Three further polls count; the event is still expected.
@@ -647,9 +652,7 @@ TEST_F(LogicTest, EveryErrorPathEndsFailedIdleAndReleased) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    arbiter_ = Arbiter{};
-    std::unique_ptr<TestLogic> logic = make(false);
-    installing(*logic, row.lumState);
+    std::unique_ptr<TestLogic> logic = installed(row.lumState);
     row.fault(arbiter_);
     row.run(*logic);
     logic->run(10);
@@ -684,9 +687,7 @@ TEST_F(LogicTest, AnErrorEventRacingAStartCallEndsTheUpdateOnceWithTheLumsCode) 
   for (const std::string op : {"startDomainUpdateDownload", "startDomainUpdate"}) {
     for (const std::string when : {"before", "during", "after"}) {
       SCOPED_TRACE(op + ", error event " + when);
-      arbiter_ = Arbiter{};
-      std::unique_ptr<TestLogic> logic = make(false);
-      installing(*logic, op == "startDomainUpdate" ? 3 : 1);
+      std::unique_ptr<TestLogic> logic = installed(op == "startDomainUpdate" ? 3 : 1);
       log_->clear();
       arbiter_.lum->script[op] = {1};
       arbiter_.lum->state = PS::failFinished;
@@ -714,9 +715,7 @@ TEST_F(LogicTest, AnErrorEventRacingAStartCallEndsTheUpdateOnceWithTheLumsCode) 
 TEST_F(LogicTest, ALumLostForGoodEndsTheUpdateAtTheLimitOneBackInTimeDoesNot) {
   for (const bool back : {false, true}) {
     SCOPED_TRACE(back ? "back in time" : "gone for good");
-    arbiter_ = Arbiter{};
-    std::unique_ptr<TestLogic> logic = make(false);
-    installing(*logic, 3);
+    std::unique_ptr<TestLogic> logic = installed(3);
     log_->clear();
     const auto lost = clock_.elapsed();
     logic->eventConnection(false);
@@ -809,9 +808,7 @@ TEST_F(LogicTest, LateAndDuplicateInputsLeaveARunningUpdateAlone) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    arbiter_ = Arbiter{};
-    std::unique_ptr<TestLogic> logic = make(false);
-    installing(*logic, row.lumState);
+    std::unique_ptr<TestLogic> logic = installed(row.lumState);
     row.input(*logic, arbiter_);
     logic->run(1);
     EXPECT_EQ(logic->getStateLUM(), row.lumStateAfter);
