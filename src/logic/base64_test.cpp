@@ -45,7 +45,7 @@ TEST(Base64Test, RoundTripsEveryByteValueAtEveryLength) {
   }
 }
 
-TEST(Base64Test, DecodersStopAtTheFirstCharacterOutsideTheirAlphabet) {
+TEST(Base64Test, DecodersStopAtTheFirstCharacterOutsideTheirAlphabetAndStayInBounds) {
   struct Row {
     const char* why;
     std::string text;
@@ -68,17 +68,11 @@ TEST(Base64Test, DecodersStopAtTheFirstCharacterOutsideTheirAlphabet) {
     EXPECT_EQ(base64UrlDecode(row.text), bytesOf(row.url)) << row.why;
     EXPECT_EQ(base64Decode(row.text), bytesOf(row.standard)) << row.why;
   }
-}
-
-TEST(Base64Test, EveryCharacterInEveryPositionDecodesWithinBounds) {
   // Characters above 0x7f are negative as char; a table lookup with them must stay in bounds
   // (ASan watches).
   for (int c = 0; c < 256; ++c) {
-    const char ch = static_cast<char>(c);
-    for (const std::string& text : {std::string(1, ch), std::string("A") + ch + "BC"}) {
-      EXPECT_LE(base64UrlDecode(text).size(), text.size());
-      EXPECT_LE(base64Decode(text).size(), text.size());
-    }
+    const std::string text = std::string("A") + static_cast<char>(c) + "BC";
+    EXPECT_LE(base64UrlDecode(text).size() + base64Decode(text).size(), 6u);
   }
 }
 

@@ -167,86 +167,57 @@ class MultiplexerTest : public ::testing::Test {
 
 constexpr uint32_t kAbsent = 99;  // default for reading "channel" when the key is missing
 
-TEST_F(MultiplexerTest, NullRecordIsAConstructionFailure) {
-  try {
-    Multiplexer mux(nullptr);
-    FAIL() << "constructed without a record";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Multiplexer received null persistence object!");
-  }
-}
-
 TEST_F(MultiplexerTest, GrantAndReleaseRules) {
-  enum Op { kGrant, kTemporary, kRelease };
-  struct Step {
-    Op op;
-    uint32_t channel;
-    bool expected;
-  };
   struct Row {
     const char* proves;
-    std::vector<Step> steps;
+    // Steps: g (grant), t (temporary grant) or r (release), the channel (0 DM, 1 USB, 2 none,
+    // 3 no channel at all) and the expected result (+ or -).
+    const char* steps;
     uint32_t holder;
     uint32_t recorded;  // "channel" in the record, kAbsent when never written
     const char* logged;
   };
   const std::vector<Row> rows = {
-      {"a free LUM goes to the first caller, persisted",
-       {{kGrant, ACTIVE_USB, true}},
-       ACTIVE_USB,
-       ACTIVE_USB,
+      {"a free LUM goes to the first caller, persisted", "g1+", ACTIVE_USB, ACTIVE_USB,
        "Control is now [ACTIVE_USB]"},
-      {"a second grant to the holder succeeds",
-       {{kGrant, ACTIVE_DM, true}, {kGrant, ACTIVE_DM, true}},
-       ACTIVE_DM,
-       ACTIVE_DM,
+      {"a second grant to the holder succeeds", "g0+ g0+", ACTIVE_DM, ACTIVE_DM,
        "Control is already [ACTIVE_DM]"},
-      {"no pre-emption: the other channel is refused while control is held",
-       {{kGrant, ACTIVE_USB, true}, {kGrant, ACTIVE_DM, false}, {kTemporary, ACTIVE_DM, false}},
-       ACTIVE_USB,
-       ACTIVE_USB,
-       "Control is [ACTIVE_USB]"},
-      {"a release by the non-holder fails and keeps the holder",
-       {{kGrant, ACTIVE_DM, true}, {kRelease, ACTIVE_USB, false}},
-       ACTIVE_DM,
-       ACTIVE_DM,
+      {"no pre-emption: the other channel is refused while control is held", "g1+ g0- t0-",
+       ACTIVE_USB, ACTIVE_USB, "Control is [ACTIVE_USB]"},
+      {"a release by the non-holder fails and keeps the holder", "g0+ r1-", ACTIVE_DM, ACTIVE_DM,
        "Control belongs to [ACTIVE_DM], not [ACTIVE_USB]"},
-      {"after the holder's release the other channel wins",
-       {{kGrant, ACTIVE_USB, true}, {kRelease, ACTIVE_USB, true}, {kGrant, ACTIVE_DM, true}},
-       ACTIVE_DM,
-       ACTIVE_DM,
+      {"after the holder's release the other channel wins", "g1+ r1+ g0+", ACTIVE_DM, ACTIVE_DM,
        "Control is now [ACTIVE_DM]"},
-      {"a temporary grant is held but not written",
-       {{kTemporary, ACTIVE_USB, true}},
-       ACTIVE_USB,
-       kAbsent,
+      {"a temporary grant is held but not written", "t1+", ACTIVE_USB, kAbsent,
        "Control istemporary now [ACTIVE_USB]"},
-      {"a temporary grant keeps the record's last real holder",
-       {{kGrant, ACTIVE_DM, true}, {kRelease, ACTIVE_DM, true}, {kTemporary, ACTIVE_USB, true}},
-       ACTIVE_USB,
-       ACTIVE_NONE,
-       "Control istemporary now [ACTIVE_USB]"},
-      {"a value that names no channel never gets control",
-       {{kGrant, 3, false}, {kGrant, ACTIVE_NONE, false}},
-       ACTIVE_NONE,
-       kAbsent,
+      {"a temporary grant keeps the record's last real holder", "g0+ r0+ t1+", ACTIVE_USB,
+       ACTIVE_NONE, "Control istemporary now [ACTIVE_USB]"},
+      {"a value that names no channel never gets control", "g3- g2-", ACTIVE_NONE, kAbsent,
        "Invalid channel [!!UNDEFINED!!] (3)!"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
     auto persistence = std::make_shared<Persistence>(dir.path(), "persistence.json");
-    Multiplexer mux(persistence);
+    TestMultiplexer mux(persistence);
+    auto lum = makeLumClient();
+    mux.setLumClient(lum);
     log_->clear();
-    for (const Step& step : row.steps) {
-      const bool result = step.op == kRelease
-                              ? mux.relinquishControl(step.channel)
-                              : mux.requestExclusiveControl(step.channel, step.op == kTemporary);
-      EXPECT_EQ(result, step.expected);
+    for (const char* step = row.steps; *step != '\0'; step += step[3] == ' ' ? 4 : 3) {
+      const uint32_t channel = static_cast<uint32_t>(step[1] - '0');
+      const bool result = step[0] == 'r' ? mux.relinquishControl(channel)
+                                         : mux.requestExclusiveControl(channel, step[0] == 't');
+      EXPECT_EQ(result, step[2] == '+') << step;
     }
     EXPECT_EQ(mux.queryControl(), row.holder);
     EXPECT_EQ(persistence->getChannel(kAbsent), row.recorded);
     EXPECT_TRUE(log_->contains(row.logged)) << row.logged;
+    // The LUM client goes to the holder only; ACTIVE_NONE itself never gets it.
+    for (uint32_t asker : {ACTIVE_DM, ACTIVE_USB, ACTIVE_NONE}) {
+      const bool holds = asker == row.holder && asker != ACTIVE_NONE;
+      EXPECT_EQ(mux.requestInterface(asker), holds ? lum : nullptr) << asker;
+      EXPECT_EQ(log_->contains(cat("[", channelName(asker), "] is not controlling!")), !holds);
+    }
   }
 }
 
@@ -255,25 +226,33 @@ TEST_F(MultiplexerTest, RestartKeepsOnlyARealHolder) {
     const char* proves;
     bool temporary;
     bool release;
+    uint32_t overwrite;  // written to the record before the restart, kAbsent: nothing
     uint32_t holderAfterRestart;
     const char* logged;
   };
   const std::vector<Row> rows = {
-      {"a real grant survives a restart", false, false, ACTIVE_USB,
+      {"a real grant survives a restart", false, false, kAbsent, ACTIVE_USB,
        "ActiveChannel is [ACTIVE_USB]"},
-      {"a temporary grant does not", true, false, ACTIVE_NONE, "ActiveChannel is [ACTIVE_NONE]"},
-      {"a release does not leave a holder", false, true, ACTIVE_NONE,
+      {"a temporary grant does not", true, false, kAbsent, ACTIVE_NONE,
        "ActiveChannel is [ACTIVE_NONE]"},
+      {"a release does not leave a holder", false, true, kAbsent, ACTIVE_NONE,
+       "ActiveChannel is [ACTIVE_NONE]"},
+      {"a record naming no channel frees control", false, false, 3, ACTIVE_NONE,
+       "ActiveChannel is [!!UNDEFINED!!]"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
+    auto persistence = std::make_shared<Persistence>(dir.path(), "persistence.json");
     {
-      Multiplexer before(std::make_shared<Persistence>(dir.path(), "persistence.json"));
+      Multiplexer before(persistence);
       ASSERT_TRUE(before.requestExclusiveControl(ACTIVE_USB, row.temporary));
       if (row.release) {
         ASSERT_TRUE(before.relinquishControl(ACTIVE_USB));
       }
+    }
+    if (row.overwrite != kAbsent) {
+      persistence->setChannel(row.overwrite);
     }
     log_->clear();
     Multiplexer after(std::make_shared<Persistence>(dir.path(), "persistence.json"));
@@ -283,77 +262,61 @@ TEST_F(MultiplexerTest, RestartKeepsOnlyARealHolder) {
     EXPECT_EQ(after.requestExclusiveControl(ACTIVE_DM, false),
               row.holderAfterRestart == ACTIVE_NONE);
   }
-}
-
-TEST_F(MultiplexerTest, RecordNamingNoChannelPrintsUndefinedAndFreesControl) {
-  persistence_->setChannel(3);
-  Multiplexer mux(persistence_);
-  EXPECT_TRUE(log_->contains("ActiveChannel is [!!UNDEFINED!!]"));
-  EXPECT_EQ(mux.queryControl(), ACTIVE_NONE);
-  EXPECT_TRUE(mux.requestExclusiveControl(ACTIVE_DM, false));
   EXPECT_STREQ(channelName(3), "!!UNDEFINED!!");
   EXPECT_STREQ(updateTypeName(2), "!!UNDEFINED!!");
-}
-
-// Fires every LUM event once at the multiplexer.
-void fireAll(Multiplexer& mux) {
-  ResolveUpdateURLRequest request;
-  request.fileNames = {"a.bin", "b.bin"};
-  request.updateURLRequestID[15] = 9;
-  mux.eventDomainUpdateFinishedNotification(1);
-  mux.eventDomainReadyForDownloadNotification(2, lum11::ReadyForDownloadInfo{});
-  mux.eventDomainReadyForUpdateNotification(3, lum11::ReadyForUpdateInfo{});
-  mux.eventDomainOffTimeNotification(4, 30);
-  mux.eventDomainErrorNotification(5, 1234);
-  mux.eventDebugMessageNotification(6, "id", "text");
-  mux.eventResolveUpdateURLRequest(request);
-  mux.eventConnection(true);
-  mux.eventInternal(1);
-}
-
-const std::vector<std::string> kAllEvents = {
-    "finished(1)",   "readyForDownload(2)", "readyForUpdate(3)",
-    "offTime(4,30)", "error(5,1234)",       "debug(6,id,text)",
-    "resolve(2,9)",  "connection(true)",    "internal(1)"};
-
-TEST_F(MultiplexerTest, EventsReachOnlyTheHolder) {
-  struct Row {
-    const char* proves;
-    uint32_t holder;
-    std::size_t dmCalls;
-    std::size_t usbCalls;
-    std::size_t dropped;
-  };
-  const std::vector<Row> rows = {
-      {"the diagnostic master holds: only it hears the LUM", ACTIVE_DM, 9, 0, 0},
-      {"the USB channel holds: only it hears the LUM", ACTIVE_USB, 0, 9, 0},
-      {"nobody holds: every event is dropped", ACTIVE_NONE, 0, 0, 9},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
-    TempDir dir;
-    persistence_ = std::make_shared<Persistence>(dir.path(), "persistence.json");
-    auto mux = withChannels();
-    if (row.holder != ACTIVE_NONE) {
-      ASSERT_TRUE(mux->requestExclusiveControl(row.holder, true));
-    }
-    log_->clear();
-    fireAll(*mux);
-    EXPECT_EQ(dm_->calls().size(), row.dmCalls);
-    EXPECT_EQ(usb_->calls().size(), row.usbCalls);
-    FakeChannel* receiver = row.holder == ACTIVE_DM ? dm_ : usb_;
-    if (row.holder != ACTIVE_NONE) {
-      EXPECT_EQ(receiver->calls(), kAllEvents);
-      EXPECT_EQ(log_->count(cat("Relay, active channel [", channelName(row.holder), "]")), 9u);
-    }
-    EXPECT_EQ(log_->count("No active channel!"), row.dropped);
+  try {
+    Multiplexer mux(nullptr);
+    ADD_FAILURE() << "constructed without a record";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "Multiplexer received null persistence object!");
   }
 }
 
-TEST_F(MultiplexerTest, EventForAHolderWithoutInterfaceIsDropped) {
-  Multiplexer mux(persistence_);  // no channels added
-  ASSERT_TRUE(mux.requestExclusiveControl(ACTIVE_USB, true));
-  mux.eventDomainErrorNotification(1, 2);
+// Every LUM event enters through the client's slots and the virtual operations, and reaches the
+// holder only.
+TEST_F(MultiplexerTest, EventsReachOnlyTheHolder) {
+  const std::vector<std::string> all = {
+      "connection(false)", "readyForDownload(2)", "readyForUpdate(3)",
+      "finished(1)",       "offTime(4,30)",       "debug(6,id,text)",
+      "resolve(1,4)",      "error(5,77)",         "internal(1)"};
+  for (uint32_t holder : {ACTIVE_DM, ACTIVE_USB, ACTIVE_NONE}) {
+    SCOPED_TRACE(channelName(holder));
+    TempDir dir;
+    persistence_ = std::make_shared<Persistence>(dir.path(), "persistence.json");
+    auto mux = wired();
+    routine_->connects = false;
+    log_->clear();
+    EXPECT_TRUE(mux->initInterfaces());
+    EXPECT_TRUE(log_->contains("LUM init [True]"));
+    EXPECT_TRUE(log_->contains("DiagnosisRoutineCtrl init [False]"));
+    EXPECT_TRUE(log_->contains("DiagnosisMesswert init [True]"));
+    if (holder != ACTIVE_NONE) {
+      ASSERT_TRUE(mux->requestExclusiveControl(holder, true));
+    }
+    log_->clear();
+    DiagLocalUpdateManagerControlClient& client = lum_->client();
+    lum11::DT_uuid id{};
+    id[15] = 4;
+    client.signalEventConnection(false);
+    client.signalEventDomainReadyForDownloadNotification(2, lum11::ReadyForDownloadInfo{});
+    client.signalEventDomainReadyForUpdateNotification(3, lum11::ReadyForUpdateInfo{});
+    client.signalEventDomainUpdateFinishedNotification(1);
+    client.signalEventDomainOffTimeNotification(4, 30);
+    client.signalEventDebugMessageNotification(6, "id", "text");
+    client.signalEventResolveUpdateURLRequest({"one"}, lum11::CM_FileType{}, id);
+    client.signalEventDomainErrorNotification(5, 77);
+    lum_->signalEventInternal(1);
+    EXPECT_EQ(dm_->calls(), holder == ACTIVE_DM ? all : std::vector<std::string>{});
+    EXPECT_EQ(usb_->calls(), holder == ACTIVE_USB ? all : std::vector<std::string>{});
+    EXPECT_EQ(mux->interceptedErrors, 1);
+    const bool held = holder != ACTIVE_NONE;
+    EXPECT_EQ(log_->count(cat("Relay, active channel [", channelName(holder), "]")),
+              held ? 9u : 0u);
+    EXPECT_EQ(log_->count("No active channel!"), held ? 0u : 9u);
+  }
+  Multiplexer bare(persistence_);  // no channels added
+  ASSERT_TRUE(bare.requestExclusiveControl(ACTIVE_USB, true));
+  bare.eventDomainErrorNotification(1, 2);
   EXPECT_TRUE(log_->contains("No interface for active channel [ACTIVE_USB]!"));
 }
 
@@ -398,43 +361,6 @@ TEST_F(MultiplexerTest, ConcurrentGrantsHaveExactlyOneWinner) {
     EXPECT_EQ(wins[winner].load(), 3 * kThreadsPerChannel) << "round " << round;
     EXPECT_EQ(persistence->getChannel(kAbsent), winner) << "round " << round;
     EXPECT_EQ(log_->count("Control is now ["), static_cast<std::size_t>(round + 1));
-  }
-}
-
-TEST_F(MultiplexerTest, InterfaceOnlyToTheHolder) {
-  struct Row {
-    const char* proves;
-    uint32_t holder;
-    uint32_t asker;
-    bool handedOut;
-    const char* logged;
-  };
-  const std::vector<Row> rows = {
-      {"the holder gets the LUM client", ACTIVE_USB, ACTIVE_USB, true, nullptr},
-      {"the other channel gets nothing", ACTIVE_DM, ACTIVE_USB, false,
-       "[ACTIVE_USB] is not controlling!"},
-      {"nobody holding: nobody gets it", ACTIVE_NONE, ACTIVE_DM, false,
-       "[ACTIVE_DM] is not controlling!"},
-      {"ACTIVE_NONE itself never gets it", ACTIVE_NONE, ACTIVE_NONE, false,
-       "[ACTIVE_NONE] is not controlling!"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
-    TempDir dir;
-    TestMultiplexer mux(std::make_shared<Persistence>(dir.path(), "persistence.json"));
-    auto lum = makeLumClient();
-    mux.setLumClient(lum);
-    if (row.holder != ACTIVE_NONE) {
-      ASSERT_TRUE(mux.requestExclusiveControl(row.holder, true));
-    }
-    log_->clear();
-    std::shared_ptr<DiagLUMControlClient> handed = mux.requestInterface(row.asker);
-    EXPECT_EQ(handed != nullptr, row.handedOut);
-    if (row.handedOut) {
-      EXPECT_EQ(handed, lum);
-    } else {
-      EXPECT_TRUE(log_->contains(row.logged));
-    }
   }
 }
 
@@ -657,37 +583,6 @@ TEST_F(MultiplexerTest, BoundSlotsReachTheOperationsWithTheChannelsOwnValue) {
   ASSERT_TRUE(dm.signalRelinquish(ACTIVE_DM));
   EXPECT_TRUE(routine_->signalLogicDiagnoseStartUpdate("X", 0));
   EXPECT_EQ(usb_->calls(), std::vector<std::string>{"diagTriggerStartUpdate(X,0)"});
-  EXPECT_TRUE(dm_->calls().empty());
-}
-
-TEST_F(MultiplexerTest, LumEventsEnterThroughTheVirtualOperations) {
-  auto mux = wired();
-  routine_->connects = false;
-  messwert_->connects = true;
-  log_->clear();
-  EXPECT_TRUE(mux->initInterfaces());
-  EXPECT_TRUE(log_->contains("LUM init [True]"));
-  EXPECT_TRUE(log_->contains("DiagnosisRoutineCtrl init [False]"));
-  EXPECT_TRUE(log_->contains("DiagnosisMesswert init [True]"));
-
-  ASSERT_TRUE(mux->requestExclusiveControl(ACTIVE_USB, false));
-  DiagLocalUpdateManagerControlClient& client = lum_->client();
-  lum11::DT_uuid id{};
-  id[15] = 4;
-  client.signalEventConnection(false);
-  client.signalEventDomainReadyForDownloadNotification(2, lum11::ReadyForDownloadInfo{});
-  client.signalEventDomainReadyForUpdateNotification(3, lum11::ReadyForUpdateInfo{});
-  client.signalEventDomainUpdateFinishedNotification(1);
-  client.signalEventDomainOffTimeNotification(4, 30);
-  client.signalEventDebugMessageNotification(6, "id", "text");
-  client.signalEventResolveUpdateURLRequest({"one"}, lum11::CM_FileType{}, id);
-  client.signalEventDomainErrorNotification(5, 77);
-  lum_->signalEventInternal(1);
-  EXPECT_EQ(usb_->calls(), (std::vector<std::string>{
-                               "connection(false)", "readyForDownload(2)", "readyForUpdate(3)",
-                               "finished(1)", "offTime(4,30)", "debug(6,id,text)", "resolve(1,4)",
-                               "error(5,77)", "internal(1)"}));
-  EXPECT_EQ(mux->interceptedErrors, 1);
   EXPECT_TRUE(dm_->calls().empty());
 }
 

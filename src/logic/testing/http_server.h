@@ -14,63 +14,54 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 
 namespace orv::testing {
 
-// A medium server: files by path, HEAD answered by the library from the GET handler. `noLength`
-// paths answer HEAD without Content-Length, `headSays` paths announce a size of their own,
-// `status` paths answer with that status, `chunked` paths (1) send their GET body without a
-// length, (2) endlessly: over and over until the client stops reading, 64 MiB at most.
+// A medium server: files by path, HEAD answered by the library from the GET handler, each path
+// answered as its Path says.
 class HttpServer {
  public:
+  struct Path {
+    std::string body;
+    bool exists = false;    // false: 404
+    int failFirst = 0;      // the next this many requests are answered 503
+    int status = 0;         // answered instead of the file when set
+    size_t headSays = 0;    // HEAD announces this size whatever the file holds
+    bool noLength = false;  // HEAD without Content-Length
+    int chunked = 0;        // GET without a length: 1 the body once, 2 endlessly (64 MiB at most)
+  };
+
   explicit HttpServer(const std::string& host = "127.0.0.1") {
     server_.Get(R"(/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
       std::lock_guard<std::mutex> lock(mutex_);
       ++requests_[req.method + " " + req.path];
       lastHost_ = req.get_header_value("Host");
-      int& failing = failFirst_[req.path];
-      if (failing > 0) {
-        --failing;
+      Path& path = paths_[req.path];
+      if (path.failFirst > 0) {
+        --path.failFirst;
         res.status = 503;
-        return;
-      }
-      const auto status = statuses_.find(req.path);
-      if (status != statuses_.end()) {
-        res.status = status->second;
-        return;
-      }
-      const auto file = files_.find(req.path);
-      if (file == files_.end()) {
-        res.status = 404;
-        return;
-      }
-      const auto lie = headSizes_.find(req.path);
-      if (req.method == "HEAD" && lie != headSizes_.end()) {
-        res.set_content(std::string(lie->second, ' '), "application/json");
-        return;
-      }
-      if (req.method == "HEAD" && noLength_.count(req.path) != 0) {
+      } else if (path.status != 0 || !path.exists) {
+        res.status = path.status != 0 ? path.status : 404;
+      } else if (req.method == "HEAD" && path.headSays != 0) {
+        res.set_content(std::string(path.headSays, ' '), "application/json");
+      } else if (req.method == "HEAD" && path.noLength) {
         // A chunked reply announces no length.
         res.set_chunked_content_provider("application/json", [](size_t, httplib::DataSink& sink) {
           sink.done();
           return true;
         });
-        return;
-      }
-      const auto chunked = chunked_.find(req.path);
-      if (req.method == "GET" && chunked != chunked_.end() && chunked->second != 0) {
-        const size_t end = chunked->second == 2 ? (size_t{64} << 20) : file->second.size();
+      } else if (req.method == "GET" && path.chunked != 0) {
+        const size_t end = path.chunked == 2 ? (size_t{64} << 20) : path.body.size();
         res.set_chunked_content_provider(
-            "application/json", [body = file->second, end](size_t sent, httplib::DataSink& sink) {
+            "application/json", [body = path.body, end](size_t sent, httplib::DataSink& sink) {
               // Fails once the client is gone.
               return sent < end ? sink.write(body.data(), body.size()) : (sink.done(), true);
             });
-        return;
+      } else {
+        res.set_content(path.body, "application/json");
       }
-      res.set_content(file->second, "application/json");
     });
     port_ = server_.bind_to_any_port(host);
     if (port_ <= 0)
@@ -94,34 +85,16 @@ class HttpServer {
     thread_.join();
   }
   void put(const std::string& path, const std::string& body) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    files_[path] = body;
+    set(path, [&](Path& p) { p.body = body, p.exists = true; });
   }
   void remove(const std::string& path) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    files_.erase(path);
+    set(path, [](Path& p) { p.exists = false; });
   }
-  void status(const std::string& path, int code) {
+  // Changes how `path` is answered.
+  template <typename Change>
+  void set(const std::string& path, Change change) {
     std::lock_guard<std::mutex> lock(mutex_);
-    statuses_[path] = code;
-  }
-  void withoutLength(const std::string& path) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    noLength_.insert(path);
-  }
-  void chunked(const std::string& path, int mode) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    chunked_[path] = mode;
-  }
-  // The next `count` requests for `path` are answered 503.
-  void failFirst(const std::string& path, int count) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    failFirst_[path] = count;
-  }
-  // HEAD announces `size` bytes whatever the file holds.
-  void headSays(const std::string& path, size_t size) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    headSizes_[path] = size;
+    change(paths_[path]);
   }
   int requests(const std::string& key) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -141,13 +114,8 @@ class HttpServer {
   }
 
   httplib::Server server_;
-  std::mutex mutex_;  // guards the maps, read on the server's threads
-  std::map<std::string, std::string> files_;
-  std::map<std::string, int> statuses_;
-  std::set<std::string> noLength_;
-  std::map<std::string, size_t> headSizes_;
-  std::map<std::string, int> chunked_;
-  std::map<std::string, int> failFirst_;
+  std::mutex mutex_;  // guards the maps and lastHost_, read on the server's threads
+  std::map<std::string, Path> paths_;
   std::string lastHost_;
   std::map<std::string, int> requests_;
   int port_ = 0;
