@@ -2,8 +2,9 @@
 // namespace: diag-tester drives domain updates through orvane's v12 service while the workshop
 // laptop starts USB updates, lum-sim plays the LUM. Whoever holds the LUM keeps it, the other
 // is refused and disturbs nothing; the poll worker follows the LUM's connection; a tester's
-// routine starts an update once orvane has reconnected to it; bad frames on the v12 port never
-// bring orvane down. Real time: every wait is a bounded hang guard.
+// routine starts an update once orvane has reconnected to it; orvane finds a restarted LUM again;
+// bad frames on the v12 port never bring orvane down. Real time: every wait is a bounded hang
+// guard.
 
 #include <signal.h>
 
@@ -39,13 +40,6 @@ std::unique_ptr<ChildProcess> dmUpdate(const std::string& session) {
 // The exit status, or -1 for a process that does not end.
 int exitOf(ChildProcess& process) {
   return process.wait(kPatience).value_or(-1);
-}
-
-std::size_t count(const std::string& text, const std::string& part) {
-  std::size_t n = 0;
-  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-    ++n;
-  return n;
 }
 
 TEST(DiagUpdateTest, TesterAndLaptopTakeTurnsForTheLum) {
@@ -93,21 +87,27 @@ TEST(DiagUpdateTest, TesterAndLaptopTakeTurnsForTheLum) {
 TEST(DiagUpdateTest, PollWorkerFollowsTheLumAcrossItsRestart) {
   const char* quick =
       R"({"sessions": [{"analyseMs": 500, "downloadMs": 1000, "installMs": 1000}]})";
-  UpdateRun run(R"({"sessions": [{"analyseMs": 500, "downloadMs": 60000}]})");
+  UpdateRun run(R"({"sessions": [{"analyseMs": 500, "downloadMs": 60000,
+      "crash": {"phase": "downloading", "afterMs": 500, "exitCode": 7}}]})");
   run.startOrvane();
+  ChildProcess& orvane = run.orvane();
+  EXPECT_TRUE(count(orvane.output(), "Connecting to [12233]"));
+  // The start-up report follows the diagnosis clients, which wait up to 1 s for a tester.
+  EXPECT_TRUE(orvane.waitForOutput("LUM init [True]", kPatience)) << orvane.output();
   auto tester = dmUpdate("200");
   ASSERT_TRUE(tester->waitForOutput("startDomainUpdateDownload: ok", kPatience))
       << tester->output() << tester->errorOutput();
 
   // The LUM crashes and comes back without the session.
-  run.lum().kill(SIGKILL);
-  ASSERT_TRUE(run.lum().wait(seconds(10)));
-  // Each of these lines comes only from the loss or the return of the LUM here.
-  ChildProcess& orvane = run.orvane();
+  ASSERT_EQ(run.lum().wait(kPatience), 7);
+  // Each of these lines comes only from the loss or the return of the LUM here; a LUM that dies
+  // says nothing, its offer runs out.
   ASSERT_TRUE(orvane.waitForOutput("LUM disconnected!", kPatience));
+  ASSERT_TRUE(orvane.waitForOutput("size is 0", kPatience)) << orvane.output();
   ASSERT_TRUE(orvane.waitForOutput("stopPoll(): Stopped polling thread!", kPatience));
   run.startLum(quick);
   ASSERT_TRUE(orvane.waitForOutput("LUM connected.", kPatience));
+  ASSERT_TRUE(orvane.waitForOutput("DiagLocalUpdateManagerControlClient connected!", kPatience, 2));
   ASSERT_TRUE(orvane.waitForOutput("Starting polling thread", kPatience, 2)) << orvane.output();
 
   // The tester learns that its session is gone; its next update runs to the end and gives
@@ -116,40 +116,18 @@ TEST(DiagUpdateTest, PollWorkerFollowsTheLumAcrossItsRestart) {
   auto next = dmUpdate("201");
   EXPECT_EQ(exitOf(*next), 0) << next->output() << next->errorOutput();
   EXPECT_EQ(member(readRecord(run.recordPath()), "channel"), 2);
+  // orvane itself never ended; lum-sim ends cleanly on SIGTERM.
+  EXPECT_FALSE(orvane.wait(std::chrono::milliseconds(0)));
+  run.lum().kill(SIGTERM);
+  EXPECT_EQ(run.lum().wait(seconds(10)), 0);
 }
 
-TEST(DiagUpdateTest, RoutineStartsAnUpdateOnceTheTesterIsBack) {
+// Bad frames on the v12 port are answered or dropped and leave orvane serving; then a routine
+// starts an update once the tester is back.
+TEST(DiagUpdateTest, BadFramesThenARoutineStartsAnUpdate) {
   UpdateRun run(R"({"sessions": [{"analyseMs": 500, "downloadMs": 1500, "installMs": 1500}]})");
   run.startOrvane();
   ChildProcess& orvane = run.orvane();
-  // The routine service comes with a tester and goes with it ...
-  ChildProcess measure;
-  ASSERT_TRUE(measure.start(DIAG_TESTER_PATH, {"measure"}));
-  EXPECT_EQ(exitOf(measure), 0) << measure.errorOutput();
-  EXPECT_TRUE(count(measure.output(), "update type 0, channel ACTIVE_NONE")) << measure.output();
-  ASSERT_TRUE(orvane.waitForOutput("DiagnosisViRoutineClient is dead!", kPatience));
-
-  // ... and is reconnected when the next one comes: its routine starts an update of the medium
-  // at the update endpoint, which runs to the end without anybody confirming it.
-  ChildProcess tester;
-  ASSERT_TRUE(tester.start(DIAG_TESTER_PATH, {"routine-start", "--order", "ORDER-9"}));
-  EXPECT_TRUE(
-      run.waitForRecord([](const auto& r) { return member(r, "updatetype") == 1; }, kPatience));
-  EXPECT_EQ(exitOf(tester), 0) << tester.output() << tester.errorOutput();
-  EXPECT_TRUE(count(tester.output(), "update type 1, channel ACTIVE_USB")) << tester.output();
-  EXPECT_EQ(count(orvane.output(), "DiagnosticViRoutineProxy connected!"), 2u);
-  for (const char* line :
-       {"GET [http://127.0.0.1:29214/medium/NodboxUpdateMedium.json]",
-        "Update started by diagnostic - do not change state!", "Set USB update type: DIAG!",
-        "DIAG auto-responding [eINSTALLATIONFINISHED]"}) {
-    EXPECT_TRUE(count(orvane.output(), line)) << line;
-  }
-  EXPECT_EQ(member(run.waitForRest(), "errorcode"), 0);
-}
-
-TEST(DiagUpdateTest, BadFramesOnTheV12PortAreAnsweredOrDropped) {
-  UpdateRun run(R"({"sessions": [{}]})");
-  run.startOrvane();
   using RC = someip::ReturnCode;
   auto frame = [](uint16_t method, std::vector<uint8_t> payload, uint8_t version = 12) {
     return someip::encodeMessage({19468, method, 0, 0x77, 1, 1, version}, payload);
@@ -201,8 +179,32 @@ TEST(DiagUpdateTest, BadFramesOnTheV12PortAreAnsweredOrDropped) {
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->header.messageType, someip::MessageType::kResponse);
   EXPECT_FALSE(count(run.calls(), "createDomainUpdateSession"));
-  EXPECT_TRUE(count(run.orvane().output(), "not readable"));
-  EXPECT_TRUE(count(run.orvane().output(), "resetting the connection"));
+  EXPECT_TRUE(count(orvane.output(), "not readable"));
+  EXPECT_TRUE(count(orvane.output(), "resetting the connection"));
+
+  // The routine service comes with a tester and goes with it ...
+  ChildProcess measure;
+  ASSERT_TRUE(measure.start(DIAG_TESTER_PATH, {"measure"}));
+  EXPECT_EQ(exitOf(measure), 0) << measure.errorOutput();
+  EXPECT_TRUE(count(measure.output(), "update type 0, channel ACTIVE_NONE")) << measure.output();
+  ASSERT_TRUE(orvane.waitForOutput("DiagnosisViRoutineClient is dead!", kPatience));
+
+  // ... and is reconnected when the next one comes: its routine starts an update of the medium
+  // at the update endpoint, which runs to the end without anybody confirming it.
+  ChildProcess tester;
+  ASSERT_TRUE(tester.start(DIAG_TESTER_PATH, {"routine-start", "--order", "ORDER-9"}));
+  EXPECT_TRUE(
+      run.waitForRecord([](const auto& r) { return member(r, "updatetype") == 1; }, kPatience));
+  EXPECT_EQ(exitOf(tester), 0) << tester.output() << tester.errorOutput();
+  EXPECT_TRUE(count(tester.output(), "update type 1, channel ACTIVE_USB")) << tester.output();
+  EXPECT_EQ(count(orvane.output(), "DiagnosticViRoutineProxy connected!"), 2u);
+  for (const char* line :
+       {"GET [http://127.0.0.1:29214/medium/NodboxUpdateMedium.json]",
+        "Update started by diagnostic - do not change state!", "Set USB update type: DIAG!",
+        "DIAG auto-responding [eINSTALLATIONFINISHED]"}) {
+    EXPECT_TRUE(count(orvane.output(), line)) << line;
+  }
+  EXPECT_EQ(member(run.waitForRest(), "errorcode"), 0);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "process.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -9,34 +8,32 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
+#include <thread>
 
 #include "minfw/testing/target_command.h"
 
 namespace orvane::testing {
+
+using kel::vxp3::minfw::testing::readFile;
+
+std::size_t count(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    ++n;
+  return n;
+}
 
 ChildProcess::~ChildProcess() {
   if (pid_ > 0 && !status_) {
     ::kill(pid_, SIGKILL);
     wait(std::chrono::seconds(10));
   }
-  for (auto& t : collectors_) {
-    if (t.joinable())
-      t.join();
-  }
 }
 
 bool ChildProcess::start(const std::string& path, const std::vector<std::string>& args,
                          const std::map<std::string, std::string>& env) {
-  int outPipe[2];
-  int errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0)
-    return false;
-  if (pipe2(errPipe, O_CLOEXEC) != 0) {
-    close(outPipe[0]);
-    close(outPipe[1]);
-    return false;
-  }
+  const int out = open(dir_.file("stdout").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  const int err = open(dir_.file("stderr").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   // Everything the child needs is prepared before fork: only async-signal-safe calls after it.
   std::vector<std::string> argStrings{path};
   argStrings.insert(argStrings.end(), args.begin(), args.end());
@@ -62,85 +59,51 @@ bool ChildProcess::start(const std::string& path, const std::vector<std::string>
     envp.push_back(e.data());
   envp.push_back(nullptr);
 
-  const pid_t pid = fork();
-  if (pid < 0)
-    return false;
+  const pid_t pid = out >= 0 && err >= 0 ? fork() : -1;
   if (pid == 0) {
     // A test that crashes must not leave its peers running.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(outPipe[1], STDOUT_FILENO);
-    dup2(errPipe[1], STDERR_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
+  for (const int fd : {out, err}) {
+    if (fd >= 0)
+      close(fd);
+  }
   pid_ = pid;
-  close(outPipe[1]);
-  close(errPipe[1]);
-  openStreams_ = 2;
-  collectors_.emplace_back([this, fd = outPipe[0]] { collect(fd, &out_); });
-  collectors_.emplace_back([this, fd = errPipe[0]] { collect(fd, &err_); });
-  return true;
+  return pid > 0;
 }
-
-void ChildProcess::collect(int fd, std::string* into) {
-  pthread_setname_np(pthread_self(), "child-output");
-  char buf[4096];
-  for (;;) {
-    const ssize_t n = read(fd, buf, sizeof(buf));
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      break;
-    std::lock_guard<std::mutex> lock(mutex_);
-    into->append(buf, static_cast<std::size_t>(n));
-    changed_.notify_all();
-  }
-  close(fd);
-  std::lock_guard<std::mutex> lock(mutex_);
-  --openStreams_;
-  changed_.notify_all();
-}
-
-namespace {
-
-std::size_t occurrences(const std::string& text, const std::string& what) {
-  std::size_t n = 0;
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-    ++n;
-  }
-  return n;
-}
-
-}  // namespace
 
 bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout,
-                                 std::size_t count) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, timeout,
-                    [&] { return occurrences(out_, text) >= count || openStreams_ == 0; });
-  return occurrences(out_, text) >= count;
+                                 std::size_t n) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    // Whether it had ended before the output is read: then that output is all there is.
+    const bool ended = wait(std::chrono::milliseconds(0)).has_value();
+    if (count(output(), text) >= n)
+      return true;
+    if (ended || std::chrono::steady_clock::now() >= deadline)
+      return false;
+    // Polling an external process: a real pause is the only way to wait for it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 }
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
-  if (status_)
+  if (status_ || pid_ <= 0)
     return status_;
-  if (pid_ <= 0)
-    return std::nullopt;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     int raw = 0;
     const pid_t r = waitpid(pid_, &raw, WNOHANG);
     if (r == pid_) {
       status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-      for (auto& t : collectors_) {
-        if (t.joinable())
-          t.join();
-      }
       return status_;
     }
     if (r < 0 || std::chrono::steady_clock::now() >= deadline)
       return std::nullopt;
-    // Polling an external process: a real pause is the only way to wait for it.
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }
@@ -151,13 +114,11 @@ void ChildProcess::kill(int signal) {
 }
 
 std::string ChildProcess::output() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return out_;
+  return readFile(dir_.file("stdout"));
 }
 
 std::string ChildProcess::errorOutput() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return err_;
+  return readFile(dir_.file("stderr"));
 }
 
 }  // namespace orvane::testing

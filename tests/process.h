@@ -1,23 +1,24 @@
 #pragma once
 // ChildProcess: runs a real program for an integration test, with its standard output and error
-// collected, and ends it by PID.
+// written to files of its own, and ends it by PID.
 //
-// Threading: owned by one test thread. The output is read by a collector thread; `mutex_` guards
-// the collected text.
+// Threading: owned by one test thread.
 
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "minfw/testing/temp_dir.h"
+
 namespace orvane::testing {
+
+// How often `part` occurs in `text`.
+std::size_t count(const std::string& text, const std::string& part);
 
 class ChildProcess {
  public:
@@ -27,14 +28,11 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   // Starts `path` with `args` and the current environment plus `env` (which overrides).
-  // Standard output and standard error are collected separately.
   bool start(const std::string& path, const std::vector<std::string>& args,
              const std::map<std::string, std::string>& env = {});
 
-  pid_t pid() const { return pid_; }
-
-  // Waits until the collected standard output contains `text` at least `count` times; false
-  // after `timeout` or when the child closed its output first.
+  // Waits until standard output contains `text` at least `count` times; false after `timeout`
+  // or when the child ended first.
   bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout,
                      std::size_t count = 1);
 
@@ -48,16 +46,9 @@ class ChildProcess {
   std::string errorOutput() const;
 
  private:
-  void collect(int fd, std::string* into);
-
+  kel::vxp3::minfw::testing::TempDir dir_;  // holds the output files
   pid_t pid_ = -1;
   std::optional<int> status_;
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::string out_;      // guarded by mutex_
-  std::string err_;      // guarded by mutex_
-  int openStreams_ = 0;  // guarded by mutex_
-  std::vector<std::thread> collectors_;
 };
 
 }  // namespace orvane::testing

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
 
 #include "update_run.h"
@@ -32,7 +31,6 @@ TEST(ProductionUpdateTest, ThreadedKeyManifestDecidesTheUpdate) {
   const std::string key = keys.path() + "/enc-rsa.pem";
   std::filesystem::copy_file(kVectors + "/store/enc-rsa.pem", key);
   ASSERT_EQ(::chmod(key.c_str(), 0600), 0);
-  ::setenv("ORVANE_KEY_DIR", keys.path().c_str(), 1);
   struct Row {
     const char* proves;
     std::string manifest;  // empty: UpdateRun's DEBUG manifest
@@ -49,7 +47,7 @@ TEST(ProductionUpdateTest, ThreadedKeyManifestDecidesTheUpdate) {
     UpdateRun run(R"({"sessions": [{"analyseMs": 300, "downloadMs": 500, "installMs": 500}]})");
     if (!row.manifest.empty())
       writeFile(run.mediumDir() + "/KeyManifest.mose", row.manifest);
-    run.startOrvane();
+    run.startOrvane({{"ORVANE_KEY_DIR", keys.path()}});
     run.handOver();
     const JSON record = run.waitForRest();
     EXPECT_EQ(member(record, "errorcode"), row.errorCode);
@@ -60,7 +58,6 @@ TEST(ProductionUpdateTest, ThreadedKeyManifestDecidesTheUpdate) {
                 std::string::npos);
     }
   }
-  ::unsetenv("ORVANE_KEY_DIR");
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <map>
 #include <regex>
 #include <string>
@@ -36,23 +35,40 @@ const std::regex kBanner(
     "\\d{4}-\\d\\d:\\d\\d:\\d\\d\\)"
     "   <<<<<<<<<<<<<<\x1b\\[0m\n");
 
-TEST(StartupTest, ConsoleOptionSelectsTheConsoleSink) {
+TEST(StartupTest, ConsoleOptionAndMissingRecordFolder) {
+  TempDir dir;
+  const std::string missing = dir.path() + "/does-not-exist";
+  const std::string refused = "Persistence directory does not exist [" + missing + "]!";
   struct Row {
     const char* proves;
     std::vector<std::string> args;
     bool console;
+    bool missingDir;  // then orvane ends with status 1
   } rows[] = {
-      {"-console alone", {"-console"}, true},
-      {"-console among other arguments, any position", {"x", "-console", "--y"}, true},
-      {"no arguments: trace sink", {}, false},
-      {"double dash is not the option", {"--console"}, false},
-      {"capitalised is not the option", {"-Console"}, false},
+      {"-console among other arguments, any position", {"x", "-console", "--y"}, true, false},
+      {"no arguments: trace sink", {}, false, false},
+      {"double dash or capitals are not the option", {"--console", "-Console"}, false, false},
+      {"a missing record folder, console sink", {"-console"}, true, true},
+      {"a missing record folder, trace sink", {}, false, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    TempDir dir;
     ChildProcess orvane;
-    ASSERT_TRUE(startOrvane(orvane, row.args, {{"ORVANE_PERSISTENCE_DIR", dir.path()}}));
+    ASSERT_TRUE(startOrvane(orvane, row.args,
+                            {{"ORVANE_PERSISTENCE_DIR", row.missingDir ? missing : dir.path()}}));
+    if (row.missingDir) {
+      EXPECT_EQ(orvane.wait(seconds(20)), 1);
+      const std::string out = orvane.output();
+      // Printed as a plain line; with the console sink also logged by "main" at error level.
+      if (row.console) {
+        EXPECT_NE(out.find("\n" + refused + "\n"), std::string::npos) << out;
+        EXPECT_NE(out.find("\x1b[31m["), std::string::npos) << out;
+        EXPECT_NE(out.find("main("), std::string::npos) << out;
+      } else {
+        EXPECT_EQ(out, refused + "\n");
+      }
+      continue;
+    }
     if (row.console) {
       ASSERT_TRUE(orvane.waitForOutput("<<<<<<<<<<<<<<", seconds(20))) << orvane.output();
       const std::string out = orvane.output();
@@ -69,29 +85,6 @@ TEST(StartupTest, ConsoleOptionSelectsTheConsoleSink) {
     }
     orvane.kill(SIGKILL);
     EXPECT_EQ(orvane.wait(seconds(10)), 128 + SIGKILL);
-  }
-}
-
-TEST(StartupTest, MissingPersistenceDirectoryExitsWithStatusOne) {
-  TempDir dir;
-  const std::string missing = dir.path() + "/does-not-exist";
-  for (const bool console : {true, false}) {
-    SCOPED_TRACE(console ? "console sink" : "trace sink");
-    ChildProcess orvane;
-    ASSERT_TRUE(startOrvane(
-        orvane, console ? std::vector<std::string>{"-console"} : std::vector<std::string>{},
-        {{"ORVANE_PERSISTENCE_DIR", missing}}));
-    EXPECT_EQ(orvane.wait(seconds(20)), 1);
-    const std::string text = "Persistence directory does not exist [" + missing + "]!";
-    const std::string out = orvane.output();
-    // Printed as a plain line; with the console sink also logged by "main" at error level.
-    if (console) {
-      EXPECT_NE(out.find("\n" + text + "\n"), std::string::npos) << out;
-      EXPECT_NE(out.find("\x1b[31m["), std::string::npos) << out;
-      EXPECT_NE(out.find("main("), std::string::npos) << out;
-    } else {
-      EXPECT_EQ(out, text + "\n");
-    }
   }
 }
 

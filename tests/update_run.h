@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -41,25 +42,31 @@ inline int64_t member(const JSON& record, const char* key, int64_t absent = -1) 
   return value != nullptr ? value->ToInt() : absent;
 }
 
+// The update medium by file name: its description, the update manifest and a DEBUG key manifest.
+inline std::map<std::string, std::string> mediumFiles() {
+  const std::string keys = R"({"EncryptedFiles": [{"File": "/domain-app.pkg", )"
+                           R"("CryptoParameters": [{"Name": "Key", "Value": "00"}, )"
+                           R"({"Name": "IV", "Value": "01"}, {"Name": "Algorithm", )"
+                           R"("Value": "AES-256-GCM"}]}]})";
+  return {{"NodboxUpdateMedium.json",
+           R"({"train": "TRAIN-9", "order": "ORDER-9", "manifests": ["m1.json"],)"
+           R"( "diagAddresses": ["6657"], "keyManifest": "KeyManifest.mose"})"},
+          {"m1.json", R"({"manifest": "m1"})"},
+          {"KeyManifest.mose", orv::base64UrlEncode(R"({"alg":"DEBUG","enc":"DEBUG"})") + "." +
+                                   orv::base64UrlEncode("key") + "." + orv::base64UrlEncode("iv") +
+                                   "." + orv::base64UrlEncode(keys) + "." +
+                                   orv::base64UrlEncode("tag")}};
+}
+
 class UpdateRun {
  public:
   static constexpr const char* kMediumUrl = "http://127.0.0.1:29214/medium";
 
   explicit UpdateRun(const std::string& scenario) {
     const std::string medium = dir_.path() + "/medium";
-    const std::string keys = R"({"EncryptedFiles": [{"File": "/domain-app.pkg", )"
-                             R"("CryptoParameters": [{"Name": "Key", "Value": "00"}, )"
-                             R"({"Name": "IV", "Value": "01"}, {"Name": "Algorithm", )"
-                             R"("Value": "AES-256-GCM"}]}]})";
     mkdirOrFail(medium);
-    writeFile(medium + "/NodboxUpdateMedium.json",
-              R"({"train": "TRAIN-9", "order": "ORDER-9", "manifests": ["m1.json"],)"
-              R"( "diagAddresses": ["6657"], "keyManifest": "KeyManifest.mose"})");
-    writeFile(medium + "/m1.json", R"({"manifest": "m1"})");
-    writeFile(medium + "/KeyManifest.mose",
-              orv::base64UrlEncode(R"({"alg":"DEBUG","enc":"DEBUG"})") + "." +
-                  orv::base64UrlEncode("key") + "." + orv::base64UrlEncode("iv") + "." +
-                  orv::base64UrlEncode(keys) + "." + orv::base64UrlEncode("tag"));
+    for (const auto& [name, text] : mediumFiles())
+      writeFile(medium + "/" + name, text);
     mkdirOrFail(recordDir());
     EXPECT_TRUE(server_.start(MEDIUM_SERVER_PATH, {"--dir", medium, "--port", "29214"}));
     startLum(scenario);

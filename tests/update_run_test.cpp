@@ -29,11 +29,6 @@ TEST(UpdateRunTest, ThreadedFaultRunsEndInTheirDefinedState) {
     bool lumFailure = false;  // the LUM failed the session: result fetched, session closed once
   };
   const std::vector<Row> rows = {
-      {"a clean update", R"({"analyseMs": 500, "downloadMs": 800, "installMs": 800})", 0,
-       "eINSTALLATIONFINISHEDCONFIRMED"},
-      {"a LUM error event", R"({"analyseMs": 500, "downloadMs": 3000,
-          "error": {"phase": "downloading", "afterMs": 300, "code": 4711}})",
-       4711, "errorCode: 4711", true},
       {"a session failed as the download is due", R"({"analyseMs": 500,
           "error": {"phase": "verificationFinished", "afterMs": 0, "code": 4712}})",
        4712, "errorCode: 4712", true},
@@ -58,18 +53,17 @@ TEST(UpdateRunTest, ThreadedFaultRunsEndInTheirDefinedState) {
     run.handOver();
     const JSON record = run.waitForRest();
     EXPECT_EQ(member(record, "errorcode"), row.errorCode);
-    auto once = [](const std::string& text, const char* what) {
-      return text.find(what) != std::string::npos && text.find(what) == text.rfind(what);
-    };
-    EXPECT_EQ(once(run.orvane().output(), "InstallationFailed, errorCode ["), row.errorCode != 0);
+    EXPECT_EQ(count(run.orvane().output(), "InstallationFailed, errorCode ["),
+              row.errorCode != 0 ? 1u : 0u);
     if (row.lumFailure) {
-      EXPECT_TRUE(once(run.calls(), "getDomainUpdateResult")) << run.calls();
-      EXPECT_TRUE(once(run.calls(), "closeDomainUpdateSession")) << run.calls();
+      EXPECT_EQ(count(run.calls(), "getDomainUpdateResult"), 1u) << run.calls();
+      EXPECT_EQ(count(run.calls(), "closeDomainUpdateSession"), 1u) << run.calls();
     }
     EXPECT_EQ(member(record, "channel"), 2);
     EXPECT_EQ(record.find("trainname") ? record.find("trainname")->ToString() : "?", "");
     if (row.errorCode == 0) {
       EXPECT_EQ(member(record, "progress"), 100);
+      EXPECT_NE(run.orvane().output().find("eINSTALLATIONFINISHEDCONFIRMED"), std::string::npos);
     }
     EXPECT_NE(run.orvane().output().find(row.logged), std::string::npos) << run.orvane().output();
   }

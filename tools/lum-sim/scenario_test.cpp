@@ -43,35 +43,28 @@ TEST(ScenarioTest, FullFileIsReadIntoEveryField) {
   ASSERT_EQ(r.scenario->sessions.size(), 2u);
   EXPECT_TRUE(r.scenario->strictSessionIds);
   const SessionScript& s = r.scenario->sessions[0];
-  EXPECT_EQ(s.analyseMs, 10);
-  EXPECT_EQ(s.downloadMs, 20);
-  EXPECT_EQ(s.installMs, 30);
-  EXPECT_EQ(s.cancelMs, 40);
-  EXPECT_EQ(s.totalBytes, 5000000000);
-  EXPECT_EQ(s.installationTime, 99u);
+  EXPECT_EQ((std::vector<int64_t>{s.analyseMs, s.downloadMs, s.installMs, s.cancelMs, s.totalBytes,
+                                  s.installationTime}),
+            (std::vector<int64_t>{10, 20, 30, 40, 5000000000, 99}));
   EXPECT_EQ(s.packages, std::vector<std::string>{"x.pkg"});
   EXPECT_FALSE(s.sends("domainUpdateFinishedNotification"));
   EXPECT_TRUE(s.sends("domainErrorNotification"));
   EXPECT_EQ(s.busy.at("startDomainUpdate"), 3u);
-  EXPECT_EQ(s.delays.at("startDomainUpdateDownload").ms, 1500);
-  EXPECT_EQ(s.delays.at("startDomainUpdateDownload").calls, 1u);
-  ASSERT_TRUE(s.error);
+  const DelayPlan delay = s.delays.at("startDomainUpdateDownload");
+  EXPECT_EQ((std::vector<int64_t>{delay.ms, delay.calls}), (std::vector<int64_t>{1500, 1}));
+  ASSERT_TRUE(s.error && s.result && s.resolveUrl && s.stopOffer && s.crash);
   EXPECT_EQ(s.error->at.phase, Phase::updating);
-  EXPECT_EQ(s.error->at.afterMs, 5);
-  EXPECT_EQ(s.error->code, 1234u);
-  ASSERT_TRUE(s.result);
+  EXPECT_EQ((std::vector<int64_t>{s.error->at.afterMs, s.error->code}),
+            (std::vector<int64_t>{5, 1234}));
   EXPECT_EQ(s.result->sessionStatus, lum11::CM_SessionStatus::error);
   EXPECT_EQ(s.result->errorCategories, 2);
   EXPECT_EQ(s.result->integrityValidationResult.status, lum11::CM_ValidationStatus::failed);
   EXPECT_EQ(s.result->integrityValidationResult.errorDetails, "crc");
   EXPECT_EQ(s.result->safetyValidationResult.status, lum11::CM_ValidationStatus::successful);
-  ASSERT_TRUE(s.resolveUrl);
   EXPECT_EQ(s.resolveUrl->fileNames, std::vector<std::string>{"a.bin"});
   EXPECT_EQ(s.resolveUrl->fileType, lum11::CM_FileType::manifest);
   EXPECT_TRUE(s.resolveUrl->holdUntilAnswered);
-  ASSERT_TRUE(s.stopOffer);
   EXPECT_EQ(s.stopOffer->durationMs, 2000);
-  ASSERT_TRUE(s.crash);
   EXPECT_EQ(s.crash->at.phase, Phase::downloadFinished);
   EXPECT_EQ(s.crash->exitCode, 9);
   EXPECT_EQ(s.preconditionResult, "ignition on");

@@ -32,14 +32,7 @@ constexpr uint16_t kRiid = 7;
 class Rig {
  public:
   explicit Rig(SessionScript script = {}, bool strict = false)
-      : scoped_(clock_), script_(script), sim_(scenarioOf(script, strict), outputs()) {}
-
-  static Scenario scenarioOf(const SessionScript& script, bool strict = false) {
-    Scenario s;
-    s.sessions = {script};
-    s.strictSessionIds = strict;
-    return s;
-  }
+      : scoped_(clock_), script_(script), sim_(Scenario{{script}, strict}, outputs()) {}
 
   LumSimulator& sim() { return sim_; }
   ScopedLogCapture& log() { return capture_; }
@@ -48,14 +41,13 @@ class Rig {
   // Moves time without polling: the next call has to play what came due.
   void advanceOnly(int64_t ms) { clock_.advance(std::chrono::milliseconds(ms)); }
   void advance(int64_t ms) {
-    clock_.advance(std::chrono::milliseconds(ms));
+    advanceOnly(ms);
     sim_.poll();
   }
   Status create(uint16_t riid = kRiid) {
     methods::CreateDomainUpdateSession::Input in;
     in.accessID = kClient;
     in.vehicleRepairInstructionID = riid;
-    in.diagnosticAddress.diagnosticAddresses = {0x1a01, 0x1a02};
     return sim_.createDomainUpdateSession(in).output.returnStatus;
   }
   State state() {
@@ -66,13 +58,14 @@ class Rig {
   // Create, analyse, download: the session ends in downloadFinished.
   void toDownloadFinished() {
     ASSERT_EQ(create(), Status::ok);
-    advance(sim_analyse());
+    advance(script_.analyseMs);
     ASSERT_EQ(sim_.startDomainUpdateDownload(session()).output.returnStatus, Status::ok);
     advance(script_.downloadMs);
   }
 
+  lum11::DT_uuid lastUuid{};
+
  private:
-  int64_t sim_analyse() const { return script_.analyseMs; }
   SimulatorOutputs outputs() {
     SimulatorOutputs o;
     o.readyForDownload = [this](const lum11::ReadyForDownloadInfo& i, uint16_t id) {
@@ -102,9 +95,6 @@ class Rig {
   SessionScript script_;
   std::vector<std::string> seen_;
   LumSimulator sim_;
-
- public:
-  lum11::DT_uuid lastUuid{};
 };
 
 // Every session-addressed operation by name, reduced to its return status.
@@ -140,89 +130,50 @@ Status callByName(LumSimulator& sim, const std::string& op) {
 
 TEST(LumSimulatorTest, CleanSessionRunsThroughEveryState) {
   Rig rig;
-  ASSERT_EQ(rig.create(), Status::ok);
-  struct Step {
-    const char* what;
-    int64_t advanceMs;
-    std::function<void(LumSimulator&)> call;
-    State state;
-    std::vector<std::string> seen;  // all outputs so far
-  };
+  const methods::SessionInput in = Rig::session();
   const std::string rfd = "readyForDownload:7:120:4194304";
   const std::string rfu = "readyForUpdate:7:120:4194304";
-  const std::vector<Step> steps{
-      {"analysis is still running 1 ms before its end", 999, nullptr, State::verifying, {}},
-      {"the analysis ends exactly on time and announces the download",
-       1,
-       nullptr,
-       State::verificationFinished,
-       {rfd}},
-      {"waiting does not start the download", 5000, nullptr, State::verificationFinished, {rfd}},
-      {"the download starts on request",
-       0,
-       [](LumSimulator& s) {
-         EXPECT_EQ(s.startDomainUpdateDownload(Rig::session()).output.returnStatus, Status::ok);
-       },
-       State::downloading,
-       {rfd}},
-      {"half way: half the bytes, second of two packages",
-       1000,
-       [](LumSimulator& s) {
-         const auto p = s.getDomainUpdateDownloadProgress(Rig::session()).output;
-         EXPECT_EQ(p.processedBytes, 2097152);
-         EXPECT_EQ(p.totalBytes, 4194304);
-         EXPECT_EQ(p.currentPackageNumber, 2u);
-         EXPECT_EQ(p.totalPackageNumber, 2u);
-         EXPECT_EQ(p.packageName, "domain-boot.pkg");
-         EXPECT_EQ(p.downloadRate, 2097152);
-       },
-       State::downloading,
-       {rfd}},
-      {"the download ends and announces the update",
-       1000,
-       nullptr,
-       State::downloadFinished,
-       {rfd, rfu}},
-      {"the update starts on request",
-       0,
-       [](LumSimulator& s) {
-         EXPECT_EQ(s.startDomainUpdate(Rig::session()).output.returnStatus, Status::ok);
-       },
-       State::updating,
-       {rfd, rfu}},
-      {"a quarter of the installation",
-       500,
-       [](LumSimulator& s) {
-         const auto p = s.getDomainUpdateProgress(Rig::session()).output;
-         EXPECT_EQ(p.processedBytes, 1048576);
-         EXPECT_EQ(p.currentPackageNumber, 1u);
-         EXPECT_EQ(p.packageName, "domain-app.pkg");
-       },
-       State::updating,
-       {rfd, rfu}},
-      {"one late poll plays the end at its own time and announces it",
-       10000,
-       [](LumSimulator& s) {
-         const auto r = s.getDomainUpdateResult(Rig::session()).output;
-         EXPECT_EQ(r.returnStatus, Status::ok);
-         EXPECT_EQ(r.domainResult.sessionStatus, lum11::CM_SessionStatus::successful);
-         EXPECT_EQ(r.domainResult.integrityValidationResult.status,
-                   lum11::CM_ValidationStatus::successful);
-       },
-       State::successfulFinished,
-       {rfd, rfu, "updateFinished:7"}},
-  };
-  for (const auto& step : steps) {
-    SCOPED_TRACE(step.what);
-    rig.advance(step.advanceMs);
-    if (step.call)
-      step.call(rig.sim());
-    EXPECT_EQ(rig.state(), step.state) << toString(rig.state());
-    EXPECT_EQ(rig.seen(), step.seen);
-  }
-  EXPECT_EQ(rig.sim().closeDomainUpdateSession(Rig::session()).output.returnStatus, Status::ok);
-  EXPECT_EQ(rig.sim().getDomainUpdateSessionState(Rig::session()).output.returnStatus,
-            Status::invalidState);
+  ASSERT_EQ(rig.create(), Status::ok);
+  rig.advance(999);  // 1 ms before the analysis ends
+  EXPECT_EQ(rig.state(), State::verifying);
+  rig.advanceOnly(1);  // exactly on time, a call plays the analysis end without a poll
+  EXPECT_EQ(rig.state(), State::verificationFinished);
+  EXPECT_EQ(rig.seen(), std::vector<std::string>{rfd});
+  rig.advance(5000);  // waiting does not start the download
+  EXPECT_EQ(rig.state(), State::verificationFinished);
+  EXPECT_EQ(rig.sim().startDomainUpdateDownload(in).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.state(), State::downloading);
+  rig.advance(1000);  // half way: half the bytes, second of two packages
+  const auto download = rig.sim().getDomainUpdateDownloadProgress(in).output;
+  EXPECT_EQ(download.processedBytes, 2097152);
+  EXPECT_EQ(download.totalBytes, 4194304);
+  EXPECT_EQ(download.currentPackageNumber, 2u);
+  EXPECT_EQ(download.totalPackageNumber, 2u);
+  EXPECT_EQ(download.packageName, "domain-boot.pkg");
+  EXPECT_EQ(download.downloadRate, 2097152);
+  EXPECT_EQ(rig.seen(), std::vector<std::string>{rfd});
+  rig.advance(1000);  // the download ends and announces the update
+  EXPECT_EQ(rig.state(), State::downloadFinished);
+  EXPECT_EQ(rig.seen(), (std::vector<std::string>{rfd, rfu}));
+  EXPECT_EQ(rig.sim().startDomainUpdate(in).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.state(), State::updating);
+  rig.advance(500);  // a quarter of the installation
+  const auto install = rig.sim().getDomainUpdateProgress(in).output;
+  EXPECT_EQ(install.processedBytes, 1048576);
+  EXPECT_EQ(install.currentPackageNumber, 1u);
+  EXPECT_EQ(install.packageName, "domain-app.pkg");
+  EXPECT_EQ(rig.state(), State::updating);
+  // One late poll plays the end at its own time and announces it.
+  rig.advance(10000);
+  const auto r = rig.sim().getDomainUpdateResult(in).output;
+  EXPECT_EQ(r.returnStatus, Status::ok);
+  EXPECT_EQ(r.domainResult.sessionStatus, lum11::CM_SessionStatus::successful);
+  EXPECT_EQ(r.domainResult.integrityValidationResult.status,
+            lum11::CM_ValidationStatus::successful);
+  EXPECT_EQ(rig.state(), State::successfulFinished);
+  EXPECT_EQ(rig.seen(), (std::vector<std::string>{rfd, rfu, "updateFinished:7"}));
+  EXPECT_EQ(rig.sim().closeDomainUpdateSession(in).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim().getDomainUpdateSessionState(in).output.returnStatus, Status::invalidState);
   EXPECT_TRUE(rig.log()->contains("session 7: successfulFinished"));
   // A new session may follow the closed one.
   EXPECT_EQ(rig.create(8), Status::ok);
@@ -375,24 +326,13 @@ TEST(LumSimulatorTest, ScriptedErrorInEachPhase) {
 }
 
 TEST(LumSimulatorTest, CallsOutOfOrderAreInvalidState) {
+  enum Stage { none, created, analysed, downloading, downloaded };
   struct Row {
     const char* what;
-    std::function<void(Rig&)> setUp;
+    Stage stage;  // how far the session got before the call
     const char* op;
     Status expected;
   };
-  auto none = [](Rig&) {};
-  auto created = [](Rig& r) { ASSERT_EQ(r.create(), Status::ok); };
-  auto analysed = [](Rig& r) {
-    ASSERT_EQ(r.create(), Status::ok);
-    r.advance(1000);
-  };
-  auto downloading = [](Rig& r) {
-    ASSERT_EQ(r.create(), Status::ok);
-    r.advance(1000);
-    ASSERT_EQ(r.sim().startDomainUpdateDownload(Rig::session()).output.returnStatus, Status::ok);
-  };
-  auto downloaded = [](Rig& r) { r.toDownloadFinished(); };
   const std::vector<Row> rows{
       {"state without a session", none, "getDomainUpdateSessionState", Status::invalidState},
       {"download without a session", none, "startDomainUpdateDownload", Status::invalidState},
@@ -415,7 +355,14 @@ TEST(LumSimulatorTest, CallsOutOfOrderAreInvalidState) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     Rig rig;
-    row.setUp(rig);
+    if (row.stage >= created) {
+      ASSERT_EQ(rig.create(), Status::ok);
+    }
+    rig.advance(row.stage >= analysed ? 1000 : 0);
+    if (row.stage >= downloading) {
+      ASSERT_EQ(callByName(rig.sim(), "startDomainUpdateDownload"), Status::ok);
+    }
+    rig.advance(row.stage >= downloaded ? 2000 : 0);
     EXPECT_EQ(callByName(rig.sim(), row.op), row.expected);
   }
   // Another client or another session id is refused as a wrong parameter.
@@ -502,15 +449,16 @@ TEST(LumSimulatorTest, UrlRequestHoldsTheDownloadUntilAnswered) {
   ASSERT_EQ(rig.create(), Status::ok);
   rig.advance(1000);
   ASSERT_EQ(rig.sim().startDomainUpdateDownload(Rig::session()).output.returnStatus, Status::ok);
-  rig.advance(5000);  // held at 500 ms of 2000
-  EXPECT_EQ(rig.state(), State::downloading);
-  EXPECT_EQ(rig.seen().back(), "resolve:2:1");
-  EXPECT_EQ(rig.sim().getDomainUpdateDownloadProgress(Rig::session()).output.processedBytes,
-            1048576);
-  // An answer to another request does not release it.
+  // An answer to another request plays what came due (the request, held at 500 ms of 2000)
+  // and does not release it.
+  rig.advanceOnly(5000);
   lum11::UpdateUrlResponseStruct other;
   other.updateURLRequestID[3] = 0xee;
   rig.sim().updateURLResponse({other});
+  EXPECT_EQ(rig.seen().back(), "resolve:2:1");
+  EXPECT_EQ(rig.state(), State::downloading);
+  EXPECT_EQ(rig.sim().getDomainUpdateDownloadProgress(Rig::session()).output.processedBytes,
+            1048576);
   rig.advance(5000);
   EXPECT_EQ(rig.state(), State::downloading);
   lum11::UpdateUrlResponseStruct answer;
@@ -523,29 +471,6 @@ TEST(LumSimulatorTest, UrlRequestHoldsTheDownloadUntilAnswered) {
   EXPECT_EQ(rig.state(), State::downloadFinished);
   ASSERT_EQ(rig.sim().urlResponses().size(), 2u);
   EXPECT_EQ(rig.sim().urlResponses()[1].urlInfo, answer.urlInfo);
-}
-
-TEST(LumSimulatorTest, AnyCallPlaysWhatCameDueWithoutAPoll) {
-  struct Row {
-    const char* what;
-    std::function<void(LumSimulator&)> call;
-  };
-  const std::vector<Row> rows{
-      {"a state poll", [](LumSimulator& s) { s.getDomainUpdateSessionState(Rig::session()); }},
-      {"a URL answer without a request",
-       [](LumSimulator& s) { s.updateURLResponse({lum11::UpdateUrlResponseStruct{}}); }},
-      {"a busy answer", [](LumSimulator& s) { s.getDomainUpdateProgress(Rig::session()); }},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    SessionScript script;
-    script.busy["getDomainUpdateProgress"] = 1;
-    Rig rig(script);
-    ASSERT_EQ(rig.create(), Status::ok);
-    rig.advanceOnly(1000);
-    row.call(rig.sim());
-    EXPECT_EQ(rig.seen(), std::vector<std::string>{"readyForDownload:7:120:4194304"});
-  }
 }
 
 TEST(LumSimulatorTest, StopOfferAndCrashFireAtTheirPhase) {

@@ -86,6 +86,7 @@ class LaptopServiceTest : public ::testing::Test {
  protected:
   void serve(std::vector<UpdateStats> script) {
     script_ = std::move(script);
+    next_ = 0;
     service_ = std::make_unique<kel::nodbox::diag::orv::NotebookService>("127.0.0.9", 5002);
     // One stats request calls the three paths in this order, all on the service's worker.
     service_->mUpdateState = [this] {
@@ -114,7 +115,7 @@ class LaptopServiceTest : public ::testing::Test {
   std::ostringstream out_, err_;
 };
 
-TEST_F(LaptopServiceTest, StartThenWatchToTheEnd) {
+TEST_F(LaptopServiceTest, StartWatchFailuresAndMissingServices) {
   serve({{10, 0, 0}, {0, 0, 0}, {9, 30, 0}, {9, 100, 0}, {10, 100, 0}});
   EXPECT_EQ(runStart(options_, out_, err_), kExitFinished);
   EXPECT_EQ(runWatch(options_, out_, err_), kExitFinished);
@@ -122,9 +123,8 @@ TEST_F(LaptopServiceTest, StartThenWatchToTheEnd) {
   EXPECT_NE(out_.str().find("\reINSTALLING "), std::string::npos);
   EXPECT_NE(out_.str().find("\nUpdate finished\n"), std::string::npos);
   EXPECT_EQ(started(), "http://127.0.0.1:8080/medium");
-}
 
-TEST_F(LaptopServiceTest, FailuresAndMissingServices) {
+  // A failure, a watch that times out, services that are not there.
   serve({{9, 10, 0}, {3, 10, 612}});
   EXPECT_EQ(runWatch(options_, out_, err_), kExitFailed);
   EXPECT_NE(out_.str().find("Update ended in eINSTALLATIONFAILED, error code 612"),

@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -10,50 +8,29 @@
 #include "logic/key_manifest.h"
 #include "minfw/json.h"
 #include "minfw/testing/capture_sink.h"
-#include "minfw/testing/target_command.h"
 #include "minfw/testing/temp_dir.h"
+#include "process.h"
 
 namespace {
 
 using kel::vxp3::minfw::json::JSON;
 using kel::vxp3::minfw::testing::readFile;
 using kel::vxp3::minfw::testing::ScopedLogCapture;
-using kel::vxp3::minfw::testing::targetCommand;
 using kel::vxp3::minfw::testing::TempDir;
 using kel::vxp3::minfw::testing::writeFile;
 
 struct ToolRun {
-  int status = -1;  // exit status; -1 if the tool did not exit normally
+  int status = -1;  // exit status, 128 + signal; -1 if the tool did not end
   std::string out;
   std::string err;
 };
 
-// Runs the tool with `args`; its output goes through files in `dir`.
-ToolRun runTool(const TempDir& dir, const std::vector<std::string>& args) {
-  const std::string outPath = dir.file("stdout"), errPath = dir.file("stderr");
-  std::vector<std::string> command{ORVANE_MEDIUM_PATH};
-  command.insert(command.end(), args.begin(), args.end());
-  command = targetCommand(command);
-  std::vector<char*> argv;
-  for (std::string& word : command)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
-      _exit(127);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  ToolRun run;
-  int status = 0;
-  if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status))
-    run.status = WEXITSTATUS(status);
-  run.out = readFile(outPath);
-  run.err = readFile(errPath);
-  return run;
+ToolRun runTool(const std::vector<std::string>& args) {
+  orvane::testing::ChildProcess tool;
+  if (!tool.start(ORVANE_MEDIUM_PATH, args))
+    return {};
+  const int status = tool.wait(std::chrono::seconds(60)).value_or(-1);
+  return {status, tool.output(), tool.errorOutput()};
 }
 
 bool isHex(const std::string& text) {
@@ -79,9 +56,9 @@ class OrvaneMediumTest : public ::testing::Test {
 TEST_F(OrvaneMediumTest, WritesAFolderThatParses) {
   writeFile(dir_.file("source.bin"), std::string("update\0manifest\xff", 16));
   const ToolRun run =
-      runTool(dir_, {"--out", medium(), "--train", "T-2026", "--order", "ORD1", "--manifest",
-                     "a.bin=" + dir_.file("source.bin"), "--manifest", "b.json", "--diag-address",
-                     "10", "--diag-address", "0x1234", "--diag-address", "65535"});
+      runTool({"--out", medium(), "--train", "T-2026", "--order", "ORD1", "--manifest",
+               "a.bin=" + dir_.file("source.bin"), "--manifest", "b.json", "--diag-address", "10",
+               "--diag-address", "0x1234", "--diag-address", "65535"});
   ASSERT_EQ(run.status, 0) << run.err;
   for (const char* name : {"NodboxUpdateMedium.json", "KeyManifest.mose", "a.bin", "b.json"})
     EXPECT_NE(run.out.find(name), std::string::npos) << run.out;
@@ -115,16 +92,15 @@ TEST_F(OrvaneMediumTest, WritesAFolderThatParses) {
 TEST_F(OrvaneMediumTest, GivenPayloadAndNoKeyManifestVariants) {
   const std::string custom = R"({"EncryptedFiles":[],"Note":"hand made"})";
   writeFile(dir_.file("payload.json"), custom);
-  ToolRun run =
-      runTool(dir_, {"--out", medium(), "--train", "T", "--manifest", "m", "--diag-address", "0",
-                     "--key-manifest", "km.mose", "--payload", dir_.file("payload.json")});
+  ToolRun run = runTool({"--out", medium(), "--train", "T", "--manifest", "m", "--diag-address",
+                         "0", "--key-manifest", "km.mose", "--payload", dir_.file("payload.json")});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(description().find("keyManifest")->ToString(), "km.mose");
   EXPECT_EQ(keyManifestPayload("km.mose").dump(), JSON::Load(custom).dump());
 
   std::filesystem::remove_all(medium());
-  run = runTool(dir_, {"--out", medium(), "--train", "T", "--manifest", "m", "--diag-address", "0",
-                       "--no-key-manifest"});
+  run = runTool({"--out", medium(), "--train", "T", "--manifest", "m", "--diag-address", "0",
+                 "--no-key-manifest"});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_FALSE(description().hasKey("keyManifest"));
   EXPECT_EQ(description().find("order")->ToString(), "");
@@ -169,7 +145,7 @@ TEST_F(OrvaneMediumTest, BadArgumentsExitTwoAndWriteNothing) {
        "does not hold a JSON object"},
   };
   for (const Row& row : rows) {
-    const ToolRun run = runTool(dir_, row.args);
+    const ToolRun run = runTool(row.args);
     EXPECT_EQ(run.status, 2) << row.why;
     EXPECT_NE(run.err.find(row.message), std::string::npos) << row.why << ": " << run.err;
     EXPECT_FALSE(std::filesystem::exists(medium())) << row.why;
