@@ -13,62 +13,7 @@ namespace kel::vxp3::minfw {
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 using testing::SimulatedClock;
-
-TEST(SimulatedClockTest, SleeperWakesOnlyWhenVirtualTimePassesItsDeadline) {
-  SimulatedClock clock;
-  std::atomic<bool> woke{false};
-  std::thread sleeper([&] {
-    clock.sleepFor(seconds(10));
-    woke = true;
-  });
-  ASSERT_TRUE(clock.waitForSleepers(1));
-  clock.advance(milliseconds(9999));
-  // Still asleep: the deadline is one millisecond away.
-  EXPECT_TRUE(clock.waitForSleepers(1, milliseconds(0)));
-  EXPECT_FALSE(woke);
-  clock.advance(milliseconds(1));
-  sleeper.join();
-  EXPECT_TRUE(woke);
-  EXPECT_EQ(clock.elapsed(), seconds(10));
-  EXPECT_EQ(clock.sleepers(), 0u);
-}
-
-TEST(SimulatedClockTest, AdvanceToNextDeadlineWakesTheEarliestSleeperFirst) {
-  SimulatedClock clock;
-  std::atomic<int> order{0};
-  int shortOne = 0;
-  int longOne = 0;
-  std::thread a([&] {
-    clock.sleepFor(seconds(5));
-    longOne = ++order;
-  });
-  std::thread b([&] {
-    clock.sleepFor(seconds(1));
-    shortOne = ++order;
-  });
-  ASSERT_TRUE(clock.waitForSleepers(2));
-  ASSERT_TRUE(clock.advanceToNextDeadline());
-  b.join();
-  EXPECT_EQ(clock.elapsed(), seconds(1));
-  ASSERT_TRUE(clock.advanceToNextDeadline());
-  a.join();
-  EXPECT_EQ(shortOne, 1);
-  EXPECT_EQ(longOne, 2);
-  EXPECT_FALSE(clock.advanceToNextDeadline());
-}
-
-TEST(SimulatedClockTest, AutoAdvanceRecordsEverySleepAndMovesWallTime) {
-  SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
-  ScopedClock scoped(clock);
-  const auto wall0 = minfw::clock().wallNow();
-  sleepMs(1000);
-  sleepMs(2000);
-  EXPECT_EQ(clock.sleeps(), (std::vector<Clock::Duration>{milliseconds(1000), milliseconds(2000)}));
-  EXPECT_EQ(clock.totalSlept(), seconds(3));
-  EXPECT_EQ(minfw::clock().wallNow() - wall0, seconds(3));
-}
 
 TEST(ClockTest, ScopedClockRestoresThePreviousClock) {
   Clock* before = &clock();

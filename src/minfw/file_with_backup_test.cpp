@@ -7,15 +7,12 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "minfw/file_system.h"
+#include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/fault_file_system.h"
 #include "minfw/testing/simulated_clock.h"
@@ -32,10 +29,13 @@ using testing::writeFile;
 using Op = FaultFileSystem::Op;
 using Names = FaultFileSystem::NameDurability;
 using std::chrono::milliseconds;
+
 bool exists(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0;
-}  // A record whose every byte depends on its seed and position, so any tear or mix shows.
+}
+
+// A record whose every byte depends on its seed and position, so any tear or mix shows.
 std::string record(char seed, std::size_t size) {
   std::string text;
   for (std::size_t i = 0; i < size; ++i)
@@ -160,80 +160,29 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
   struct Row {
     const char* proves;
     Op op;
-    uint32_t nth;
     int error;
     uint32_t times;
-    bool written;  // Write's result, and whether the target holds the new data
-    std::vector<milliseconds> sleeps;
-    std::vector<std::string> messages;
+    bool written;        // Write's result, and whether the target holds the new data
+    std::size_t pauses;  // of 1000 ms each
+    std::string message;
   };
-  const milliseconds second(1000);
+  const uint32_t always = FaultFileSystem::kAlways;
   const std::vector<Row> rows = {
-      {"a write failing twice then succeeding pauses exactly twice 1000 ms",
-       Op::kWrite,
-       1,
-       EIO,
-       2,
-       true,
-       {second, second},
-       {"try [2], errno[5]"}},
-      {"three failed writes give up and keep the old record",
-       Op::kWrite,
-       1,
-       EIO,
-       FaultFileSystem::kAlways,
-       false,
-       {second, second},
-       {"After [3] we give up!", "Unable to write persist file ["}},
-      {"three failed opens give up",
-       Op::kOpen,
-       1,
-       EACCES,
-       FaultFileSystem::kAlways,
-       false,
-       {second, second},
-       {"After [3] we give up!", "Unable to open ["}},
-      {"a failing fsync fails the write", Op::kFsync, 1, EIO, 1, false, {}, {"fsync error ["}},
-      {"a failing chmod is logged and tolerated",
-       Op::kChmod,
-       1,
-       EPERM,
-       1,
-       true,
-       {},
-       {"tarCreateDir: Chmod error for [", "], permissions=[0644] :"}},
-      {"a failing chown (unprivileged process) is logged and tolerated",
-       Op::kChown,
-       1,
-       EPERM,
-       1,
-       true,
-       {},
-       {"tarCreateDir: Chown error for [", "], owner=[", "], group=[", "] :"}},
-      {"a failing rename fails the write",
-       Op::kRename,
-       1,
-       EXDEV,
-       1,
-       false,
-       {},
-       {"Unable to rename ["}},
-      {"a failing directory sync is logged, the data is already in place",
-       Op::kFsyncDir,
-       1,
-       EIO,
-       1,
-       true,
-       {},
-       {"Unable to sync directory ["}},
-      {"a directory that cannot be opened for syncing is logged too",
-       Op::kOpenDir,
-       1,
-       EMFILE,
-       1,
-       true,
-       {},
-       {"Unable to sync directory ["}},
+      {"a write failing twice then succeeding pauses exactly twice", Op::kWrite, EIO, 2, true, 2,
+       "try [2], errno[5]"},
+      {"three failed writes give up and keep the old record", Op::kWrite, EIO, always, false, 2,
+       "Unable to write persist file ["},
+      {"three failed opens give up", Op::kOpen, EACCES, always, false, 2, "Unable to open ["},
+      {"a failing fsync fails the write", Op::kFsync, EIO, 1, false, 0, "fsync error ["},
+      {"a failing chmod is logged and tolerated", Op::kChmod, EPERM, 1, true, 0,
+       "], permissions=[0644] :"},
+      {"a failing chown (unprivileged process) is logged and tolerated", Op::kChown, EPERM, 1, true,
+       0, cat("], owner=[", getuid(), "], group=[", getgid(), "] :")},
+      {"a failing rename fails the write", Op::kRename, EXDEV, 1, false, 0, "Unable to rename ["},
+      {"a failing directory sync is logged, the data is already in place", Op::kFsyncDir, EIO, 1,
+       true, 0, "Unable to sync directory ["},
+      {"a directory that cannot be opened for syncing is logged too", Op::kOpenDir, EMFILE, 1, true,
+       0, "Unable to sync directory ["},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -245,53 +194,49 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
     FaultFileSystem fs;
-    fs.failCall(row.op, row.nth, row.error, row.times);
+    fs.failCall(row.op, 1, row.error, row.times);
     ScopedFileSystem scoped(fs);
     log_->clear();
 
     EXPECT_EQ(FileWithBackup::Write(path, newRecord, getuid(), getgid(), 0644), row.written);
     EXPECT_EQ(readFile(path), row.written ? newRecord : oldRecord);
-    const std::vector<Clock::Duration> expected(row.sleeps.begin(), row.sleeps.end());
-    EXPECT_EQ(clock.sleeps(), expected);
-    for (const std::string& message : row.messages) {
-      EXPECT_TRUE(log_->contains(message)) << message;
+    EXPECT_EQ(clock.sleeps(), std::vector<Clock::Duration>(row.pauses, milliseconds(1000)));
+    EXPECT_TRUE(log_->contains(row.message)) << row.message;
+    if (row.times == always) {
+      EXPECT_TRUE(log_->contains("After [3] we give up!"));
     }
   }
 }
 
-TEST_F(FileWithBackupTest, ShortWritesStillStoreTheWholeRecord) {
+TEST_F(FileWithBackupTest, ShortWritesStoreTheWholeRecordWithModeAndOwner) {
   const std::string path = dir_.file("short.json");
   const std::string data = record('s', 5000);
   FaultFileSystem fs;
   fs.shortWrite(1, 1);
   fs.shortWrite(2, 4095);
-  ScopedFileSystem scoped(fs);
-  EXPECT_TRUE(FileWithBackup::Write(path, data, getuid(), getgid(), 0644));
+  {
+    ScopedFileSystem scoped(fs);
+    EXPECT_TRUE(FileWithBackup::Write(path, data, getuid(), getgid(), 0640));
+  }
   EXPECT_EQ(readFile(path), data);
   EXPECT_EQ(fs.calls(Op::kWrite), 3u);
   EXPECT_TRUE(clock_.sleeps().empty());
-}
-
-TEST_F(FileWithBackupTest, FailedWriteLeavesNoTornSiblingForTheFirstRecord) {
-  const std::string path = dir_.file("first.json");
-  FaultFileSystem fs;
-  fs.shortWrite(1, 10);
-  fs.failCall(Op::kWrite, 2, EIO, FaultFileSystem::kAlways);
-  {
-    ScopedFileSystem scoped(fs);
-    EXPECT_FALSE(FileWithBackup::Write(path, record('n', 100), getuid(), getgid(), 0644));
-  }
-  EXPECT_EQ(readBack(path), std::nullopt);
-}
-
-TEST_F(FileWithBackupTest, WriteSetsModeAndOwnerAndRemovesTheSibling) {
-  const std::string path = dir_.file("mode.json");
-  ASSERT_TRUE(FileWithBackup::Write(path, "{}", getuid(), getgid(), 0640));
   struct stat status {};
   ASSERT_EQ(::stat(path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0640u);
   EXPECT_EQ(status.st_uid, getuid());
   EXPECT_FALSE(exists(path + ".new"));
+
+  // A first record that fails after a short write leaves no torn sibling to be read back.
+  const std::string first = dir_.file("first.json");
+  FaultFileSystem failing;
+  failing.shortWrite(1, 10);
+  failing.failCall(Op::kWrite, 2, EIO, FaultFileSystem::kAlways);
+  {
+    ScopedFileSystem scoped(failing);
+    EXPECT_FALSE(FileWithBackup::Write(first, record('n', 100), getuid(), getgid(), 0644));
+  }
+  EXPECT_EQ(readBack(first), std::nullopt);
 }
 
 TEST_F(FileWithBackupTest, ReadFallsBackToTheSibling) {
@@ -316,54 +261,50 @@ TEST_F(FileWithBackupTest, ReadFallsBackToTheSibling) {
       writeFile(path, *row.target);
     if (row.sibling)
       writeFile(path + ".new", *row.sibling);
+    log_->clear();
     EXPECT_EQ(readBack(path), row.result);
     // Read never repairs: the sibling stays for the next Write to replace.
     EXPECT_EQ(exists(path + ".new"), row.sibling.has_value());
+    if (!row.result) {
+      testing::LogRecord warning;
+      ASSERT_TRUE(log_->find("Unable to find neither [", &warning));
+      EXPECT_EQ(warning.message, "Unable to find neither [" + path + "], nor [" + path + ".new]");
+      EXPECT_EQ(warning.level, kWarn);
+      EXPECT_EQ(warning.tag, "pers");
+    }
   }
 }
 
-TEST_F(FileWithBackupTest, ReadOfNothingWarnsWithBothNames) {
-  const std::string path = dir_.file("none.json");
-  EXPECT_EQ(readBack(path), std::nullopt);
-  testing::LogRecord warning;
-  ASSERT_TRUE(log_->find("Unable to find neither [", &warning));
-  EXPECT_EQ(warning.message, "Unable to find neither [" + path + "], nor [" + path + ".new]");
-  EXPECT_EQ(warning.level, kWarn);
-  EXPECT_EQ(warning.tag, "pers");
-}
-
-TEST_F(FileWithBackupTest, DirectoriesFailAtOnceWithoutPauses) {
+TEST_F(FileWithBackupTest, DirectoriesAndFifosFailAtOnceWithoutPauses) {
   struct Row {
     const char* proves;
     bool write;
-    bool siblingIsDirectory;  // else the target is
+    std::string special;  // the path made a directory, or a FIFO when it ends in "fifo"
+    const char* message;
   };
   const std::vector<Row> rows = {
-      {"writing over a directory", true, false},
-      {"writing when the sibling is a directory", true, true},
-      {"reading a directory", false, false},
+      {"writing over a directory", true, "d", "Trying to open a directory!"},
+      {"writing when the sibling is a directory", true, "d.new", "Trying to open a directory!"},
+      {"reading a directory", false, "d", "Trying to open a directory!"},
+      {"reading a FIFO does not block", false, "fifo", "not a regular file"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
-    const std::string path = dir.file("d");
-    ASSERT_EQ(::mkdir((row.siblingIsDirectory ? path + ".new" : path).c_str(), 0755), 0);
+    const std::string path = dir.file(row.special == "fifo" ? "fifo" : "d");
+    const std::string special = dir.file(row.special);
+    ASSERT_EQ(
+        row.special == "fifo" ? ::mkfifo(special.c_str(), 0644) : ::mkdir(special.c_str(), 0755),
+        0);
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
     log_->clear();
     std::string data;
     EXPECT_FALSE(row.write ? FileWithBackup::Write(path, "x", getuid(), getgid(), 0644)
                            : FileWithBackup::Read(path, data));
-    EXPECT_TRUE(log_->contains("Trying to open a directory!"));
+    EXPECT_TRUE(log_->contains(row.message));
     EXPECT_TRUE(clock.sleeps().empty());
   }
-}
-
-TEST_F(FileWithBackupTest, ReadOfAFifoFailsInsteadOfBlocking) {
-  const std::string path = dir_.file("fifo");
-  ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);
-  EXPECT_EQ(readBack(path), std::nullopt);
-  EXPECT_TRUE(log_->contains("not a regular file"));
 }
 
 TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {

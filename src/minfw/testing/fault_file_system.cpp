@@ -62,55 +62,17 @@ bool writes(int flags) {
   return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
 }
 
+// Trace names, in the order of FaultFileSystem::Op.
+const char* const kOpNames[] = {"openat",        "openat-dir", "read",     "pread",     "write",
+                                "pwrite",        "lseek",      "fsync",    "fsync-dir", "close",
+                                "fchmodat",      "ftruncate",  "truncate", "fstat",     "stat",
+                                "posix_fadvise", "chmod",      "chown",    "rename"};
+
 }  // namespace
 
 FaultFileSystem::FaultFileSystem(NameDurability names) : real_(posixFileSystem()), names_(names) {}
 
 FaultFileSystem::~FaultFileSystem() = default;
-
-const char* FaultFileSystem::name(Op op) {
-  switch (op) {
-    case Op::kOpen:
-      return "openat";
-    case Op::kOpenDir:
-      return "openat-dir";
-    case Op::kRead:
-      return "read";
-    case Op::kPread:
-      return "pread";
-    case Op::kWrite:
-      return "write";
-    case Op::kPwrite:
-      return "pwrite";
-    case Op::kLseek:
-      return "lseek";
-    case Op::kFsync:
-      return "fsync";
-    case Op::kFsyncDir:
-      return "fsync-dir";
-    case Op::kClose:
-      return "close";
-    case Op::kFchmodat:
-      return "fchmodat";
-    case Op::kFtruncate:
-      return "ftruncate";
-    case Op::kTruncate:
-      return "truncate";
-    case Op::kFstat:
-      return "fstat";
-    case Op::kStat:
-      return "stat";
-    case Op::kFadvise:
-      return "posix_fadvise";
-    case Op::kChmod:
-      return "chmod";
-    case Op::kChown:
-      return "chown";
-    case Op::kRename:
-      return "rename";
-  }
-  return "?";
-}
 
 void FaultFileSystem::failCall(Op op, uint32_t nth, int error, uint32_t times) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -156,20 +118,15 @@ std::vector<std::string> FaultFileSystem::trace() const {
 }
 
 std::string FaultFileSystem::describe(int fd) const {
-  const auto file = files_.find(fd);
-  if (file != files_.end())
-    return cat("fd ", fd, " ", file->second);
   const auto dir = directories_.find(fd);
-  if (dir != directories_.end())
-    return cat("fd ", fd, " ", dir->second);
-  return cat("fd ", fd);
+  return dir == directories_.end() ? cat("fd ", fd) : cat("fd ", fd, " ", dir->second);
 }
 
 bool FaultFileSystem::enter(Op op, const std::string& what,
                             const std::function<void()>& beforeCrash) {
   ++steps_;
   const uint32_t nth = ++calls_[op];
-  trace_.push_back(cat(steps_, " ", name(op), " ", what));
+  trace_.push_back(cat(steps_, " ", kOpNames[static_cast<int>(op)], " ", what));
   if (crashed_) {
     errno = EIO;
     return false;
@@ -285,7 +242,6 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
   if (directory) {
     directories_[fd] = path;
   } else {
-    files_[fd] = path;
     if (modelled && !existed && (flags & O_CREAT) != 0) {
       struct stat status {};
       if (::fstat(fd, &status) == 0) {
@@ -317,8 +273,7 @@ ssize_t FaultFileSystem::pread(int fd, void* buffer, std::size_t count, off_t of
 
 ssize_t FaultFileSystem::write(int fd, const void* buffer, std::size_t count) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kWrite, describe(fd) + cat(" ", count),
-             [&] { real_.write(fd, buffer, count / 2); }))
+  if (!enter(Op::kWrite, describe(fd), [&] { real_.write(fd, buffer, count / 2); }))
     return -1;
   const auto cut = shortWrites_.find(calls_[Op::kWrite]);
   if (cut != shortWrites_.end() && cut->second < count)
@@ -328,8 +283,7 @@ ssize_t FaultFileSystem::write(int fd, const void* buffer, std::size_t count) {
 
 ssize_t FaultFileSystem::pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kPwrite, describe(fd) + cat(" ", count),
-             [&] { real_.pwrite(fd, buffer, count / 2, offset); }))
+  if (!enter(Op::kPwrite, describe(fd), [&] { real_.pwrite(fd, buffer, count / 2, offset); }))
     return -1;
   return real_.pwrite(fd, buffer, count, offset);
 }
@@ -363,7 +317,6 @@ int FaultFileSystem::fsync(int fd) {
 int FaultFileSystem::close(int fd) {
   std::lock_guard<std::mutex> lock(mutex_);
   const std::string what = describe(fd);
-  files_.erase(fd);
   directories_.erase(fd);
   if (!enter(Op::kClose, what)) {
     const int error = errno;

@@ -86,10 +86,8 @@ class FaultFileSystem : public FileSystem {
   // Calls made so far (the crashing call included).
   uint64_t steps() const;
   uint32_t calls(Op op) const;
-  // One line per call: "<step> <op> <path>" or "<step> <op> fd <n> <path>".
+  // One line per call: "<step> <op> <path>" or "<step> <op> fd <n>" (a directory's with its path).
   std::vector<std::string> trace() const;
-
-  static const char* name(Op op);
 
   int openat(int dirfd, const char* path, int flags, mode_t mode) override;
   ssize_t read(int fd, void* buffer, std::size_t count) override;
@@ -119,7 +117,7 @@ class FaultFileSystem : public FileSystem {
   // Counts and records the call; false (with errno set) when it fails or the power fails at
   // it, in which case `beforeCrash` runs first. Caller holds mutex_.
   bool enter(Op op, const std::string& what, const std::function<void()>& beforeCrash = {});
-  // "fd <n> <path at open>" for the trace. Caller holds mutex_.
+  // "fd <n>" for the trace, with the path of a directory. Caller holds mutex_.
   std::string describe(int fd) const;
   // Durability model; callers hold mutex_.
   void touchPath(const std::string& path);
@@ -143,7 +141,6 @@ class FaultFileSystem : public FileSystem {
   uint64_t steps_ = 0;
   std::map<Op, uint32_t> calls_;
   std::vector<std::string> trace_;
-  std::map<int, std::string> files_;        // open file descriptors -> path at open
   std::map<int, std::string> directories_;  // open directory descriptors -> path
   // Durable state. Files are identified by our own ids, not inode numbers, because a freed
   // inode number is reused by the next creation while the old file may still be the durable
