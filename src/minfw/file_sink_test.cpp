@@ -4,18 +4,15 @@
 #include "minfw/file_sink.h"
 #include "minfw/testing/temp_dir.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,35 +29,6 @@ namespace fs = std::filesystem;
 using kel::vxp3::minfw::testing::readFile;
 using kel::vxp3::minfw::testing::TempDir;
 using kel::vxp3::minfw::testing::writeFile;
-
-// Standard error goes to a file while it lives.
-class StderrCapture {
- public:
-  explicit StderrCapture(std::string path) : path_(std::move(path)) {
-    std::fflush(stderr);
-    saved_ = dup(2);
-    const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(fd, 2);
-    close(fd);
-  }
-  ~StderrCapture() { restore(); }
-  std::string text() {
-    restore();
-    return readFile(path_);
-  }
-
- private:
-  void restore() {
-    if (saved_ < 0)
-      return;
-    std::fflush(stderr);
-    dup2(saved_, 2);
-    close(saved_);
-    saved_ = -1;
-  }
-  std::string path_;
-  int saved_ = -1;
-};
 
 // The console line of a record, its time text aside.
 std::string lineTail(const std::string& name, const std::string& location,
@@ -142,7 +110,7 @@ TEST(FileSinkRotation, CrossingTheLimitRotatesBeforeTheNextLine) {
   EXPECT_EQ(std::count(fresh.begin(), fresh.end(), '\n'), 1);
 }
 
-TEST(FileSink, ANewNameOpensItsOwnFile) {
+TEST(FileSink, NamesDirectoriesAndAnUnopenablePath) {
   TempDir dir;
   File sink(dir.file(""));
   sink.write("LUM", "First", "GLOBAL", "main(1)", "one", 2);
@@ -150,32 +118,27 @@ TEST(FileSink, ANewNameOpensItsOwnFile) {
   EXPECT_THAT(readFile(dir.file("") + "First.log"),
               ::testing::EndsWith(lineTail("First", "main(1)", "one")));
   EXPECT_THAT(readFile(dir.file("") + "Second.log"), ::testing::StartsWith("\033[36m["))
-      << "the warn colour, escapes kept in the file";
+      << "a new name opens its own file; the warn colour, escapes kept in the file";
   EXPECT_EQ(sink.path(), dir.file("") + "Second.log");
-}
 
-TEST(FileSink, DefaultDirectoryIsTmp) {
   const std::string name = "orvane-file-sink-test-" + std::to_string(getpid());
-  const std::string path = "/tmp/" + name + ".log";
   {
-    File sink;
-    sink.write("LUM", name, "GLOBAL", "main(1)", "in tmp", 2);
-    EXPECT_EQ(sink.path(), path);
+    File tmp;
+    tmp.write("LUM", name, "GLOBAL", "main(1)", "in tmp", 2);
+    EXPECT_EQ(tmp.path(), "/tmp/" + name + ".log") << "the default directory";
   }
-  EXPECT_THAT(readFile(path), ::testing::EndsWith(lineTail(name, "main(1)", "in tmp")));
-  std::remove(path.c_str());
-}
+  EXPECT_THAT(readFile("/tmp/" + name + ".log"),
+              ::testing::EndsWith(lineTail(name, "main(1)", "in tmp")));
+  std::remove(("/tmp/" + name + ".log").c_str());
 
-TEST(FileSink, UnopenablePathFallsBackToDevNull) {
-  TempDir dir;
   const std::string missing = dir.file("") + "no/such/dir/";
-  StderrCapture err(dir.file("") + "stderr.txt");
+  ::testing::internal::CaptureStderr();
   {
-    File sink(missing);
-    sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "lost", 4);
-    sink.write("LUM", "Orvane", "GLOBAL", "main(2)", "lost too", 4);
+    File lost(missing);
+    lost.write("LUM", "Orvane", "GLOBAL", "main(1)", "lost", 4);
+    lost.write("LUM", "Orvane", "GLOBAL", "main(2)", "lost too", 4);
   }
-  EXPECT_EQ(err.text(),
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "Unable to open the file [" + missing + "Orvane.log]: No such file or directory (2)\n")
       << "reported once, then written to /dev/null";
   EXPECT_FALSE(fs::exists(missing));
