@@ -8,48 +8,14 @@
 #include <cstdio>
 
 #include "minfw/str.h"
+#include "minfw/testing/temp_dir.h"
 
 namespace kel::vxp3::minfw::testing {
 
 namespace {
 
-// Whole content through a descriptor of our own, so the caller's offset stays untouched.
-std::optional<std::string> readAll(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
-    return std::nullopt;
-  std::string data;
-  char buffer[4096];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof(buffer));
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      break;
-    data.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(fd);
-  return data;
-}
-
 std::string procPath(int fd) {
   return cat("/proc/self/fd/", fd);
-}
-
-bool writeFresh(const std::string& path, const std::string& data, mode_t mode) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0)
-    return false;
-  std::size_t done = 0;
-  while (done < data.size()) {
-    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-    if (n <= 0)
-      break;
-    done += static_cast<std::size_t>(n);
-  }
-  ::fchmod(fd, mode);
-  ::close(fd);
-  return done == data.size();
 }
 
 std::string normalDirectory(std::string directory) {
@@ -162,17 +128,7 @@ uint64_t FaultFileSystem::idOfPath(const std::string& path) {
   if (it != idOf_.end())
     return it->second;
   // A file we have not seen change: what is on disk now counts as durable.
-  return newId(status.st_ino, readAll(path).value_or(""));
-}
-
-uint64_t FaultFileSystem::idOfFd(int fd) {
-  struct stat status {};
-  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
-    return 0;
-  const auto it = idOf_.find(status.st_ino);
-  if (it != idOf_.end())
-    return it->second;
-  return newId(status.st_ino, readAll(procPath(fd)).value_or(""));
+  return newId(status.st_ino, readFile(path));
 }
 
 void FaultFileSystem::touchPath(const std::string& path) {
@@ -219,8 +175,10 @@ void FaultFileSystem::powerCutLocked() {
       mode = status.st_mode & 07777;
       ::unlink(path.c_str());
     }
-    if (binding)
-      writeFresh(path, durableData_[*binding], mode);
+    if (binding) {
+      writeFile(path, durableData_[*binding]);
+      ::chmod(path.c_str(), mode);
+    }
   }
 }
 
@@ -250,7 +208,7 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
           durableNames_[path] = id;
       }
     } else if (modelled && (flags & O_TRUNC) != 0) {
-      truncated(idOfFd(fd), 0);
+      truncated(idOfPath(procPath(fd)), 0);
     }
   }
   errno = savedErrno;
@@ -307,9 +265,9 @@ int FaultFileSystem::fsync(int fd) {
   if (directory) {
     commitDirectory(dir->second);
   } else {
-    const uint64_t id = idOfFd(fd);
+    const uint64_t id = idOfPath(procPath(fd));
     if (id != 0)
-      durableData_[id] = readAll(procPath(fd)).value_or("");
+      durableData_[id] = readFile(procPath(fd));
   }
   return 0;
 }
@@ -338,7 +296,7 @@ int FaultFileSystem::ftruncate(int fd, off_t length) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!enter(Op::kFtruncate, describe(fd)))
     return -1;
-  const uint64_t id = idOfFd(fd);
+  const uint64_t id = idOfPath(procPath(fd));
   const int result = real_.ftruncate(fd, length);
   if (result == 0)
     truncated(id, length);

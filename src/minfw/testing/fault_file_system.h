@@ -121,10 +121,9 @@ class FaultFileSystem : public FileSystem {
   std::string describe(int fd) const;
   // Durability model; callers hold mutex_.
   void touchPath(const std::string& path);
-  // The id of the live file `path` or `fd` (one of them is used to snapshot a file first seen);
-  // 0 if it cannot be examined.
+  // The id of the live file `path` (a file first seen is snapshotted); 0 if it cannot be examined.
+  // A descriptor's file is reached through its /proc/self/fd link.
   uint64_t idOfPath(const std::string& path);
-  uint64_t idOfFd(int fd);
   uint64_t newId(ino_t inode, std::string data);
   void commitDirectory(const std::string& directory);
   // A successful truncation of file `id`: durable at once with kImmediate, else dropped.
