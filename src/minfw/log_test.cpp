@@ -1,27 +1,37 @@
-// Logger core, the Console sink and the text helpers: location rules, filtering, the output
-// without a sink, the exact console line and the failure paths of a record.
+// Logger core, the Console sink, the text helpers and the clock: location rules, filtering, the
+// output without a sink, the exact console line, the failure paths of a record and sleeps.
 
 #include "minfw/log.h"
 
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "minfw/clock.h"
 #include "minfw/console_sink.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
+#include "minfw/testing/simulated_clock.h"
 
 namespace kel::vxp3::minfw {
 namespace {
 
 enum class Small : uint8_t { kHundred = 100 };
 
+using std::chrono::milliseconds;
+using testing::SimulatedClock;
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStderr;
@@ -233,6 +243,37 @@ TEST_F(LoggerTest, AnExceptionInARecordIsReportedAndTheLoggerKeepsWorking) {
     MLOG_INFO("GLOBAL", "after");
     EXPECT_TRUE(capture->contains("after"));
   }
+}
+
+extern "C" void ignoreSignal(int) {}
+
+TEST(ClockTest, SystemSleepResumesAfterASignal) {
+  struct sigaction action {};
+  action.sa_handler = ignoreSignal;  // no SA_RESTART: nanosleep returns EINTR
+  struct sigaction previous {};
+  ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+  std::atomic<bool> asleep{false};
+  const auto start = std::chrono::steady_clock::now();
+  std::thread sleeper([&] {
+    asleep = true;
+    systemClock().sleepFor(milliseconds(200));
+  });
+  while (!asleep)
+    std::this_thread::yield();
+  for (int i = 0; i < 5; ++i)
+    pthread_kill(sleeper.native_handle(), SIGUSR1);
+  sleeper.join();
+  // An interrupted sleep that were not resumed would end right after the first signal.
+  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(200));
+  sigaction(SIGUSR1, &previous, nullptr);
+
+  // Tests install a simulated clock only for their own scope.
+  {
+    SimulatedClock simulated(SimulatedClock::Mode::kAutoAdvance);
+    ScopedClock scoped(simulated);
+    EXPECT_EQ(&clock(), &simulated);
+  }
+  EXPECT_EQ(&clock(), &systemClock());
 }
 
 }  // namespace
