@@ -29,10 +29,9 @@ bool writes(int flags) {
 }
 
 // Trace names, in the order of FaultFileSystem::Op.
-const char* const kOpNames[] = {"openat",        "openat-dir", "read",     "pread",     "write",
-                                "pwrite",        "lseek",      "fsync",    "fsync-dir", "close",
-                                "fchmodat",      "ftruncate",  "truncate", "fstat",     "stat",
-                                "posix_fadvise", "chmod",      "chown",    "rename"};
+const char* const kOpNames[] = {
+    "openat",   "openat-dir", "pread", "write", "lseek",         "fsync", "fsync-dir", "close",
+    "fchmodat", "truncate",   "fstat", "stat",  "posix_fadvise", "chmod", "chown",     "rename"};
 
 }  // namespace
 
@@ -216,9 +215,6 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
 }
 
 ssize_t FaultFileSystem::read(int fd, void* buffer, std::size_t count) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kRead, describe(fd)))
-    return -1;
   return real_.read(fd, buffer, count);
 }
 
@@ -240,9 +236,6 @@ ssize_t FaultFileSystem::write(int fd, const void* buffer, std::size_t count) {
 }
 
 ssize_t FaultFileSystem::pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kPwrite, describe(fd), [&] { real_.pwrite(fd, buffer, count / 2, offset); }))
-    return -1;
   return real_.pwrite(fd, buffer, count, offset);
 }
 
@@ -293,14 +286,7 @@ int FaultFileSystem::fchmodat(int dirfd, const char* path, mode_t mode, int flag
 }
 
 int FaultFileSystem::ftruncate(int fd, off_t length) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kFtruncate, describe(fd)))
-    return -1;
-  const uint64_t id = idOfPath(procPath(fd));
-  const int result = real_.ftruncate(fd, length);
-  if (result == 0)
-    truncated(id, length);
-  return result;
+  return real_.ftruncate(fd, length);
 }
 
 int FaultFileSystem::truncate(const char* path, off_t length) {
