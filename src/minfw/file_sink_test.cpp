@@ -1,21 +1,25 @@
 // File sink: rotation of the ten generations, the size limit, the fallback for a path that cannot
-// be opened, and whole lines from many threads through the logger.
+// be opened, and whole lines from many threads through the logger. KelTrace against a recording
+// fake of tracing::Channel, which replaces the platform channel at link time (this test does not
+// link platform_tracing), so the sink's own code is what runs.
 
 #include "minfw/file_sink.h"
+#include "minfw/keltrace_sink.h"
 #include "minfw/testing/temp_dir.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
+#include <future>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +28,78 @@
 #include <gtest/gtest.h>
 
 #include "minfw/log.h"
+#include "minfw/str.h"
+
+namespace {
+
+// Everything the fake channels did, one text per event. Its mutex is taken inside the sink's,
+// never the other way round. A record whose text contains "block" holds its writer inside the
+// channel (and so inside the sink's mutex) until `release` is set, or a bound.
+class Recorder {
+ public:
+  void add(const std::string& event) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      events_.push_back(event);
+    }
+    if (event.find("block") != std::string::npos)
+      release.get_future().wait_for(std::chrono::seconds(20));
+  }
+  std::vector<std::string> events() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+  }
+  std::size_t count(const std::string& text) {
+    std::size_t n = 0;
+    for (const std::string& e : events())
+      n += e.find(text) != std::string::npos ? 1 : 0;
+    return n;
+  }
+
+  std::promise<void> release;
+
+ private:
+  std::mutex mutex_;  // guards events_
+  std::vector<std::string> events_;
+};
+
+std::unique_ptr<Recorder> gRecorder = std::make_unique<Recorder>();
+
+Recorder& recorder() {
+  return *gRecorder;
+}
+
+}  // namespace
+
+// The fake platform channel.
+namespace tracing {
+
+using kel::vxp3::minfw::cat;
+
+Channel::Channel(const std::string& name, int16_t defaultLevel, int32_t option)
+    : name_(name), option_(option), context_(nullptr), filterLevel_(defaultLevel) {
+  recorder().add(cat("new ", name_, " ", defaultLevel, " ", option));
+}
+
+Channel::~Channel() {
+  recorder().add("delete " + name_);
+}
+
+void Channel::setFilterLevel(int16_t level) {
+  filterLevel_ = level;
+}
+
+void Channel::enable() {
+  enabled_ = true;
+}
+
+bool Channel::log(int16_t level, const std::string& text) {
+  recorder().add(cat("log ", name_, " ", level, " ", filterLevel_.load(),
+                     enabled_ ? " on [" : " off [", text, "]"));
+  return true;
+}
+
+}  // namespace tracing
 
 namespace kel::vxp3::minfw {
 namespace {
@@ -32,35 +108,6 @@ namespace fs = std::filesystem;
 using kel::vxp3::minfw::testing::readFile;
 using kel::vxp3::minfw::testing::TempDir;
 using kel::vxp3::minfw::testing::writeFile;
-
-// Standard error goes to a file while it lives.
-class StderrCapture {
- public:
-  explicit StderrCapture(std::string path) : path_(std::move(path)) {
-    std::fflush(stderr);
-    saved_ = dup(2);
-    const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(fd, 2);
-    close(fd);
-  }
-  ~StderrCapture() { restore(); }
-  std::string text() {
-    restore();
-    return readFile(path_);
-  }
-
- private:
-  void restore() {
-    if (saved_ < 0)
-      return;
-    std::fflush(stderr);
-    dup2(saved_, 2);
-    close(saved_);
-    saved_ = -1;
-  }
-  std::string path_;
-  int saved_ = -1;
-};
 
 // The console line of a record, its time text aside.
 std::string lineTail(const std::string& name, const std::string& location,
@@ -73,19 +120,17 @@ std::string lineTail(const std::string& name, const std::string& location,
 
 TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
   struct Row {
-    std::vector<int> present;  // generations on disk before the first write (0 = the bare file)
-    std::map<int, int> after;  // generation -> which old generation it holds afterwards
+    const char* present;  // generations on disk before the first write: 0 the bare file, A .10
+    const char* after;    // which old generation .01 ... .10 hold afterwards ('.': none)
     const char* proves;
   };
   const Row rows[] = {
-      {{}, {}, "no file: nothing to shift"},
-      {{0}, {{1, 0}}, "the previous run's log becomes .01"},
-      {{0, 1, 2}, {{1, 0}, {2, 1}, {3, 2}}, "every generation moves up by one"},
-      {{0, 3}, {{1, 0}, {4, 3}}, "a gap is kept as a gap"},
-      {{1, 2}, {{1, 1}, {2, 2}}, "without a bare file nothing moves"},
-      {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10},
-       {{1, 0}, {2, 1}, {3, 2}, {4, 3}, {5, 4}, {6, 5}, {7, 6}, {8, 7}, {9, 8}, {10, 9}},
-       "with all ten present, the old .10 is lost"},
+      {"", "..........", "no file: nothing to shift"},
+      {"0", "0.........", "the previous run's log becomes .01"},
+      {"012", "012.......", "every generation moves up by one"},
+      {"03", "0..3......", "a gap is kept as a gap"},
+      {"12", "12........", "without a bare file nothing moves"},
+      {"0123456789A", "0123456789", "with all ten present, the old .10 is lost"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -96,25 +141,21 @@ TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
       std::snprintf(suffix, sizeof(suffix), ".%02d", i);
       return i == 0 ? path : path + suffix;
     };
-    for (int i : row.present)
-      writeFile(generation(i), "generation " + std::to_string(i) + "\n");
+    auto content = [](char g) { return std::string("generation ") + g + "\n"; };
+    for (const char* g = row.present; *g != '\0'; ++g)
+      writeFile(generation(*g == 'A' ? 10 : *g - '0'), content(*g));
 
     File sink(dir.file(""));
     sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "fresh", 2);
     EXPECT_EQ(sink.path(), path);
-
     const std::string fresh = readFile(path);
     EXPECT_THAT(fresh, ::testing::EndsWith(lineTail("Orvane", "main(1)", "fresh")));
     EXPECT_EQ(std::count(fresh.begin(), fresh.end(), '\n'), 1) << "a fresh file";
-    for (int i = 1; i <= File::kGenerations; ++i) {
-      const auto held = row.after.find(i);
-      if (held == row.after.end()) {
-        EXPECT_FALSE(fs::exists(generation(i))) << generation(i);
-      } else {
-        EXPECT_EQ(readFile(generation(i)), "generation " + std::to_string(held->second) + "\n");
-      }
+    for (int i = 1; i <= File::kGenerations + 1; ++i) {
+      const char held = i <= File::kGenerations ? row.after[i - 1] : '.';
+      EXPECT_EQ(readFile(generation(i)), held == '.' ? "" : content(held)) << generation(i);
+      EXPECT_EQ(fs::exists(generation(i)), held != '.') << generation(i);
     }
-    EXPECT_FALSE(fs::exists(generation(11))) << "no eleventh generation";
   }
 }
 
@@ -142,7 +183,7 @@ TEST(FileSinkRotation, CrossingTheLimitRotatesBeforeTheNextLine) {
   EXPECT_EQ(std::count(fresh.begin(), fresh.end(), '\n'), 1);
 }
 
-TEST(FileSink, ANewNameOpensItsOwnFile) {
+TEST(FileSink, NamesDirectoriesAndAnUnopenablePath) {
   TempDir dir;
   File sink(dir.file(""));
   sink.write("LUM", "First", "GLOBAL", "main(1)", "one", 2);
@@ -150,32 +191,27 @@ TEST(FileSink, ANewNameOpensItsOwnFile) {
   EXPECT_THAT(readFile(dir.file("") + "First.log"),
               ::testing::EndsWith(lineTail("First", "main(1)", "one")));
   EXPECT_THAT(readFile(dir.file("") + "Second.log"), ::testing::StartsWith("\033[36m["))
-      << "the warn colour, escapes kept in the file";
+      << "a new name opens its own file; the warn colour, escapes kept in the file";
   EXPECT_EQ(sink.path(), dir.file("") + "Second.log");
-}
 
-TEST(FileSink, DefaultDirectoryIsTmp) {
   const std::string name = "orvane-file-sink-test-" + std::to_string(getpid());
-  const std::string path = "/tmp/" + name + ".log";
   {
-    File sink;
-    sink.write("LUM", name, "GLOBAL", "main(1)", "in tmp", 2);
-    EXPECT_EQ(sink.path(), path);
+    File tmp;
+    tmp.write("LUM", name, "GLOBAL", "main(1)", "in tmp", 2);
+    EXPECT_EQ(tmp.path(), "/tmp/" + name + ".log") << "the default directory";
   }
-  EXPECT_THAT(readFile(path), ::testing::EndsWith(lineTail(name, "main(1)", "in tmp")));
-  std::remove(path.c_str());
-}
+  EXPECT_THAT(readFile("/tmp/" + name + ".log"),
+              ::testing::EndsWith(lineTail(name, "main(1)", "in tmp")));
+  std::remove(("/tmp/" + name + ".log").c_str());
 
-TEST(FileSink, UnopenablePathFallsBackToDevNull) {
-  TempDir dir;
   const std::string missing = dir.file("") + "no/such/dir/";
-  StderrCapture err(dir.file("") + "stderr.txt");
+  ::testing::internal::CaptureStderr();
   {
-    File sink(missing);
-    sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "lost", 4);
-    sink.write("LUM", "Orvane", "GLOBAL", "main(2)", "lost too", 4);
+    File lost(missing);
+    lost.write("LUM", "Orvane", "GLOBAL", "main(1)", "lost", 4);
+    lost.write("LUM", "Orvane", "GLOBAL", "main(2)", "lost too", 4);
   }
-  EXPECT_EQ(err.text(),
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "Unable to open the file [" + missing + "Orvane.log]: No such file or directory (2)\n")
       << "reported once, then written to /dev/null";
   EXPECT_FALSE(fs::exists(missing));
@@ -216,6 +252,93 @@ TEST(FileSinkThroughLogger, ConcurrentWritersNeverInterleaveLines) {
     ++count;
   }
   EXPECT_EQ(count, kThreads * kRecords);
+}
+
+class KelTraceTest : public ::testing::Test {
+ protected:
+  void SetUp() override { gRecorder = std::make_unique<Recorder>(); }
+};
+
+TEST_F(KelTraceTest, RecordsGoToTheChannelOfTheirName) {
+  {
+    KelTrace sink;
+    sink.write("LUM", "Orvane", "GLOBAL", " orv::Logic::seqStart(120)", "started", 2);
+    sink.write("LUM", "Orvane", "pers", "main(67)", "", 0);
+    sink.write("LUM", "Orvane", "GLOBAL", "f(1)", "again", 6);
+    sink.write("", "", "", "h(3)", "bare", 4);
+  }
+  // One channel per name "traceApp_name_tag" (default level 7, option 2), filter level 0 and
+  // enabled before its first record; the text is "location: message", the level unchanged.
+  std::vector<std::string> events = recorder().events();
+  ASSERT_EQ(events.size(), 10u);
+  events.resize(7);
+  EXPECT_EQ(events, (std::vector<std::string>{
+                        "new LUM_Orvane_GLOBAL 7 2",
+                        "log LUM_Orvane_GLOBAL 2 0 on [ orv::Logic::seqStart(120): started]",
+                        "new LUM_Orvane_pers 7 2", "log LUM_Orvane_pers 0 0 on [main(67): ]",
+                        "log LUM_Orvane_GLOBAL 6 0 on [f(1): again]", "new __ 7 2",
+                        "log __ 4 0 on [h(3): bare]"}));
+  EXPECT_EQ(recorder().count("delete "), 3u) << "destruction deletes every channel";
+}
+
+TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
+  std::optional<KelTrace> sink;
+  sink.emplace();
+  KelTrace* raw = &*sink;  // the threads never touch the optional itself
+  std::thread writer([raw] {
+    pthread_setname_np(pthread_self(), "kt-writer");
+    raw->write("LUM", "Orvane", "GLOBAL", "f(1)", "block here", 2);
+  });
+  for (int i = 0; i < 20000 && recorder().count("block") == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  // This thread destroys the sink while the record is inside the channel. Once the destruction
+  // has begun, a late writer (at exit, a thread still logging) gets its records dropped at
+  // once, then lets the record in flight finish.
+  std::thread late([raw] {
+    pthread_setname_np(pthread_self(), "kt-late");
+    for (int i = 0; i < 20000 && raw->enabled(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    raw->write("LUM", "Orvane", "GLOBAL", "f(2)", "late, known channel", 2);
+    raw->write("LUM", "Orvane", "other", "f(3)", "late, new channel", 2);
+    recorder().release.set_value();
+  });
+  sink.reset();
+  writer.join();
+  late.join();
+
+  // No late record, no channel made after destruction began; the channel outlived the record
+  // in flight.
+  EXPECT_EQ(recorder().events(),
+            (std::vector<std::string>{"new LUM_Orvane_GLOBAL 7 2",
+                                      "log LUM_Orvane_GLOBAL 2 0 on [f(1): block here]",
+                                      "delete LUM_Orvane_GLOBAL"}));
+}
+
+TEST_F(KelTraceTest, ConcurrentWritersAndDestructionAreRaceFree) {
+  constexpr int kThreads = 6;
+  constexpr int kRecords = 300;
+  auto sink = std::make_shared<KelTrace>();
+  std::vector<std::thread> writers;
+  std::atomic<int> started{0};
+  for (int t = 0; t < kThreads; ++t) {
+    writers.emplace_back([&, t] {
+      pthread_setname_np(pthread_self(), "kt-writer");
+      std::shared_ptr<KelTrace> own = sink;  // the logger's record in flight holds the sink
+      ++started;
+      for (int i = 0; i < kRecords; ++i)
+        own->write("LUM", "Orvane", "tag" + std::to_string((t + i) % 4), "f(1)", std::to_string(i),
+                   2);
+    });
+  }
+  for (int i = 0; i < 20000 && started.load() < kThreads; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  sink.reset();  // the last writer to finish destroys the sink
+  for (std::thread& w : writers)
+    w.join();
+
+  EXPECT_EQ(recorder().count("log "), static_cast<std::size_t>(kThreads * kRecords));
+  EXPECT_EQ(recorder().count("new "), 4u) << "concurrent first records of a name";
+  EXPECT_EQ(recorder().count("delete "), 4u);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "minfw/file_with_backup.h"
+#include "minfw/smart_file_handle.h"
 #include "minfw/testing/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -7,15 +8,12 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "minfw/file_system.h"
+#include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/fault_file_system.h"
 #include "minfw/testing/simulated_clock.h"
@@ -32,10 +30,13 @@ using testing::writeFile;
 using Op = FaultFileSystem::Op;
 using Names = FaultFileSystem::NameDurability;
 using std::chrono::milliseconds;
+
 bool exists(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0;
-}  // A record whose every byte depends on its seed and position, so any tear or mix shows.
+}
+
+// A record whose every byte depends on its seed and position, so any tear or mix shows.
 std::string record(char seed, std::size_t size) {
   std::string text;
   for (std::size_t i = 0; i < size; ++i)
@@ -50,13 +51,22 @@ std::optional<std::string> readBack(const std::string& path) {
   return data;
 }
 
+// Every test runs in virtual time; fs_ is for handles given a file system of their own.
 class FileWithBackupTest : public ::testing::Test {
  protected:
   SimulatedClock clock_{SimulatedClock::Mode::kAutoAdvance};
   ScopedClock scopedClock_{clock_};
+  FaultFileSystem fs_;
   ScopedLogCapture log_;
   TempDir dir_;
 };
+using SmartFileHandleTest = FileWithBackupTest;
+
+constexpr uint32_t kAlways = FaultFileSystem::kAlways;
+
+std::vector<Clock::Duration> pauses(std::size_t count, int ms) {
+  return std::vector<Clock::Duration>(count, milliseconds(ms));
+}
 
 // Power cut at every call of a write, under both durability models, with and without an earlier
 // record, with the new record longer and shorter than the old one. After the reboot the record
@@ -160,80 +170,28 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
   struct Row {
     const char* proves;
     Op op;
-    uint32_t nth;
     int error;
     uint32_t times;
-    bool written;  // Write's result, and whether the target holds the new data
-    std::vector<milliseconds> sleeps;
-    std::vector<std::string> messages;
+    bool written;        // Write's result, and whether the target holds the new data
+    std::size_t pauses;  // of 1000 ms each
+    std::string message;
   };
-  const milliseconds second(1000);
   const std::vector<Row> rows = {
-      {"a write failing twice then succeeding pauses exactly twice 1000 ms",
-       Op::kWrite,
-       1,
-       EIO,
-       2,
-       true,
-       {second, second},
-       {"try [2], errno[5]"}},
-      {"three failed writes give up and keep the old record",
-       Op::kWrite,
-       1,
-       EIO,
-       FaultFileSystem::kAlways,
-       false,
-       {second, second},
-       {"After [3] we give up!", "Unable to write persist file ["}},
-      {"three failed opens give up",
-       Op::kOpen,
-       1,
-       EACCES,
-       FaultFileSystem::kAlways,
-       false,
-       {second, second},
-       {"After [3] we give up!", "Unable to open ["}},
-      {"a failing fsync fails the write", Op::kFsync, 1, EIO, 1, false, {}, {"fsync error ["}},
-      {"a failing chmod is logged and tolerated",
-       Op::kChmod,
-       1,
-       EPERM,
-       1,
-       true,
-       {},
-       {"tarCreateDir: Chmod error for [", "], permissions=[0644] :"}},
-      {"a failing chown (unprivileged process) is logged and tolerated",
-       Op::kChown,
-       1,
-       EPERM,
-       1,
-       true,
-       {},
-       {"tarCreateDir: Chown error for [", "], owner=[", "], group=[", "] :"}},
-      {"a failing rename fails the write",
-       Op::kRename,
-       1,
-       EXDEV,
-       1,
-       false,
-       {},
-       {"Unable to rename ["}},
-      {"a failing directory sync is logged, the data is already in place",
-       Op::kFsyncDir,
-       1,
-       EIO,
-       1,
-       true,
-       {},
-       {"Unable to sync directory ["}},
-      {"a directory that cannot be opened for syncing is logged too",
-       Op::kOpenDir,
-       1,
-       EMFILE,
-       1,
-       true,
-       {},
-       {"Unable to sync directory ["}},
+      {"a write failing twice then succeeding pauses exactly twice", Op::kWrite, EIO, 2, true, 2,
+       "try [2], errno[5]"},
+      {"three failed writes give up and keep the old record", Op::kWrite, EIO, kAlways, false, 2,
+       "Unable to write persist file ["},
+      {"three failed opens give up", Op::kOpen, EACCES, kAlways, false, 2, "Unable to open ["},
+      {"a failing fsync fails the write", Op::kFsync, EIO, 1, false, 0, "fsync error ["},
+      {"a failing chmod is logged and tolerated", Op::kChmod, EPERM, 1, true, 0,
+       "], permissions=[0644] :"},
+      {"a failing chown (unprivileged process) is logged and tolerated", Op::kChown, EPERM, 1, true,
+       0, cat("], owner=[", getuid(), "], group=[", getgid(), "] :")},
+      {"a failing rename fails the write", Op::kRename, EXDEV, 1, false, 0, "Unable to rename ["},
+      {"a failing directory sync is logged, the data is already in place", Op::kFsyncDir, EIO, 1,
+       true, 0, "Unable to sync directory ["},
+      {"a directory that cannot be opened for syncing is logged too", Op::kOpenDir, EMFILE, 1, true,
+       0, "Unable to sync directory ["},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -245,53 +203,49 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
     FaultFileSystem fs;
-    fs.failCall(row.op, row.nth, row.error, row.times);
+    fs.failCall(row.op, 1, row.error, row.times);
     ScopedFileSystem scoped(fs);
     log_->clear();
 
     EXPECT_EQ(FileWithBackup::Write(path, newRecord, getuid(), getgid(), 0644), row.written);
     EXPECT_EQ(readFile(path), row.written ? newRecord : oldRecord);
-    const std::vector<Clock::Duration> expected(row.sleeps.begin(), row.sleeps.end());
-    EXPECT_EQ(clock.sleeps(), expected);
-    for (const std::string& message : row.messages) {
-      EXPECT_TRUE(log_->contains(message)) << message;
+    EXPECT_EQ(clock.sleeps(), std::vector<Clock::Duration>(row.pauses, milliseconds(1000)));
+    EXPECT_TRUE(log_->contains(row.message)) << row.message;
+    if (row.times == kAlways) {
+      EXPECT_TRUE(log_->contains("After [3] we give up!"));
     }
   }
 }
 
-TEST_F(FileWithBackupTest, ShortWritesStillStoreTheWholeRecord) {
+TEST_F(FileWithBackupTest, ShortWritesStoreTheWholeRecordWithModeAndOwner) {
   const std::string path = dir_.file("short.json");
   const std::string data = record('s', 5000);
   FaultFileSystem fs;
   fs.shortWrite(1, 1);
   fs.shortWrite(2, 4095);
-  ScopedFileSystem scoped(fs);
-  EXPECT_TRUE(FileWithBackup::Write(path, data, getuid(), getgid(), 0644));
+  {
+    ScopedFileSystem scoped(fs);
+    EXPECT_TRUE(FileWithBackup::Write(path, data, getuid(), getgid(), 0640));
+  }
   EXPECT_EQ(readFile(path), data);
   EXPECT_EQ(fs.calls(Op::kWrite), 3u);
   EXPECT_TRUE(clock_.sleeps().empty());
-}
-
-TEST_F(FileWithBackupTest, FailedWriteLeavesNoTornSiblingForTheFirstRecord) {
-  const std::string path = dir_.file("first.json");
-  FaultFileSystem fs;
-  fs.shortWrite(1, 10);
-  fs.failCall(Op::kWrite, 2, EIO, FaultFileSystem::kAlways);
-  {
-    ScopedFileSystem scoped(fs);
-    EXPECT_FALSE(FileWithBackup::Write(path, record('n', 100), getuid(), getgid(), 0644));
-  }
-  EXPECT_EQ(readBack(path), std::nullopt);
-}
-
-TEST_F(FileWithBackupTest, WriteSetsModeAndOwnerAndRemovesTheSibling) {
-  const std::string path = dir_.file("mode.json");
-  ASSERT_TRUE(FileWithBackup::Write(path, "{}", getuid(), getgid(), 0640));
   struct stat status {};
   ASSERT_EQ(::stat(path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0640u);
   EXPECT_EQ(status.st_uid, getuid());
   EXPECT_FALSE(exists(path + ".new"));
+
+  // A first record that fails after a short write leaves no torn sibling to be read back.
+  const std::string first = dir_.file("first.json");
+  FaultFileSystem failing;
+  failing.shortWrite(1, 10);
+  failing.failCall(Op::kWrite, 2, EIO, kAlways);
+  {
+    ScopedFileSystem scoped(failing);
+    EXPECT_FALSE(FileWithBackup::Write(first, record('n', 100), getuid(), getgid(), 0644));
+  }
+  EXPECT_EQ(readBack(first), std::nullopt);
 }
 
 TEST_F(FileWithBackupTest, ReadFallsBackToTheSibling) {
@@ -316,54 +270,50 @@ TEST_F(FileWithBackupTest, ReadFallsBackToTheSibling) {
       writeFile(path, *row.target);
     if (row.sibling)
       writeFile(path + ".new", *row.sibling);
+    log_->clear();
     EXPECT_EQ(readBack(path), row.result);
     // Read never repairs: the sibling stays for the next Write to replace.
     EXPECT_EQ(exists(path + ".new"), row.sibling.has_value());
+    if (!row.result) {
+      testing::LogRecord warning;
+      ASSERT_TRUE(log_->find("Unable to find neither [", &warning));
+      EXPECT_EQ(warning.message, "Unable to find neither [" + path + "], nor [" + path + ".new]");
+      EXPECT_EQ(warning.level, kWarn);
+      EXPECT_EQ(warning.tag, "pers");
+    }
   }
 }
 
-TEST_F(FileWithBackupTest, ReadOfNothingWarnsWithBothNames) {
-  const std::string path = dir_.file("none.json");
-  EXPECT_EQ(readBack(path), std::nullopt);
-  testing::LogRecord warning;
-  ASSERT_TRUE(log_->find("Unable to find neither [", &warning));
-  EXPECT_EQ(warning.message, "Unable to find neither [" + path + "], nor [" + path + ".new]");
-  EXPECT_EQ(warning.level, kWarn);
-  EXPECT_EQ(warning.tag, "pers");
-}
-
-TEST_F(FileWithBackupTest, DirectoriesFailAtOnceWithoutPauses) {
+TEST_F(FileWithBackupTest, DirectoriesAndFifosFailAtOnceWithoutPauses) {
   struct Row {
     const char* proves;
     bool write;
-    bool siblingIsDirectory;  // else the target is
+    std::string special;  // the path made a directory, or a FIFO when it ends in "fifo"
+    const char* message;
   };
   const std::vector<Row> rows = {
-      {"writing over a directory", true, false},
-      {"writing when the sibling is a directory", true, true},
-      {"reading a directory", false, false},
+      {"writing over a directory", true, "d", "Trying to open a directory!"},
+      {"writing when the sibling is a directory", true, "d.new", "Trying to open a directory!"},
+      {"reading a directory", false, "d", "Trying to open a directory!"},
+      {"reading a FIFO does not block", false, "fifo", "not a regular file"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
-    const std::string path = dir.file("d");
-    ASSERT_EQ(::mkdir((row.siblingIsDirectory ? path + ".new" : path).c_str(), 0755), 0);
+    const std::string path = dir.file(row.special == "fifo" ? "fifo" : "d");
+    const std::string special = dir.file(row.special);
+    ASSERT_EQ(
+        row.special == "fifo" ? ::mkfifo(special.c_str(), 0644) : ::mkdir(special.c_str(), 0755),
+        0);
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
     log_->clear();
     std::string data;
     EXPECT_FALSE(row.write ? FileWithBackup::Write(path, "x", getuid(), getgid(), 0644)
                            : FileWithBackup::Read(path, data));
-    EXPECT_TRUE(log_->contains("Trying to open a directory!"));
+    EXPECT_TRUE(log_->contains(row.message));
     EXPECT_TRUE(clock.sleeps().empty());
   }
-}
-
-TEST_F(FileWithBackupTest, ReadOfAFifoFailsInsteadOfBlocking) {
-  const std::string path = dir_.file("fifo");
-  ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);
-  EXPECT_EQ(readBack(path), std::nullopt);
-  EXPECT_TRUE(log_->contains("not a regular file"));
 }
 
 TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {
@@ -375,10 +325,151 @@ TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {
   EXPECT_EQ(readBack(path), "content");
   EXPECT_EQ(clock_.sleeps(), std::vector<Clock::Duration>(2, milliseconds(2000)));
 
-  fs.failCall(Op::kPread, 3, EIO, FaultFileSystem::kAlways);
+  fs.failCall(Op::kPread, 3, EIO, kAlways);
   EXPECT_EQ(readBack(path), std::nullopt);
   EXPECT_TRUE(log_->contains("After [3] we give up!"));
   EXPECT_TRUE(log_->contains("Unable to read [" + path + "]"));
+}
+
+TEST_F(SmartFileHandleTest, OpenRetriesUntilSuccessOrGivesUp) {
+  struct Row {
+    const char* proves;
+    int error;
+    uint32_t failures;
+    int32_t pauseMs;
+    bool opens;
+    std::size_t sleeps;
+    const char* message;
+  };
+  const std::vector<Row> rows = {
+      {"the pause between tries is configurable", EIO, 2, 250, true, 2, "try [2], errno[5]"},
+      {"a pause of 0 does not sleep at all", EIO, 4, 0, true, 0, "try [4], errno[5]"},
+      {"five failures give up without a sixth try or a trailing pause", EACCES, kAlways, 1000,
+       false, 4, "try [5], errno[13]"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    FaultFileSystem fs;
+    fs.failCall(Op::kOpen, 1, row.error, row.failures);
+    SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
+    ScopedClock scopedClock(clock);
+    log_->clear();
+    SmartFileHandle handle(fs);
+    handle.setPause(row.pauseMs);
+    EXPECT_EQ(handle.Open(dir_.file("a"), O_WRONLY | O_CREAT, 0644), row.opens);
+    EXPECT_EQ(handle.isOpen(), row.opens);
+    EXPECT_EQ(clock.sleeps(), pauses(row.sleeps, row.pauseMs));
+    EXPECT_TRUE(log_->contains(row.message)) << row.message;
+    EXPECT_EQ(log_->contains("After [5] we give up!"), row.error == EACCES);
+    EXPECT_FALSE(log_->contains("try [6]"));
+  }
+}
+
+TEST_F(SmartFileHandleTest, WriteSurvivesShortAndFailedWrites) {
+  const std::string data = "0123456789abcdefghijklmnopqrstuvwxyz";
+  struct Row {
+    const char* proves;
+    Op op;
+    uint32_t nth;
+    int error;
+    uint32_t failures;
+    std::size_t firstWriteMax;  // bytes the first write call writes at most
+    bool reopenFails;
+    bool written;
+    std::size_t sleeps;
+    std::string message;
+    std::string also;
+  };
+  const std::size_t whole = data.size();
+  const std::vector<Row> rows = {
+      {"short writes continue with the rest, without pauses", Op::kWrite, 1, 0, 0, 5, false, true,
+       0, "Write [5] bytes, errno[", "] out of [36]"},
+      {"a failure after a short write resumes behind the bytes already written", Op::kWrite, 2,
+       EINTR, 1, 10, false, true, 1, "Write [10] bytes", "try [1], errno[4]"},
+      {"a re-open that fails uses up a try and is reported", Op::kWrite, 1, EIO, 1, whole, true,
+       true, 2, "Cannot re-open [", "try [2], errno[9]"},
+      {"a write returning 0 cannot spin for ever", Op::kWrite, 1, 0, 0, 0, false, true, 1,
+       "try [1], errno[0]", ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.proves);
+    FaultFileSystem fs;
+    fs.failCall(row.op, row.nth, row.error, row.failures);
+    fs.shortWrite(1, row.firstWriteMax);
+    if (row.reopenFails)
+      fs.failCall(Op::kOpen, 2, ENOENT);
+    SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
+    ScopedClock scopedClock(clock);
+    log_->clear();
+    const std::string path = dir_.file("w");
+    writeFile(path, "stale content that is longer than the new data, to be truncated away");
+    SmartFileHandle handle(fs);
+    ASSERT_TRUE(handle.Open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    EXPECT_EQ(handle.Write(data.data(), data.size(), 0), row.written);
+    handle.Close();
+    EXPECT_EQ(clock.sleeps(), pauses(row.sleeps, 1000));
+    if (row.written) {
+      EXPECT_EQ(readFile(path), data);
+    }
+    EXPECT_TRUE(log_->contains(row.message)) << row.message;
+    EXPECT_TRUE(log_->contains(row.also)) << row.also;
+  }
+}
+
+// One handle through writes at an offset, reads, truncation, size and advice, each with a fault.
+TEST_F(SmartFileHandleTest, OperationsOnAnOpenFileRetryAndReport) {
+  const std::string path = dir_.file("f");
+  SmartFileHandle handle(fs_);
+  handle.setReadTries(3);
+  handle.setPause(2000);
+  ASSERT_TRUE(handle.Open(path, O_RDWR | O_CREAT | O_TRUNC, 0644));
+  ASSERT_TRUE(handle.Write("hello world", 11, 0));
+  fs_.failCall(Op::kWrite, 2, EIO);
+  ASSERT_TRUE(handle.Write("WORLD", 5, 6));
+  EXPECT_EQ(readFile(path), "hello WORLD") << "a re-opened write keeps what is before it";
+  EXPECT_EQ(handle.Size(), 11u);
+  EXPECT_GT(handle.BlockSize(), 0u);
+
+  fs_.failCall(Op::kPread, 1, EIO);
+  std::string buffer(7, '\0');
+  EXPECT_TRUE(handle.Read(buffer.data(), buffer.size(), 4));
+  EXPECT_EQ(buffer, "o WORLD");
+  EXPECT_EQ(clock_.sleeps(), pauses(2, 2000)) << "one pause for the write, one for the read";
+  std::string tooLong(20, '\0');
+  EXPECT_FALSE(handle.Read(tooLong.data(), tooLong.size(), 0));
+  EXPECT_TRUE(log_->contains("end of file after [11] bytes out of [20]"));
+  fs_.failCall(Op::kPread, 3, EIO, kAlways);
+  EXPECT_FALSE(handle.Read(buffer.data(), buffer.size(), 0));
+  EXPECT_TRUE(log_->contains("After [3] we give up!"));
+
+  fs_.failCall(Op::kTruncate, 1, EINTR);
+  EXPECT_TRUE(handle.Truncate(4));
+  EXPECT_EQ(readFile(path), "hell");
+  EXPECT_TRUE(log_->contains("truncate(" + path + ") try [1], errno[4]"));
+  fs_.failCall(Op::kFstat, fs_.calls(Op::kFstat) + 1, EIO, kAlways);
+  EXPECT_EQ(handle.Size(), 0u);
+  EXPECT_TRUE(log_->contains("stat(" + path + ") try [3], errno[5]")) << "the read tries";
+  fs_.failCall(Op::kFadvise, 1, EINVAL);
+  EXPECT_FALSE(handle.posix_fadvise(0, 0, POSIX_FADV_DONTNEED));
+  EXPECT_TRUE(log_->contains("File [" + path + "], posix_fadvise error:"));
+}
+
+TEST_F(SmartFileHandleTest, CreatingOpenSetsTheExactModeReadingLeavesItAlone) {
+  const mode_t previousMask = umask(077);
+  const std::string path = dir_.file("m");
+  struct stat status {};
+  SmartFileHandle handle(fs_);
+  ASSERT_TRUE(handle.Open(path, O_WRONLY | O_CREAT, 0664));
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0664u);  // not masked to 0600
+  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+  ASSERT_TRUE(handle.Open(path, O_RDONLY, 0666));
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
+  fs_.failCall(Op::kFchmodat, fs_.calls(Op::kFchmodat) + 1, EPERM);
+  EXPECT_TRUE(handle.Open(path, O_WRONLY | O_CREAT, 0600));
+  EXPECT_TRUE(log_->contains("fchmodat(" + path + ") : errno[1]"));
+  umask(previousMask);
 }
 
 }  // namespace

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
+#include <chrono>
 #include <future>
-#include <mutex>
+#include <memory>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,86 +19,48 @@ namespace {
 
 using testing::ScopedLogCapture;
 using testing::SimulatedClock;
+using namespace std::chrono_literals;
 
-// A latch the test opens to let a blocked task finish.
-class Gate {
- public:
-  void open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  void wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    cv_.wait(lock, [&] { return open_; });
-  }
+// True when `f` becomes ready within a bound, so a lost task fails the test instead of hanging.
+template <typename Future>
+bool ready(const Future& f) {
+  return f.wait_for(20s) == std::future_status::ready;
+}
 
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
-
-TEST(ThreadPoolTest, SingleWorkerRunsTasksInOrderWithoutOverlap) {
+TEST(ThreadPoolTest, SingleWorkerRunsTasksInOrderAndFollowUpsQueueBehind) {
   std::vector<int> order;
   std::atomic<int> running{0};
   std::atomic<bool> overlapped{false};
-  std::promise<void> done;
-  {
-    ThreadPool pool(1);
-    for (int i = 0; i < 200; ++i) {
-      pool.enqueue([&, i] {
-        if (running.fetch_add(1) != 0)
-          overlapped = true;
-        order.push_back(i);  // unsynchronised on purpose: TSan reports any overlap
-        running.fetch_sub(1);
-        if (i == 199)
-          done.set_value();
-      });
-    }
-    done.get_future().wait();
-  }
-  EXPECT_FALSE(overlapped);
-  ASSERT_EQ(order.size(), 200u);
-  for (int i = 0; i < 200; ++i)
-    EXPECT_EQ(order[i], i);
-}
-
-TEST(ThreadPoolTest, TaskEnqueuedFromTaskRunsAfterEverythingQueuedBeforeIt) {
-  std::vector<std::string> order;
-  std::promise<void> done;
-  Gate gate;
-  ThreadPool pool(1);
-  pool.enqueue([&] {
-    gate.wait();
-    order.push_back("first");
-    pool.enqueue([&] {
-      order.push_back("follow-up");
-      done.set_value();
-    });
-    order.push_back("first returns");
-  });
-  pool.enqueue([&] { order.push_back("queued before follow-up"); });
-  gate.open();
-  done.get_future().wait();
-  EXPECT_EQ(order, (std::vector<std::string>{"first", "first returns", "queued before follow-up",
-                                             "follow-up"}));
-}
-
-TEST(ThreadPoolTest, PendingCountsRunningAndQueuedTasks) {
-  ThreadPool pool(1);
-  EXPECT_EQ(pool.pending(), 0u);
-  Gate gate;
+  std::promise<void> gate;
   std::promise<void> started;
+  std::promise<void> done;
+  ThreadPool pool(1);
   pool.enqueue([&] {
     started.set_value();
-    gate.wait();
+    ready(gate.get_future());
+    // Runs after the 200 tasks queued while this one was blocked.
+    pool.enqueue([&] {
+      order.push_back(-1);
+      done.set_value();
+    });
   });
-  started.get_future().wait();
-  pool.enqueue([] {});
-  pool.enqueue([] {});
-  EXPECT_EQ(pool.pending(), 3u);
-  gate.open();
+  ASSERT_TRUE(ready(started.get_future()));
+  for (int i = 0; i < 200; ++i) {
+    pool.enqueue([&, i] {
+      if (running.fetch_add(1) != 0)
+        overlapped = true;
+      order.push_back(i);  // unsynchronised on purpose: TSan reports any overlap
+      running.fetch_sub(1);
+    });
+  }
+  EXPECT_EQ(pool.pending(), 201u) << "the running task and the queued ones";
+  gate.set_value();
+  ASSERT_TRUE(ready(done.get_future()));
+  EXPECT_FALSE(overlapped);
+  ASSERT_EQ(order.size(), 201u);
+  for (int i = 0; i < 200; ++i)
+    EXPECT_EQ(order[i], i);
+  EXPECT_EQ(order.back(), -1);
 }
 
 TEST(ThreadPoolTest, DrainWaitsInHalfSecondStepsAndLogsTheCount) {
@@ -104,62 +68,53 @@ TEST(ThreadPoolTest, DrainWaitsInHalfSecondStepsAndLogsTheCount) {
   ScopedClock scopedClock(clock);
   ScopedLogCapture log;
   ThreadPool pool(1);
-  Gate gate;
+  pool.drain();
+  EXPECT_TRUE(log->messages().empty()) << "an idle pool drains silently";
+
+  std::promise<void> gate;
   std::promise<void> started;
   pool.enqueue([&] {
     started.set_value();
-    gate.wait();
+    ready(gate.get_future());
   });
-  started.get_future().wait();
-
+  ASSERT_TRUE(ready(started.get_future()));
   std::thread drainer([&] { pool.drain(); });
   ASSERT_TRUE(clock.waitForSleepers(1));
-  clock.advance(std::chrono::milliseconds(500));  // task still running: one more round
+  clock.advance(500ms);  // task still running: one more round
   ASSERT_TRUE(clock.waitForSleepers(1));
-  gate.open();
-  while (pool.pending() != 0)
-    std::this_thread::yield();
-  clock.advance(std::chrono::milliseconds(500));
+  gate.set_value();
+  for (int i = 0; i < 20000 && pool.pending() != 0; ++i)
+    std::this_thread::sleep_for(1ms);
+  clock.advance(500ms);
   drainer.join();
 
   EXPECT_EQ(log->messages(),
             (std::vector<std::string>{"Waiting on threadPool, size=1", "threadPool, size=1",
                                       "threadPool, size=0", "Waiting on threadPool done"}));
-  for (auto d : clock.sleeps())
-    EXPECT_EQ(d, std::chrono::milliseconds(500));
-}
-
-TEST(ThreadPoolTest, DrainOfIdlePoolLogsNothing) {
-  ScopedLogCapture log;
-  ThreadPool pool(1);
-  pool.drain();
-  EXPECT_TRUE(log->messages().empty());
+  EXPECT_EQ(clock.sleeps(), std::vector<Clock::Duration>(2, 500ms));
 }
 
 TEST(ThreadPoolTest, DestructionWaitsForRunningTaskAndDropsQueuedOnes) {
   std::atomic<bool> firstFinished{false};
   std::atomic<int> laterRan{0};
-  Gate gate;
+  std::promise<void> gate;
   std::promise<void> started;
-  std::thread destroyer;
-  {
-    auto pool = std::make_unique<ThreadPool>(1);
-    pool->enqueue([&] {
-      started.set_value();
-      gate.wait();
-      firstFinished = true;
-    });
-    for (int i = 0; i < 5; ++i)
-      pool->enqueue([&] { ++laterRan; });
-    started.get_future().wait();
-    ThreadPool* raw = pool.get();
-    destroyer = std::thread([p = std::move(pool)]() mutable { p.reset(); });
-    // The pool cannot be gone before the gate opens: its destructor joins the blocked task.
-    while (!raw->stopping())
-      std::this_thread::yield();
-    gate.open();
-    destroyer.join();
-  }
+  auto pool = std::make_unique<ThreadPool>(1);
+  pool->enqueue([&] {
+    started.set_value();
+    ready(gate.get_future());
+    firstFinished = true;
+  });
+  for (int i = 0; i < 5; ++i)
+    pool->enqueue([&] { ++laterRan; });
+  ASSERT_TRUE(ready(started.get_future()));
+  ThreadPool* raw = pool.get();
+  std::thread destroyer([p = std::move(pool)]() mutable { p.reset(); });
+  // The pool cannot be gone before the gate opens: its destructor joins the blocked task.
+  for (int i = 0; i < 20000 && !raw->stopping(); ++i)
+    std::this_thread::sleep_for(1ms);
+  gate.set_value();
+  destroyer.join();
   EXPECT_TRUE(firstFinished);
   EXPECT_EQ(laterRan, 0);
 }
@@ -170,7 +125,7 @@ TEST(ThreadPoolTest, ThrowingTaskIsLoggedAndWorkerKeepsServing) {
   ThreadPool pool(1);
   pool.enqueue([] { throw std::runtime_error("init:: no signalQueryAlive!"); });
   pool.enqueue([&] { done.set_value(); });
-  done.get_future().wait();
+  ASSERT_TRUE(ready(done.get_future()));
   EXPECT_TRUE(log->contains("init:: no signalQueryAlive!"));
 }
 
@@ -189,8 +144,8 @@ TEST(ThreadPoolTest, ManyProducersEveryTaskRunsOnce) {
     }
     for (auto& t : producers)
       t.join();
-    while (pool.pending() != 0)
-      std::this_thread::yield();
+    for (int i = 0; i < 20000 && pool.pending() != 0; ++i)
+      std::this_thread::sleep_for(1ms);
   }
   EXPECT_EQ(ran, kProducers * kPerProducer);
 }

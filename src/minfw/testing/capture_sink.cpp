@@ -15,25 +15,21 @@ std::vector<LogRecord> CaptureSink::records() const {
 }
 
 std::vector<std::string> CaptureSink::messages() const {
-  std::lock_guard<std::mutex> lock(mutex_);
   std::vector<std::string> out;
-  out.reserve(records_.size());
-  for (const auto& r : records_)
+  for (const auto& r : records())
     out.push_back(r.message);
   return out;
 }
 
 std::size_t CaptureSink::count(const std::string& text) const {
-  std::lock_guard<std::mutex> lock(mutex_);
   std::size_t n = 0;
-  for (const auto& r : records_)
+  for (const auto& r : records())
     n += r.message.find(text) != std::string::npos ? 1 : 0;
   return n;
 }
 
 bool CaptureSink::find(const std::string& text, LogRecord* out) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& r : records_) {
+  for (const auto& r : records()) {
     if (r.message.find(text) != std::string::npos) {
       if (out)
         *out = r;

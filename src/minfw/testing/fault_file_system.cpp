@@ -8,48 +8,14 @@
 #include <cstdio>
 
 #include "minfw/str.h"
+#include "minfw/testing/temp_dir.h"
 
 namespace kel::vxp3::minfw::testing {
 
 namespace {
 
-// Whole content through a descriptor of our own, so the caller's offset stays untouched.
-std::optional<std::string> readAll(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
-    return std::nullopt;
-  std::string data;
-  char buffer[4096];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof(buffer));
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      break;
-    data.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(fd);
-  return data;
-}
-
 std::string procPath(int fd) {
   return cat("/proc/self/fd/", fd);
-}
-
-bool writeFresh(const std::string& path, const std::string& data, mode_t mode) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0)
-    return false;
-  std::size_t done = 0;
-  while (done < data.size()) {
-    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-    if (n <= 0)
-      break;
-    done += static_cast<std::size_t>(n);
-  }
-  ::fchmod(fd, mode);
-  ::close(fd);
-  return done == data.size();
 }
 
 std::string normalDirectory(std::string directory) {
@@ -62,55 +28,16 @@ bool writes(int flags) {
   return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
 }
 
+// Trace names, in the order of FaultFileSystem::Op.
+const char* const kOpNames[] = {
+    "openat",   "openat-dir", "pread", "write", "lseek",         "fsync", "fsync-dir", "close",
+    "fchmodat", "truncate",   "fstat", "stat",  "posix_fadvise", "chmod", "chown",     "rename"};
+
 }  // namespace
 
 FaultFileSystem::FaultFileSystem(NameDurability names) : real_(posixFileSystem()), names_(names) {}
 
 FaultFileSystem::~FaultFileSystem() = default;
-
-const char* FaultFileSystem::name(Op op) {
-  switch (op) {
-    case Op::kOpen:
-      return "openat";
-    case Op::kOpenDir:
-      return "openat-dir";
-    case Op::kRead:
-      return "read";
-    case Op::kPread:
-      return "pread";
-    case Op::kWrite:
-      return "write";
-    case Op::kPwrite:
-      return "pwrite";
-    case Op::kLseek:
-      return "lseek";
-    case Op::kFsync:
-      return "fsync";
-    case Op::kFsyncDir:
-      return "fsync-dir";
-    case Op::kClose:
-      return "close";
-    case Op::kFchmodat:
-      return "fchmodat";
-    case Op::kFtruncate:
-      return "ftruncate";
-    case Op::kTruncate:
-      return "truncate";
-    case Op::kFstat:
-      return "fstat";
-    case Op::kStat:
-      return "stat";
-    case Op::kFadvise:
-      return "posix_fadvise";
-    case Op::kChmod:
-      return "chmod";
-    case Op::kChown:
-      return "chown";
-    case Op::kRename:
-      return "rename";
-  }
-  return "?";
-}
 
 void FaultFileSystem::failCall(Op op, uint32_t nth, int error, uint32_t times) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -156,20 +83,15 @@ std::vector<std::string> FaultFileSystem::trace() const {
 }
 
 std::string FaultFileSystem::describe(int fd) const {
-  const auto file = files_.find(fd);
-  if (file != files_.end())
-    return cat("fd ", fd, " ", file->second);
   const auto dir = directories_.find(fd);
-  if (dir != directories_.end())
-    return cat("fd ", fd, " ", dir->second);
-  return cat("fd ", fd);
+  return dir == directories_.end() ? cat("fd ", fd) : cat("fd ", fd, " ", dir->second);
 }
 
 bool FaultFileSystem::enter(Op op, const std::string& what,
                             const std::function<void()>& beforeCrash) {
   ++steps_;
   const uint32_t nth = ++calls_[op];
-  trace_.push_back(cat(steps_, " ", name(op), " ", what));
+  trace_.push_back(cat(steps_, " ", kOpNames[static_cast<int>(op)], " ", what));
   if (crashed_) {
     errno = EIO;
     return false;
@@ -205,17 +127,7 @@ uint64_t FaultFileSystem::idOfPath(const std::string& path) {
   if (it != idOf_.end())
     return it->second;
   // A file we have not seen change: what is on disk now counts as durable.
-  return newId(status.st_ino, readAll(path).value_or(""));
-}
-
-uint64_t FaultFileSystem::idOfFd(int fd) {
-  struct stat status {};
-  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
-    return 0;
-  const auto it = idOf_.find(status.st_ino);
-  if (it != idOf_.end())
-    return it->second;
-  return newId(status.st_ino, readAll(procPath(fd)).value_or(""));
+  return newId(status.st_ino, readFile(path));
 }
 
 void FaultFileSystem::touchPath(const std::string& path) {
@@ -262,8 +174,10 @@ void FaultFileSystem::powerCutLocked() {
       mode = status.st_mode & 07777;
       ::unlink(path.c_str());
     }
-    if (binding)
-      writeFresh(path, durableData_[*binding], mode);
+    if (binding) {
+      writeFile(path, durableData_[*binding]);
+      ::chmod(path.c_str(), mode);
+    }
   }
 }
 
@@ -285,7 +199,6 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
   if (directory) {
     directories_[fd] = path;
   } else {
-    files_[fd] = path;
     if (modelled && !existed && (flags & O_CREAT) != 0) {
       struct stat status {};
       if (::fstat(fd, &status) == 0) {
@@ -294,7 +207,7 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
           durableNames_[path] = id;
       }
     } else if (modelled && (flags & O_TRUNC) != 0) {
-      truncated(idOfFd(fd), 0);
+      truncated(idOfPath(procPath(fd)), 0);
     }
   }
   errno = savedErrno;
@@ -302,9 +215,6 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
 }
 
 ssize_t FaultFileSystem::read(int fd, void* buffer, std::size_t count) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kRead, describe(fd)))
-    return -1;
   return real_.read(fd, buffer, count);
 }
 
@@ -317,8 +227,7 @@ ssize_t FaultFileSystem::pread(int fd, void* buffer, std::size_t count, off_t of
 
 ssize_t FaultFileSystem::write(int fd, const void* buffer, std::size_t count) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kWrite, describe(fd) + cat(" ", count),
-             [&] { real_.write(fd, buffer, count / 2); }))
+  if (!enter(Op::kWrite, describe(fd), [&] { real_.write(fd, buffer, count / 2); }))
     return -1;
   const auto cut = shortWrites_.find(calls_[Op::kWrite]);
   if (cut != shortWrites_.end() && cut->second < count)
@@ -327,10 +236,6 @@ ssize_t FaultFileSystem::write(int fd, const void* buffer, std::size_t count) {
 }
 
 ssize_t FaultFileSystem::pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kPwrite, describe(fd) + cat(" ", count),
-             [&] { real_.pwrite(fd, buffer, count / 2, offset); }))
-    return -1;
   return real_.pwrite(fd, buffer, count, offset);
 }
 
@@ -353,9 +258,9 @@ int FaultFileSystem::fsync(int fd) {
   if (directory) {
     commitDirectory(dir->second);
   } else {
-    const uint64_t id = idOfFd(fd);
+    const uint64_t id = idOfPath(procPath(fd));
     if (id != 0)
-      durableData_[id] = readAll(procPath(fd)).value_or("");
+      durableData_[id] = readFile(procPath(fd));
   }
   return 0;
 }
@@ -363,7 +268,6 @@ int FaultFileSystem::fsync(int fd) {
 int FaultFileSystem::close(int fd) {
   std::lock_guard<std::mutex> lock(mutex_);
   const std::string what = describe(fd);
-  files_.erase(fd);
   directories_.erase(fd);
   if (!enter(Op::kClose, what)) {
     const int error = errno;
@@ -382,14 +286,7 @@ int FaultFileSystem::fchmodat(int dirfd, const char* path, mode_t mode, int flag
 }
 
 int FaultFileSystem::ftruncate(int fd, off_t length) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kFtruncate, describe(fd)))
-    return -1;
-  const uint64_t id = idOfFd(fd);
-  const int result = real_.ftruncate(fd, length);
-  if (result == 0)
-    truncated(id, length);
-  return result;
+  return real_.ftruncate(fd, length);
 }
 
 int FaultFileSystem::truncate(const char* path, off_t length) {

@@ -18,11 +18,12 @@
 //    on a journalling file system that commits metadata in order; a created file that was never
 //    fsynced then survives empty.
 // A crashing write first writes half of its bytes, so torn data really reaches the file before
-// it is dropped. With kImmediate a truncation (O_TRUNC, truncate, ftruncate) is metadata and
+// it is dropped. With kImmediate a truncation (O_TRUNC, truncate) is metadata and
 // durable at once too, which is how the classic zero-length file after a crash comes about. Only
 // files touched through this object are restored; only paths opened relative to AT_FDCWD are
 // modelled; a directory is matched to its files by the text of their paths (the part before
-// the last "/").
+// the last "/"). read, pwrite and ftruncate, which the crash-safe files do not call, pass
+// straight through, unnumbered.
 //
 // Threading: thread-safe; one mutex guards the fault plan, the counters and the durability
 // model, and is held across each call (tests need order, not speed).
@@ -48,16 +49,13 @@ class FaultFileSystem : public FileSystem {
   enum class Op {
     kOpen,     // openat of a file
     kOpenDir,  // openat with O_DIRECTORY
-    kRead,
     kPread,
     kWrite,
-    kPwrite,
     kLseek,
     kFsync,     // fsync of a file
     kFsyncDir,  // fsync of a descriptor opened with O_DIRECTORY
     kClose,
     kFchmodat,
-    kFtruncate,
     kTruncate,
     kFstat,
     kStat,
@@ -86,10 +84,8 @@ class FaultFileSystem : public FileSystem {
   // Calls made so far (the crashing call included).
   uint64_t steps() const;
   uint32_t calls(Op op) const;
-  // One line per call: "<step> <op> <path>" or "<step> <op> fd <n> <path>".
+  // One line per call: "<step> <op> <path>" or "<step> <op> fd <n>" (a directory's with its path).
   std::vector<std::string> trace() const;
-
-  static const char* name(Op op);
 
   int openat(int dirfd, const char* path, int flags, mode_t mode) override;
   ssize_t read(int fd, void* buffer, std::size_t count) override;
@@ -119,14 +115,13 @@ class FaultFileSystem : public FileSystem {
   // Counts and records the call; false (with errno set) when it fails or the power fails at
   // it, in which case `beforeCrash` runs first. Caller holds mutex_.
   bool enter(Op op, const std::string& what, const std::function<void()>& beforeCrash = {});
-  // "fd <n> <path at open>" for the trace. Caller holds mutex_.
+  // "fd <n>" for the trace, with the path of a directory. Caller holds mutex_.
   std::string describe(int fd) const;
   // Durability model; callers hold mutex_.
   void touchPath(const std::string& path);
-  // The id of the live file `path` or `fd` (one of them is used to snapshot a file first seen);
-  // 0 if it cannot be examined.
+  // The id of the live file `path` (a file first seen is snapshotted); 0 if it cannot be examined.
+  // A descriptor's file is reached through its /proc/self/fd link.
   uint64_t idOfPath(const std::string& path);
-  uint64_t idOfFd(int fd);
   uint64_t newId(ino_t inode, std::string data);
   void commitDirectory(const std::string& directory);
   // A successful truncation of file `id`: durable at once with kImmediate, else dropped.
@@ -143,7 +138,6 @@ class FaultFileSystem : public FileSystem {
   uint64_t steps_ = 0;
   std::map<Op, uint32_t> calls_;
   std::vector<std::string> trace_;
-  std::map<int, std::string> files_;        // open file descriptors -> path at open
   std::map<int, std::string> directories_;  // open directory descriptors -> path
   // Durable state. Files are identified by our own ids, not inode numbers, because a freed
   // inode number is reused by the next creation while the old file may still be the durable

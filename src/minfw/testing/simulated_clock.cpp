@@ -48,16 +48,6 @@ void SimulatedClock::advance(Duration duration) {
   changed_.notify_all();
 }
 
-bool SimulatedClock::advanceToNextDeadline() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (deadlines_.empty())
-    return false;
-  if (*deadlines_.begin() > elapsed_)
-    elapsed_ = *deadlines_.begin();
-  changed_.notify_all();
-  return true;
-}
-
 bool SimulatedClock::waitForSleepers(std::size_t count, std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(mutex_);
   // Only sleepers that have not been woken yet count.
@@ -68,11 +58,6 @@ bool SimulatedClock::waitForSleepers(std::size_t count, std::chrono::millisecond
     return n;
   };
   return changed_.wait_for(lock, timeout, [&] { return pending() >= count; });
-}
-
-std::size_t SimulatedClock::sleepers() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return deadlines_.size();
 }
 
 std::vector<Clock::Duration> SimulatedClock::sleeps() const {

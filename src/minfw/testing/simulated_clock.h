@@ -33,13 +33,10 @@ class SimulatedClock : public Clock {
 
   // Moves virtual time forward and wakes every sleeper whose deadline has passed.
   void advance(Duration duration);
-  // Moves virtual time to the earliest pending deadline; false when nobody sleeps.
-  bool advanceToNextDeadline();
   // Waits in real time, up to `timeout`, until at least `count` threads sleep.
   bool waitForSleepers(std::size_t count,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-  std::size_t sleepers() const;
   std::vector<Duration> sleeps() const;
   Duration totalSlept() const;
   Duration elapsed() const;

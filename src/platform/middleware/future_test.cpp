@@ -85,7 +85,7 @@ TEST(FutureTest, InvalidFutureGivesAnErrorInsteadOfBlocking) {
   EXPECT_EQ(future.get().error(), ErrorCode::kWrongState);
 }
 
-TEST(FutureTest, TimedWaitEndsWhenVirtualTimePassesTheLimit) {
+TEST(FutureTest, TimedWaitEndsAtTheLimitInVirtualTimeOrAtOnceWithTheAnswer) {
   SimulatedClock clock;
   ScopedClock scoped(clock);
   Promise<int> promise;
@@ -97,7 +97,7 @@ TEST(FutureTest, TimedWaitEndsWhenVirtualTimePassesTheLimit) {
     done = true;
   });
   // The waiter may read the clock only after the first step; keep stepping until it gives up.
-  while (!done) {
+  for (int i = 0; i < 100000 && !done; ++i) {
     clock.advance(std::chrono::milliseconds(600));
     std::this_thread::yield();
   }
@@ -106,17 +106,13 @@ TEST(FutureTest, TimedWaitEndsWhenVirtualTimePassesTheLimit) {
   // A late answer still lands in the future; whoever gave up simply does not read it.
   promise.set_value(5);
   EXPECT_EQ(future.get().value(), 5);
-}
 
-TEST(FutureTest, TimedWaitReturnsAtOnceWhenTheAnswerArrivesBeforeTheLimit) {
-  SimulatedClock clock;
-  ScopedClock scoped(clock);
-  Promise<int> promise;
-  Future<int> future = promise.get_future();
-  std::thread answer([&] { promise.set_value(3); });
-  EXPECT_EQ(future.wait_for(std::chrono::hours(1)), FutureStatus::kReady);
+  Promise<int> answered;
+  Future<int> quick = answered.get_future();
+  std::thread answer([&] { answered.set_value(3); });
+  EXPECT_EQ(quick.wait_for(std::chrono::hours(1)), FutureStatus::kReady);
   answer.join();
-  EXPECT_EQ(future.get().value(), 3);
+  EXPECT_EQ(quick.get().value(), 3);
 }
 
 TEST(FutureTest, ConcurrentSettersAndWaitersAgreeOnOneResult) {
