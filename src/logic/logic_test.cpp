@@ -4,13 +4,12 @@
 
 #include <algorithm>
 #include <deque>
-#include <map>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "interfaces/lum/diag_lum_control_client.h"
+#include "interfaces/lum/testing/fake_lum.h"
 #include "logic/base64.h"
 #include "logic/persistence.h"
 #include "logic/testing/http_server.h"
@@ -28,98 +27,9 @@ using kel::vxp3::minfw::testing::ScopedLogCapture;
 using kel::vxp3::minfw::testing::SimulatedClock;
 using kel::vxp3::minfw::testing::TempDir;
 using PS = lum11::CM_CurrentProcessingState;
-using RS = lum11::CM_ReturnStatus;
-using Client = DiagLUMControlClient::Client;
 
-constexpr uint32_t kNoAnswer = 0xFF;
-
-// A LUM facade that answers from a script: per operation a queue of return statuses (kNoAnswer:
-// no answer at all), ok once the queue is empty. Every call is logged by name.
-class ScriptedLum : public DiagLUMControlClient {
- public:
-  ScriptedLum() : DiagLUMControlClient(std::make_unique<Client>()) {}
-
-  std::map<std::string, std::deque<uint32_t>> script;
-  std::deque<PS> states;  // processing states of the session-state answers; the last repeats
-  PS state = PS::verifying;
-  int64_t processed = 50;
-  int64_t total = 100;
-  uint32_t resultCode = 0;
-  std::vector<std::string> calls;
-  std::vector<lum11::UpdateUrlResponseStruct> urlResponses;
-  std::function<void(const std::string& op)> onCall;  // runs inside each call
-
-  size_t count(const std::string& op) const {
-    size_t n = 0;
-    for (const std::string& call : calls) {
-      n += call == op ? 1 : 0;
-    }
-    return n;
-  }
-
-  void _internal(int value) override { calls.push_back("_internal:" + std::to_string(value)); }
-  void updateURLResponse(const lum11::UpdateUrlResponseStruct& response, bool) override {
-    calls.push_back("updateURLResponse");
-    urlResponses.push_back(response);
-  }
-  bool createDomainUpdateSession(const std::string&, uint16_t vehicleRepairInstructionID,
-                                 const std::string&,
-                                 const lum11::createDomainUpdateSession_manifestInformation&,
-                                 const lum11::createDomainUpdateSession_cryptoParameters&,
-                                 const lum11::DownloadSource&,
-                                 const lum11::createDomainUpdateSession_diagnosticAddress&,
-                                 lum11::CM_SessionType,
-                                 Client::CreateDomainUpdateSessionOutput& out, bool) override {
-    out.domainRepairInstructionID = vehicleRepairInstructionID;
-    return answer("createDomainUpdateSession", out);
-  }
-  bool getDomainUpdateSessionState(const std::string&, uint16_t,
-                                   Client::GetDomainUpdateSessionStateOutput& out, bool) override {
-    if (!states.empty()) {
-      state = states.front();
-      states.pop_front();
-    }
-    out.currentProcessingState = state;
-    return answer("getDomainUpdateSessionState", out);
-  }
-// The operations whose answer is a return status and the given assignments to `out`.
-#define ORV_ANSWER(op, Output, ...)                                           \
-  bool op(const std::string&, uint16_t, Client::Output& out, bool) override { \
-    __VA_ARGS__;                                                              \
-    return answer(#op, out);                                                  \
-  }
-  ORV_ANSWER(getDomainUpdateDownloadProgress, GetDomainUpdateDownloadProgressOutput,
-             out.processedBytes = processed, out.totalBytes = total)
-  ORV_ANSWER(getDomainUpdateProgress, GetDomainUpdateProgressOutput, out.processedBytes = processed,
-             out.totalBytes = total)
-  ORV_ANSWER(getDomainUpdateResult, getDomainUpdateResultOutput,
-             out.domainResult.resultCode = resultCode)
-  ORV_ANSWER(startDomainUpdateDownload, StartDomainUpdateDownloadOutput)
-  ORV_ANSWER(startDomainUpdate, StartDomainUpdateOutput)
-  ORV_ANSWER(cancelDomainUpdate, CancelDomainUpdateOutput)
-  ORV_ANSWER(closeDomainUpdateSession, CloseDomainUpdateSessionOutput)
-  ORV_ANSWER(checkProgrammingPreconditions, CheckProgrammingPreconditionsOutput)
-#undef ORV_ANSWER
-
- private:
-  template <typename Output>
-  bool answer(const std::string& op, Output& out) {
-    calls.push_back(op);
-    if (onCall)
-      onCall(op);
-    std::deque<uint32_t>& queue = script[op];
-    uint32_t value = 0;
-    if (!queue.empty()) {
-      value = queue.front();
-      queue.pop_front();
-    }
-    if (value == kNoAnswer) {
-      return false;
-    }
-    out.returnStatus = static_cast<RS>(value);
-    return true;
-  }
-};
+using lum::testing::FakeLum;
+constexpr uint32_t kNoAnswer = FakeLum::kNoAnswer;
 
 // Plays the head unit: records what it is told, answers nothing by itself.
 class RecordingHmi : public IHmiService {
@@ -146,7 +56,7 @@ struct Arbiter {
   uint32_t updateType = ORV_USB_UPDATETYPE_NONE;
   bool alive = true;
   std::vector<std::string> stamps;  // "start" / "end", in order
-  std::shared_ptr<ScriptedLum> lum = std::make_shared<ScriptedLum>();
+  std::shared_ptr<FakeLum> lum = std::make_shared<FakeLum>();
 };
 
 // Logic with its pool replaced by a queue that the test runs on its own thread, one task at a
@@ -673,7 +583,7 @@ TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
   EXPECT_EQ(record_->getErrorCode(0), 1234);
   ASSERT_EQ(logic->tasks.size(), 3u);
   logic->run();
-  EXPECT_EQ(arbiter_.lum->calls,
+  EXPECT_EQ(arbiter_.lum->calls(),
             (std::vector<std::string>{"getDomainUpdateResult", "closeDomainUpdateSession"}));
   EXPECT_EQ(logic->hmi->seen, "state:3: error:1234 ");
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
@@ -737,7 +647,7 @@ TEST_F(LogicTest, FinishedEventClosesThenFinishes) {
   installing(*logic, 5);
   logic->eventDomainUpdateFinishedNotification(1);
   logic->run();
-  EXPECT_EQ(arbiter_.lum->calls, std::vector<std::string>{"closeDomainUpdateSession"});
+  EXPECT_EQ(arbiter_.lum->calls(), std::vector<std::string>{"closeDomainUpdateSession"});
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFINISHED);
   EXPECT_EQ(record_->getStateHmi(99), eINSTALLATIONFINISHED);
   EXPECT_EQ(record_->getProgress(0), 100u);
@@ -876,7 +786,7 @@ TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
       TestLogic logic(record, arbiter_);
       logic.init();
       logic.run(4 + resume.firstCalls.size());
-      std::vector<std::string> calls = arbiter_.lum->calls;
+      std::vector<std::string> calls = arbiter_.lum->calls();
       calls.resize(std::min(calls.size(), resume.firstCalls.size()));
       EXPECT_EQ(calls, resume.firstCalls);
       EXPECT_EQ(record->getResumeAttempts(99), resume.attempts);
