@@ -270,19 +270,6 @@ TEST_F(LogicTest, HmiAnswerTransitionTableOverEveryPair) {
   }
 }
 
-TEST_F(LogicTest, UnboundSignalsAbandonTheAnswer) {
-  std::unique_ptr<TestLogic> logic = make(false);
-  logic->setStateHMI(eINSTALLATIONAVAILABLE);
-  logic->signalRelinquish = nullptr;
-  logic->seqHmiStateChanged(eINSTALLATIONCANCELLED);
-  EXPECT_TRUE(log_->contains("signalRelinquish not bound!"));
-  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONAVAILABLE);
-  logic->signalUSBhmiDelete = nullptr;
-  logic->seqHmiStateChanged(eINSTALLATIONCANCELLED);
-  EXPECT_TRUE(log_->contains("signalUSBhmiDelete not bound!"));
-  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONAVAILABLE);
-}
-
 TEST_F(LogicTest, MediumIsIgnoredWhileAnOfferOrUpdateIsOpen) {
   std::unique_ptr<TestLogic> logic = make();
   logic->setStateHMI(eINSTALLATIONFINISHED);

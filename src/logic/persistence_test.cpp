@@ -84,58 +84,41 @@ TEST_F(PersistenceTest, FirstTimestampCreatesAMinimalRecordWithMode0644) {
   EXPECT_EQ(status.st_gid, getgid());
 }
 
+// Every key under its file name, each value intact after all the other writes, read back by a
+// fresh reader.
 TEST_F(PersistenceTest, EveryKeyRoundTripsAndLeavesTheOthersAlone) {
-  struct Row {
-    const char* key;
-    std::function<void(Persistence&)> set;
-    std::function<std::string(Persistence&)> get;
-    std::string expected;
-  };
   const uint32_t maxU = std::numeric_limits<uint32_t>::max();
-  const std::vector<Row> rows = {
-      {"channel", [](Persistence& p) { p.setChannel(1); },
-       [](Persistence& p) { return std::to_string(p.getChannel(2)); }, "1"},
-      {"updatetype", [](Persistence& p) { p.setUpdateType(4); },
-       [](Persistence& p) { return std::to_string(p.getUpdateType(0)); }, "4"},
-      {"repairinstructionid", [](Persistence& p) { p.setRepairInstructionId(65535); },
-       [](Persistence& p) { return std::to_string(p.getRepairInstructionId(1)); }, "65535"},
-      {"statehmi", [](Persistence& p) { p.setStateHmi(10); },
-       [](Persistence& p) { return std::to_string(p.getStateHmi(0)); }, "10"},
-      {"statelum", [](Persistence& p) { p.setStateLum(0); },
-       [](Persistence& p) { return std::to_string(p.getStateLum(7)); }, "0"},
-      {"errorcode", [](Persistence& p) { p.setErrorCode(-1); },
-       [](Persistence& p) { return std::to_string(p.getErrorCode(0)); }, "-1"},
-      {"progress", [maxU](Persistence& p) { p.setProgress(maxU); },
-       [](Persistence& p) { return std::to_string(p.getProgress(0)); }, std::to_string(maxU)},
-      {"trainname", [](Persistence& p) { p.setTrainName("T \"quoted\" \\ train"); },
-       [](Persistence& p) { return p.getTrainName(); }, "T \"quoted\" \\ train"},
-      {"usbpath", [](Persistence& p) { p.setUsbPath("http://[fd00::1]:29214/medium"); },
-       [](Persistence& p) { return p.getUsbPath(); }, "http://[fd00::1]:29214/medium"},
-      {"keyManifest", [](Persistence& p) { p.setKeyManifest("eyJhbGciOi.x.y"); },
-       [](Persistence& p) { return p.getKeyManifest(); }, "eyJhbGciOi.x.y"},
-      {"timestamps", [](Persistence& p) { p.setStartTime("08:00:01"); },
-       [](Persistence& p) { return p.getStartTime(); }, "08:00:01"},
-      {"timestamps", [](Persistence& p) { p.setEndDate("22.11.2026"); },
-       [](Persistence& p) { return p.getEndDate(); }, "22.11.2026"},
-      {"timestamps", [](Persistence& p) { p.setEndTime("23:59:59"); },
-       [](Persistence& p) { return p.getEndTime(); }, "23:59:59"},
-  };
-  std::set<std::string> written;
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.key);
-    row.set(record_);
-    written.insert(row.key);
-    EXPECT_EQ(row.get(record_), row.expected);
-    std::string expected;
-    for (const std::string& key : written)
-      expected += key + " ";
-    EXPECT_EQ(keys(onDisk()), expected);
-  }
-  // Every earlier value is still there after all the other writes.
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.key);
-    EXPECT_EQ(row.get(record_), row.expected);
-  }
+  record_.setChannel(1);
+  record_.setUpdateType(4);
+  record_.setRepairInstructionId(65535);
+  record_.setStateHmi(10);
+  record_.setStateLum(0);
+  record_.setErrorCode(-1);
+  record_.setProgress(maxU);
+  record_.setTrainName("T \"quoted\" \\ train");
+  record_.setUsbPath("http://[fd00::1]:29214/medium");
+  record_.setKeyManifest("eyJhbGciOi.x.y");
+  record_.setStartTime("08:00:01");
+  record_.setEndDate("22.11.2026");
+  record_.setEndTime("23:59:59");
+  EXPECT_EQ(keys(onDisk()),
+            "channel errorcode keyManifest progress repairinstructionid statehmi statelum "
+            "timestamps trainname updatetype usbpath ");
+  EXPECT_EQ(keys(*onDisk().find("timestamps")), "end-date end-time start-time ");
+  Persistence reader(dir_.path(), "persistence.json");
+  EXPECT_EQ(reader.getChannel(2), 1u);
+  EXPECT_EQ(reader.getUpdateType(0), 4u);
+  EXPECT_EQ(reader.getRepairInstructionId(1), 65535u);
+  EXPECT_EQ(reader.getStateHmi(0), 10u);
+  EXPECT_EQ(reader.getStateLum(7), 0u);
+  EXPECT_EQ(reader.getErrorCode(0), -1);
+  EXPECT_EQ(reader.getProgress(0), maxU);
+  EXPECT_EQ(reader.getTrainName(), "T \"quoted\" \\ train");
+  EXPECT_EQ(reader.getUsbPath(), "http://[fd00::1]:29214/medium");
+  EXPECT_EQ(reader.getKeyManifest(), "eyJhbGciOi.x.y");
+  EXPECT_EQ(reader.getStartTime(), "08:00:01");
+  EXPECT_EQ(reader.getEndDate(), "22.11.2026");
+  EXPECT_EQ(reader.getEndTime(), "23:59:59");
 }
 
 TEST_F(PersistenceTest, BadContentReadsAsDefaultsAndIsReplacedOnWrite) {
@@ -164,7 +147,6 @@ TEST_F(PersistenceTest, BadContentReadsAsDefaultsAndIsReplacedOnWrite) {
        R"({"errorcode": -5, "statelum": 3, "other": [{"x": -7}]})", 7, -5,
        "channel errorcode other statelum "},
       {"an array root", "[1, 2, 3]", 7, 0, "channel "},
-      {"a string root", "\"persistence\"", 7, 0, "channel "},
       {"not JSON at all", "this is not json", 7, 0, "channel "},
       {"an empty file", "", 7, 0, "channel "},
   };
