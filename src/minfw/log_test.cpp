@@ -1,5 +1,5 @@
 // Logger core, the Console sink, the text helpers and the clock: location rules, filtering, the
-// output without a sink, the exact console line, the failure paths of a record and sleeps.
+// exact console line, the failure paths of a record and sleeps.
 
 #include "minfw/log.h"
 
@@ -155,16 +155,6 @@ TEST(TextHelpers, LevelsHexAndPieces) {
       "(null)10018446744073709551615");
 }
 
-TEST_F(LoggerTest, WithoutASinkRecordsGoToStandardOutput) {
-  EXPECT_EQ(Logger::instance().traceApp(), "LUM");
-  Logger::instance().setSink(nullptr);
-  CaptureStdout();
-  Logger::instance().log("hello", "GLOBAL", kInfo, "void orv::Logic::seqStart()", "seqStart", 120);
-  Logger::instance().log("free", "GLOBAL", kTrace, "int main(int, char**)", "main", 67);
-  EXPECT_EQ(GetCapturedStdout(),
-            "Orvane:  orv::Logic::seqStart(120): hello\nOrvane: main(67): free\n");
-}
-
 TEST_F(LoggerTest, ConsoleLineHasTheExactLayout) {
   struct Row {
     uint8_t level;
@@ -264,14 +254,6 @@ TEST(ClockTest, SystemSleepResumesAfterASignal) {
   // An interrupted sleep that were not resumed would end right after the first signal.
   EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(200));
   sigaction(SIGUSR1, &previous, nullptr);
-
-  // Tests install a simulated clock only for their own scope.
-  {
-    SimulatedClock simulated(SimulatedClock::Mode::kAutoAdvance);
-    ScopedClock scoped(simulated);
-    EXPECT_EQ(&clock(), &simulated);
-  }
-  EXPECT_EQ(&clock(), &systemClock());
 }
 
 }  // namespace
