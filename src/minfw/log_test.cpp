@@ -72,8 +72,6 @@ TEST(LoggerLocation, SignatureNameAndLineGiveTheLocation) {
        "template parameters of the class are kept; the [with ...] part is not"},
       {"std::vector<int> orv::Store<std::pair<int, int> >::get() const", "get", 6, " >::get(6)",
        "the last blank before the name wins, even inside template arguments"},
-      {"bool orv::Key::operator==(const orv::Key&) const", "operator==", 7,
-       " orv::Key::operator==(7)", "an operator"},
       {"orv::Logic::Logic(std::shared_ptr<orv::Persistence>)", "Logic", 8, "orv::Logic(8)",
        "a constructor: the first ::Logic, no blank before it"},
       {"orv::HmiService::start()::<lambda()>", "operator()", 10, "Unknown::operator()(10)",
