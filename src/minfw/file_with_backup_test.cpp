@@ -219,7 +219,7 @@ TEST_F(FileWithBackupTest, ShortWritesStoreTheWholeRecordWithModeAndOwner) {
     ScopedFileSystem scoped(fs);
     EXPECT_TRUE(FileWithBackup::Write(path, data, getuid(), getgid(), 0640));
   }
-  EXPECT_EQ(readFile(path), data);
+  EXPECT_EQ(readBack(path), data) << "and reading it back leaves its mode alone";
   EXPECT_EQ(fs.calls(Op::kWrite), 3u);
   EXPECT_TRUE(clock_.sleeps().empty());
   struct stat status {};
