@@ -2,18 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <exception>
-#include <filesystem>
 #include <initializer_list>
 #include <regex>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "minfw/testing/capture_sink.h"
-#include "minfw/testing/temp_dir.h"
 
 namespace kel::vxp3::minfw::json {
 namespace {
@@ -156,10 +152,6 @@ TEST(JsonParse, DocumentsTheirPartialResultsAndTrailingText) {
        "ERROR: Array: Expected ',' or ']', found [x]"},
       {"an over-long integer is caught by Load", "[99999999999999999999]", "null",
        "ERROR: Load: Parse aborted by exception [stol]"},
-      {"a lone minus is caught by Load", "[-]", "null",
-       "ERROR: Load: Parse aborted by exception [stol]"},
-      {"an empty exponent is caught by Load", "[1e]", "null",
-       "ERROR: Load: Parse aborted by exception [stol]"},
       {"trailing whitespace is fine", " {} \n\t", "{\n\n}", ""},
       {"trailing text after a clean value is named", "true x", "true",
        "WARN: Load: Text after the value ignored, offset [5]"},
@@ -193,8 +185,6 @@ TEST(JsonRobustness, EveryPrefixOfValidDocumentsAndEveryBadDocumentIsReported) {
       R"({"channel": 1, "updatetype": 4, "trainname": "T\"1\\x", "progress": 100,
           "timestamps": {"start-date": "01.02.2024", "start-time": "10:11:12"}})",
       R"([1, -2.5e-3, 3E2, true, false, null, "\u00e9\n", [], {}, [[{"a": [1, {"b": null}]}]]])",
-      R"({"EncryptedFiles": [{"File": "/a/b.bin", "CryptoParameters": [{"Name": "IV",
-          "Value": "00ff"}]}]})",
   };
   for (const std::string& doc : documents) {
     // Every document here is a container, so each cut is reported.
@@ -256,58 +246,6 @@ TEST(JsonRobustness, NestingIsLimited) {
   }
 }
 
-// ---- the JSONTestSuite corpus ---------------------------------------------------------------
-
-// Accepted documents that this parser reports, each for a reason its rules give. (Unicode
-// escapes are kept as text: they parse without a record and dump back to the same text.)
-const std::set<std::string> kAcceptedButReported = {
-    "y_number_0e+1.json",                    // an exponent takes only an optional "-"
-    "y_number_real_capital_e_pos_exp.json",  // "1E+2": the same
-    "y_number_real_pos_exponent.json",       // "1e+2": the same
-    "y_object_extreme_numbers.json",         // "-1.0e+28": the same
-};
-
-// Accepted documents whose dump does not read back to the same dump.
-const std::set<std::string> kDumpNotStable = {
-    // A negative Integral dumps as its unsigned two's complement value, which no longer fits
-    // the signed conversion when read back (the document then loads as Null).
-    "y_number_negative_int.json",
-    "y_number_negative_one.json",
-};
-
-TEST(JsonCorpus, TestSuiteFilesParseAsTheRulesSay) {
-  const std::filesystem::path dir =
-      std::filesystem::path(ORVANE_TEST_DATA_DIR) / "jsontestsuite" / "test_parsing";
-  ASSERT_TRUE(std::filesystem::is_directory(dir)) << dir;
-  std::vector<std::filesystem::path> files;
-  for (const auto& entry : std::filesystem::directory_iterator(dir))
-    files.push_back(entry.path());
-  std::sort(files.begin(), files.end());
-  ASSERT_GT(files.size(), 250u);
-
-  std::set<std::string> reported;
-  std::set<std::string> unstable;
-  for (const auto& path : files) {
-    const std::string name = path.filename().string();
-    SCOPED_TRACE(name);
-    const std::string text = exact(testing::readFile(path));
-    ScopedLogCapture cap;
-    parseChecked(text);
-    cap->clear();
-    const JSON value = JSON::Load(text);
-    if (name.rfind("y_", 0) != 0)
-      continue;  // rejected documents: surviving them is the test
-    if (!logOf(cap, true).empty())
-      reported.insert(name);
-    const std::string first = value.dump();
-    const std::string second = JSON::Load(first).dump();
-    if (first != second)
-      unstable.insert(name);
-  }
-  EXPECT_EQ(reported, kAcceptedButReported);
-  EXPECT_EQ(unstable, kDumpNotStable);
-}
-
 // ---- serialiser -----------------------------------------------------------------------------
 
 // Builders that insert in the order given (the dump must still sort).
@@ -355,32 +293,6 @@ TEST(JsonDump, TextsAsDocumented) {
 }
 
 // ---- value semantics and accessors ----------------------------------------------------------
-
-TEST(JsonValue, TypedReadsOnlySucceedForTheirClass) {
-  const JSON values[] = {JSON(nullptr),
-                         JSON("text"),
-                         JSON(uint8_t{7}),
-                         JSON(2.5),
-                         JSON(true),
-                         JSON::Make(JSON::Class::Object),
-                         JSON::Make(JSON::Class::Array)};
-  for (const JSON& value : values) {
-    const JSON::Class cls = value.JSONType();
-    SCOPED_TRACE(static_cast<int>(cls));
-    bool ok = true;
-    EXPECT_EQ(value.ToString(ok), cls == JSON::Class::String ? "text" : "");
-    EXPECT_EQ(ok, cls == JSON::Class::String);
-    EXPECT_EQ(value.ToInt(ok), cls == JSON::Class::Integral ? 7 : 0);
-    EXPECT_EQ(ok, cls == JSON::Class::Integral);
-    EXPECT_EQ(value.ToFloat(ok), cls == JSON::Class::Floating ? 2.5 : 0.0);
-    EXPECT_EQ(ok, cls == JSON::Class::Floating);
-    EXPECT_EQ(value.ToBool(ok), cls == JSON::Class::Boolean);
-    EXPECT_EQ(ok, cls == JSON::Class::Boolean);
-    EXPECT_EQ(value.find("a"), nullptr);
-    EXPECT_TRUE(value.ObjectRange().empty() && value.ArrayRange().empty());
-    EXPECT_EQ(value.size(), 0u);
-  }
-}
 
 TEST(JsonValue, ContainersConvertGrowAndCopyDeeply) {
   JSON record = JSON("not an object");

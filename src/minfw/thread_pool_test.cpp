@@ -129,26 +129,5 @@ TEST(ThreadPoolTest, ThrowingTaskIsLoggedAndWorkerKeepsServing) {
   EXPECT_TRUE(log->contains("init:: no signalQueryAlive!"));
 }
 
-TEST(ThreadPoolTest, ManyProducersEveryTaskRunsOnce) {
-  constexpr int kProducers = 4;
-  constexpr int kPerProducer = 500;
-  std::atomic<int> ran{0};
-  {
-    ThreadPool pool(2);
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-      producers.emplace_back([&] {
-        for (int i = 0; i < kPerProducer; ++i)
-          pool.enqueue([&] { ++ran; });
-      });
-    }
-    for (auto& t : producers)
-      t.join();
-    for (int i = 0; i < 20000 && pool.pending() != 0; ++i)
-      std::this_thread::sleep_for(1ms);
-  }
-  EXPECT_EQ(ran, kProducers * kPerProducer);
-}
-
 }  // namespace
 }  // namespace kel::vxp3::minfw

@@ -29,13 +29,12 @@ bool writes(int flags) {
 }
 
 // Trace names, in the order of FaultFileSystem::Op.
-const char* const kOpNames[] = {
-    "openat",   "openat-dir", "pread", "write", "lseek",         "fsync", "fsync-dir", "close",
-    "fchmodat", "truncate",   "fstat", "stat",  "posix_fadvise", "chmod", "chown",     "rename"};
+const char* const kOpNames[] = {"openat",    "openat-dir", "pread", "write", "fsync",
+                                "fsync-dir", "close",      "chmod", "chown", "rename"};
 
 }  // namespace
 
-FaultFileSystem::FaultFileSystem(NameDurability names) : real_(posixFileSystem()), names_(names) {}
+FaultFileSystem::FaultFileSystem() : real_(posixFileSystem()) {}
 
 FaultFileSystem::~FaultFileSystem() = default;
 
@@ -152,14 +151,6 @@ void FaultFileSystem::commitDirectory(const std::string& directory) {
   }
 }
 
-void FaultFileSystem::truncated(uint64_t id, off_t length) {
-  if (id == 0 || names_ != NameDurability::kImmediate || length < 0)
-    return;
-  std::string& data = durableData_[id];
-  if (static_cast<std::size_t>(length) < data.size())
-    data.resize(static_cast<std::size_t>(length));
-}
-
 void FaultFileSystem::powerCutLocked() {
   crashed_ = true;
   for (const auto& [path, binding] : durableNames_) {
@@ -201,13 +192,8 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
   } else {
     if (modelled && !existed && (flags & O_CREAT) != 0) {
       struct stat status {};
-      if (::fstat(fd, &status) == 0) {
-        const uint64_t id = newId(status.st_ino, "");
-        if (names_ == NameDurability::kImmediate)
-          durableNames_[path] = id;
-      }
-    } else if (modelled && (flags & O_TRUNC) != 0) {
-      truncated(idOfPath(procPath(fd)), 0);
+      if (::fstat(fd, &status) == 0)
+        newId(status.st_ino, "");
     }
   }
   errno = savedErrno;
@@ -240,9 +226,6 @@ ssize_t FaultFileSystem::pwrite(int fd, const void* buffer, std::size_t count, o
 }
 
 off_t FaultFileSystem::lseek(int fd, off_t offset, int whence) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kLseek, describe(fd)))
-    return -1;
   return real_.lseek(fd, offset, whence);
 }
 
@@ -279,9 +262,6 @@ int FaultFileSystem::close(int fd) {
 }
 
 int FaultFileSystem::fchmodat(int dirfd, const char* path, mode_t mode, int flags) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kFchmodat, path))
-    return -1;
   return real_.fchmodat(dirfd, path, mode, flags);
 }
 
@@ -290,35 +270,18 @@ int FaultFileSystem::ftruncate(int fd, off_t length) {
 }
 
 int FaultFileSystem::truncate(const char* path, off_t length) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kTruncate, path))
-    return -1;
-  touchPath(path);
-  const uint64_t id = idOfPath(path);
-  const int result = real_.truncate(path, length);
-  if (result == 0)
-    truncated(id, length);
-  return result;
+  return real_.truncate(path, length);
 }
 
 int FaultFileSystem::fstat(int fd, struct stat* status) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kFstat, describe(fd)))
-    return -1;
   return real_.fstat(fd, status);
 }
 
 int FaultFileSystem::stat(const char* path, struct stat* status) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kStat, path))
-    return -1;
   return real_.stat(path, status);
 }
 
 int FaultFileSystem::posix_fadvise(int fd, off_t offset, off_t length, int advice) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!enter(Op::kFadvise, describe(fd)))
-    return errno;
   return real_.posix_fadvise(fd, offset, length, advice);
 }
 
@@ -342,14 +305,7 @@ int FaultFileSystem::rename(const char* from, const char* to) {
     return -1;
   touchPath(from);
   touchPath(to);
-  idOfPath(to);
-  const uint64_t moved = idOfPath(from);
-  const int result = real_.rename(from, to);
-  if (result == 0 && names_ == NameDurability::kImmediate) {
-    durableNames_[to] = moved == 0 ? std::nullopt : std::optional<uint64_t>(moved);
-    durableNames_[from] = std::nullopt;
-  }
-  return result;
+  return real_.rename(from, to);
 }
 
 }  // namespace kel::vxp3::minfw::testing

@@ -10,20 +10,15 @@
 // every later call fail with EIO and rewrites the touched files on disk to what a real disk
 // would hold after the power came back, so a fresh file system sees the state after a reboot:
 //  - file data is durable only up to its last fsync; a file's content from before this object
-//    first touched it counts as durable; unsynced writes (and truncations) are dropped;
-//  - names: with NameDurability::kOnDirectorySync (the default, what POSIX promises) a file
-//    creation or rename becomes durable only when its directory is fsynced; until then a crash
-//    reverts it (a new file disappears, a renamed file is back under its old name and the
-//    replaced target is back). With kImmediate creations and renames are durable at once, as
-//    on a journalling file system that commits metadata in order; a created file that was never
-//    fsynced then survives empty.
+//    first touched it counts as durable; unsynced writes are dropped;
+//  - names: a file creation or rename becomes durable only when its directory is fsynced (what
+//    POSIX promises); until then a crash reverts it (a new file disappears, a renamed file is
+//    back under its old name and the replaced target is back).
 // A crashing write first writes half of its bytes, so torn data really reaches the file before
-// it is dropped. With kImmediate a truncation (O_TRUNC, truncate) is metadata and
-// durable at once too, which is how the classic zero-length file after a crash comes about. Only
-// files touched through this object are restored; only paths opened relative to AT_FDCWD are
-// modelled; a directory is matched to its files by the text of their paths (the part before
-// the last "/"). read, pwrite and ftruncate, which the crash-safe files do not call, pass
-// straight through, unnumbered.
+// it is dropped. Only files touched through this object are restored; only paths opened
+// relative to AT_FDCWD are modelled; a directory is matched to its files by the text of their
+// paths (the part before the last "/"). The calls without an Op below pass straight through,
+// unnumbered: the crash-safe write does not depend on them for durability.
 //
 // Threading: thread-safe; one mutex guards the fault plan, the counters and the durability
 // model, and is held across each call (tests need order, not speed).
@@ -51,24 +46,16 @@ class FaultFileSystem : public FileSystem {
     kOpenDir,  // openat with O_DIRECTORY
     kPread,
     kWrite,
-    kLseek,
     kFsync,     // fsync of a file
     kFsyncDir,  // fsync of a descriptor opened with O_DIRECTORY
     kClose,
-    kFchmodat,
-    kTruncate,
-    kFstat,
-    kStat,
-    kFadvise,
     kChmod,
     kChown,
     kRename,
   };
-  enum class NameDurability { kOnDirectorySync, kImmediate };
-
   static constexpr uint32_t kAlways = UINT32_MAX;
 
-  explicit FaultFileSystem(NameDurability names = NameDurability::kOnDirectorySync);
+  FaultFileSystem();
   ~FaultFileSystem() override;
 
   // Calls nth .. nth+times-1 of `op` fail with `error` (kAlways: every call from nth on).
@@ -124,12 +111,9 @@ class FaultFileSystem : public FileSystem {
   uint64_t idOfPath(const std::string& path);
   uint64_t newId(ino_t inode, std::string data);
   void commitDirectory(const std::string& directory);
-  // A successful truncation of file `id`: durable at once with kImmediate, else dropped.
-  void truncated(uint64_t id, off_t length);
   void powerCutLocked();
 
   FileSystem& real_;
-  const NameDurability names_;
   mutable std::mutex mutex_;  // guards everything below
   std::vector<Fault> faults_;
   std::map<uint32_t, std::size_t> shortWrites_;
