@@ -198,19 +198,13 @@ struct OperationRow {
   std::function<std::string(Proxy&, Inbox&)> run;
 };
 
-// An operation that takes only the session.
-template <typename M, typename Member>
-OperationRow sessionRow(Member member) {
-  return {std::string(M::kName) + " carries the session and answers its output",
-          roundTrip<M>([member](Proxy& p, const typename M::Input& in) {
-            return (p.*member)(in.accessID, in.domainRepairInstructionID);
-          })};
-}
-
 std::vector<OperationRow> operationRows() {
   return {
       // One representative of the operations that take only the session: they share one shape.
-      sessionRow<m::GetDomainUpdateResult>(&Proxy::getDomainUpdateResult),
+      {"getDomainUpdateResult carries the session and answers its output",
+       roundTrip<m::GetDomainUpdateResult>([](Proxy& p, const m::GetDomainUpdateResult::Input& in) {
+         return p.getDomainUpdateResult(in.accessID, in.domainRepairInstructionID);
+       })},
       {"updateUrlResponse is delivered one way with its record",
        oneWay<m::UpdateUrlResponse>([](Proxy& p, const m::UpdateUrlResponse::Input& in) {
          return p.updateUrlResponse(in.updateUrlResponse);
