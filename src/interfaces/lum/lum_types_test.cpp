@@ -68,7 +68,8 @@ TEST(LumTypes, EveryInputOutputSampleAndValueRoundTripsAndRefusesTruncation) {
       [](auto d) { check<typename decltype(d)::Value>(decltype(d)::kName); });
 }
 
-// --- Hand-checked byte images ------------------------------------------------------------------
+// Hand-checked byte images of LUM records; the string and sequence encodings themselves are the
+// codec's and are pinned there.
 
 struct ImageRow {
   const char* proves;
@@ -77,10 +78,6 @@ struct ImageRow {
 };
 
 TEST(LumTypes, HandCheckedByteImages) {
-  lum11::DebugMessageInfo debug{0x0102, "ID", ""};
-
-  lum11::createDomainUpdateSession_diagnosticAddress addresses{{0x0010, 0x1A2B}};
-
   lum11::methods::GetDomainUpdateResult::Output result;
   result.domainResult.sessionStatus = lum11::CM_SessionStatus::error;
   result.domainResult.resultCode = 0x01020304;
@@ -96,8 +93,6 @@ TEST(LumTypes, HandCheckedByteImages) {
     url.updateURLRequestID[i] = i;
   url.urlInfo = {"a"};
   url.error = lum12::CM_UpdateUrlResponseStruct_error::fileNotFound;
-
-  lum11::DT_manifestInformation_struct manifest{"T", "", {{"k", "v"}}};
 
   lum12::fields::DomainErrorNotification::Value errors{{3, 0x0102, 0x0000025D}};
 
@@ -124,19 +119,12 @@ TEST(LumTypes, HandCheckedByteImages) {
        serialize(progress),
        "0102030405060708 fffffffffffffffe ffffffff 00000003 00000004 00000005efbbbf7000 65 "
        "00000004efbbbf00 04"},
-      {"strings carry length, BOM and NUL; an empty string is 4 bytes", serialize(debug),
-       "0102 | 00000006 efbbbf 4944 00 | 00000004 efbbbf 00"},
-      {"a sequence's length counts bytes, not elements", serialize(addresses),
-       "00000004 0010 1a2b"},
       {"nested records follow their parent's fields in order, enums are one byte",
        serialize(result),
        "03 01020304 00000005efbbbf7800 05 06 | 03 00000007 00000004efbbbf00 "
        "| 04 00000008 00000005efbbbf7300 | 01"},
       {"a uuid is 16 bytes without length; urlInfo is a sequence of strings", serialize(url),
        "000102030405060708090a0b0c0d0e0f | 00000009 00000005efbbbf6100 | 01"},
-      {"nested sequences each count their own bytes", serialize(manifest),
-       "00000005efbbbf5400 00000004efbbbf00 | 00000012 | 00000005efbbbf6b00 "
-       "00000005efbbbf7600"},
       {"a field entry starts with its elementId", serialize(errors),
        "00000008 | 0003 0102 0000025d"},
   };

@@ -76,7 +76,6 @@ TEST(DiagnosisViRoutineClientTest, ParameterRule) {
        "Converted update order string is: [ORDER-7]"},
       {"only \"0\": override", bytes("", 116), "", true, "Override substring test."},
       {"no zero byte", bytes(many + "0A", 116), many + "0A", false, "string is: [UUU"},
-      {"64 KiB", bytes("ORDER-8", 65536), "PREV", false, "Received data size is [65536]"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
