@@ -27,7 +27,6 @@ TEST(LaptopTest, RepliesAreParsedStrictly) {
   const Row rows[] = {
       {"9, 45, 0", true, {9, 45, 0}},
       {"3, 40, 612\r", true, {3, 40, 612}},
-      {"1, 1, 1", true, {1, 1, 1}},
       {"warn:0|msg:Update stats not available", false, {}},
       {"9, 45", false, {}},
       {"9, 45, 0 and more", false, {}},
@@ -60,7 +59,6 @@ TEST(LaptopTest, WatchEndsWithTheUpdate) {
       {"an acknowledged success ends it", {{6, 100, 0}}, Outcome::kFinished},
       {"a failure ends it", {{9, 40, 0}, {3, 40, 612}}, Outcome::kFailed},
       {"a rejection ends it", {{7, 0, 0}}, Outcome::kFailed},
-      {"a cancellation ends it", {{1, 0, 0}}, Outcome::kFailed},
       {"an old finished record before activity is no end",
        {{10, 100, 0}, {10, 100, 0}},
        Outcome::kRunning},
