@@ -1,5 +1,6 @@
-// The simulated LUM in virtual time: session progression, scripted busy and late answers,
-// withheld events, errors, cancel, URL requests and loss of the service.
+// The simulated LUM in virtual time: session progression, scripted busy answers, withheld
+// events, errors and cancel. (Late answers, URL requests and loss of the service are played in
+// the whole-update runs.)
 #include "simulator.h"
 
 #include <gtest/gtest.h>
@@ -63,8 +64,6 @@ class Rig {
     advance(script_.downloadMs);
   }
 
-  lum11::DT_uuid lastUuid{};
-
  private:
   SimulatorOutputs outputs() {
     SimulatorOutputs o;
@@ -78,14 +77,6 @@ class Rig {
     };
     o.updateFinished = [this](uint16_t id) { seen_.push_back(cat("updateFinished:", id)); };
     o.error = [this](uint16_t id, uint32_t code) { seen_.push_back(cat("error:", id, ":", code)); };
-    o.resolveUrl = [this](const lum11::resolveUpdateURLRequest_fileNames& names,
-                          lum11::CM_FileType type, const lum11::DT_uuid& uuid) {
-      lastUuid = uuid;
-      seen_.push_back(cat("resolve:", names.size(), ":", static_cast<int>(type)));
-    };
-    o.stopOffer = [this] { seen_.push_back("stopOffer"); };
-    o.offer = [this] { seen_.push_back("offer"); };
-    o.crash = [this](int code) { seen_.push_back(cat("crash:", code)); };
     return o;
   }
 
@@ -316,10 +307,7 @@ TEST(LumSimulatorTest, CallsOutOfOrderAreInvalidState) {
        Status::invalidState},
       {"download during the analysis", created, "startDomainUpdateDownload", Status::invalidState},
       {"update before the download", analysed, "startDomainUpdate", Status::invalidState},
-      {"download progress before the download", analysed, "getDomainUpdateDownloadProgress",
-       Status::invalidState},
       {"download twice", downloading, "startDomainUpdateDownload", Status::invalidState},
-      {"close during the download", downloading, "closeDomainUpdateSession", Status::invalidState},
       {"result before the end", downloaded, "getDomainUpdateResult", Status::invalidState},
       {"update after the download: in order", downloaded, "startDomainUpdate", Status::ok},
   };
@@ -408,60 +396,6 @@ TEST(LumSimulatorTest, CancelInEachState) {
                 lum11::CM_SessionStatus::reverted);
     }
   }
-}
-
-TEST(LumSimulatorTest, UrlRequestHoldsTheDownloadUntilAnswered) {
-  SessionScript script;
-  script.resolveUrl = ResolveUrlPlan{
-      {Phase::downloading, 500}, {"a.bin", "b.bin"}, lum11::CM_FileType::manifest, true};
-  Rig rig(script);
-  ASSERT_EQ(rig.create(), Status::ok);
-  rig.advance(1000);
-  ASSERT_EQ(rig.sim().startDomainUpdateDownload(Rig::session()).output.returnStatus, Status::ok);
-  // An answer to another request plays what came due (the request, held at 500 ms of 2000)
-  // and does not release it.
-  rig.advanceOnly(5000);
-  lum11::UpdateUrlResponseStruct other;
-  other.updateURLRequestID[3] = 0xee;
-  rig.sim().updateURLResponse({other});
-  EXPECT_EQ(rig.seen().back(), "resolve:2:1");
-  EXPECT_EQ(rig.state(), State::downloading);
-  EXPECT_EQ(rig.sim().getDomainUpdateDownloadProgress(Rig::session()).output.processedBytes,
-            1048576);
-  rig.advance(5000);
-  EXPECT_EQ(rig.state(), State::downloading);
-  lum11::UpdateUrlResponseStruct answer;
-  answer.updateURLRequestID = rig.lastUuid;
-  answer.urlInfo = {"http://medium/a.bin", "http://medium/b.bin"};
-  rig.sim().updateURLResponse({answer});
-  rig.advance(1499);
-  EXPECT_EQ(rig.state(), State::downloading);
-  rig.advance(1);
-  EXPECT_EQ(rig.state(), State::downloadFinished);
-  ASSERT_EQ(rig.sim().urlResponses().size(), 2u);
-  EXPECT_EQ(rig.sim().urlResponses()[1].urlInfo, answer.urlInfo);
-}
-
-TEST(LumSimulatorTest, StopOfferAndCrashFireAtTheirPhase) {
-  SessionScript script;
-  script.stopOffer = StopOfferPlan{{Phase::downloading, 200}, 3000};
-  script.crash = CrashPlan{{Phase::updating, 100}, 5};
-  Rig rig(script);
-  ASSERT_EQ(rig.create(), Status::ok);
-  rig.advance(1000);
-  rig.sim().startDomainUpdateDownload(Rig::session());
-  rig.advance(199);
-  EXPECT_EQ(rig.seen().size(), 1u);
-  rig.advance(1);
-  EXPECT_EQ(rig.seen().back(), "stopOffer");
-  rig.advance(2000);  // the session goes on while unreachable
-  EXPECT_EQ(rig.seen().back(), "readyForUpdate:7:120:4194304");
-  rig.sim().startDomainUpdate(Rig::session());
-  rig.advance(1000);
-  EXPECT_EQ(rig.seen().back(), "offer");
-  EXPECT_EQ(rig.seen(),
-            (std::vector<std::string>{"readyForDownload:7:120:4194304", "stopOffer",
-                                      "readyForUpdate:7:120:4194304", "crash:5", "offer"}));
 }
 
 }  // namespace
