@@ -211,7 +211,6 @@ TEST(LumSimulatorTest, WithheldEventsAreNotSentButTheSessionGoesOn) {
                                      "readyForUpdate:7:120:4194304", "updateFinished:7"};
   const std::vector<std::pair<const char*, std::size_t>> rows{
       {"domainReadyForDownloadNotification", 0},
-      {"domainReadyForUpdateNotification", 1},
       {"domainUpdateFinishedNotification", 2},
   };
   for (const auto& [event, index] : rows) {
