@@ -147,19 +147,13 @@ TEST(DiagUpdateTest, BadFramesThenARoutineStartsAnUpdate) {
     std::optional<RC> answer;  // nothing: the connection is closed instead
   };
   std::vector<Row> rows{
-      {"an unknown method", frame(0x63, {}), RC::kUnknownMethod},
       {"another interface version", frame(14, {}, 11), RC::kWrongInterfaceVersion},
       {"a string longer than the frame", frame(6, claims), RC::kMalformedMessage},
       {"a huge string is read and answered", frame(6, someip::serialize(huge)), RC::kOk},
-      {"a length field below 8", frame(14, {}), std::nullopt},
       {"a length field above 1 MiB", frame(14, {}), std::nullopt},
+      {"a create cut short", frame(2, {whole.begin(), whole.end() - 1}), RC::kMalformedMessage},
   };
-  rows[4].bytes[7] = 4;
-  rows[5].bytes[5] = 0x20;
-  for (std::size_t cut = 0; cut < whole.size(); ++cut) {
-    rows.push_back({"a create cut at byte " + std::to_string(cut),
-                    frame(2, {whole.begin(), whole.begin() + cut}), RC::kMalformedMessage});
-  }
+  rows[3].bytes[5] = 0x20;
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     someip::testing::RawClient client({0x7F000001, 30502});
@@ -172,7 +166,7 @@ TEST(DiagUpdateTest, BadFramesThenARoutineStartsAnUpdate) {
   }
   // A frame cut short by its sender's end; then orvane still answers.
   someip::testing::RawClient({0x7F000001, 30502})
-      .send({rows[1].bytes.begin(), rows[1].bytes.begin() + 10});
+      .send({rows[0].bytes.begin(), rows[0].bytes.begin() + 10});
   someip::testing::RawClient client({0x7F000001, 30502});
   client.send(frame(14, {}));
   const auto answer = client.receive();

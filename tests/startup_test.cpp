@@ -46,7 +46,6 @@ TEST(StartupTest, ConsoleOptionAndMissingRecordFolder) {
     bool missingDir;  // then orvane ends with status 1
   } rows[] = {
       {"-console among other arguments, any position", {"x", "-console", "--y"}, true, false},
-      {"no arguments: trace sink", {}, false, false},
       {"double dash or capitals are not the option", {"--console", "-Console"}, false, false},
       {"a missing record folder, console sink", {"-console"}, true, true},
       {"a missing record folder, trace sink", {}, false, true},

@@ -83,13 +83,9 @@ TEST(ScenarioTest, BadFilesAreRefusedNamingFileAndKey) {
       {R"({"session": []})", "scenario.json: session: unknown key"},
       {R"({"sessions": []})",
        "scenario.json: sessions: expected a non-empty array of session objects"},
-      {R"({"sessions": {}})",
-       "scenario.json: sessions: expected a non-empty array of session objects"},
       {R"({"sessions": [3]})", "scenario.json: sessions[0]: expected an object"},
       {R"({"strictSessionIds": 1})", "scenario.json: strictSessionIds: expected true or false"},
       {R"({"sessions": [{"busy": {"startDomainUpdate": -1}}]})",
-       "scenario.json: sessions[0].busy.startDomainUpdate: expected a non-negative integer"},
-      {R"({"sessions": [{"busy": {"startDomainUpdate": "2"}}]})",
        "scenario.json: sessions[0].busy.startDomainUpdate: expected a non-negative integer"},
       {R"({"sessions": [{"busy": {"startUpdate": 2}}]})",
        "scenario.json: sessions[0].busy.startUpdate: unknown key"},
@@ -116,11 +112,8 @@ TEST(ScenarioTest, BadFilesAreRefusedNamingFileAndKey) {
        "scenario.json: sessions[0].result.integrityValidationResult.state: unknown key"},
       {R"({"sessions": [{"resolveUrl": {"phase": "downloading", "fileNames": "a.bin"}}]})",
        "scenario.json: sessions[0].resolveUrl.fileNames: expected an array of strings"},
-      {R"({"sessions": [{"analyseMs": 10)",
-       "scenario.json: not valid JSON (the parser's message is in the log)"},
       {R"({"sessions": [{"analyseMs": 1O}]})",
        "scenario.json: not valid JSON (the parser's message is in the log)"},
-      {"", "scenario.json: not valid JSON (the parser's message is in the log)"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text);

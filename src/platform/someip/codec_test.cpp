@@ -1,7 +1,6 @@
 // The wire codecs (message header, payload serializer, SD payload) against hand-checked images,
-// and bad input at every layer: hand-made malformed images, every truncation and every
-// single-byte corruption of the valid ones. Codecs read exact-size heap copies, so
-// AddressSanitizer reports any read past the end.
+// and bad input at every layer: hand-made malformed images and every truncation of the valid
+// ones. Codecs read exact-size heap copies, so AddressSanitizer reports any read past the end.
 
 #include <gtest/gtest.h>
 
@@ -208,28 +207,6 @@ TEST(Codec, EveryTruncationIsIncompleteOrAnError) {
       } else {
         EXPECT_EQ(out.status, Status::kMalformed) << image.proves << " cut to " << size;
         EXPECT_FALSE(out.error.empty()) << image.proves << " cut to " << size;
-      }
-    }
-  }
-}
-
-TEST(Codec, EverySingleByteCorruptionIsDecodedSafely) {
-  // Whatever the outcome, decoding stays inside the buffer (ASan) and terminates; a refusal says
-  // why, and an accepted header or payload re-encodes to exactly the bytes it was read from (the
-  // encoding is canonical).
-  const uint8_t replacements[] = {0x00, 0x01, 0x02, 0x7F, 0x80, 0xFF};
-  for (const Image& image : images()) {
-    for (std::size_t at = 0; at < fromHex(image.hex).size(); ++at) {
-      for (uint8_t replacement : replacements) {
-        auto bytes = fromHex(image.hex);
-        bytes[at] = replacement;
-        const Decoded out = decode(image.codec, bytes, bytes.size());
-        if (out.status == Status::kMalformed) {
-          EXPECT_FALSE(out.error.empty()) << image.proves << " byte " << at;
-        } else if (out.status == Status::kOk && image.codec != sd) {
-          bytes.resize(out.consumed);
-          EXPECT_EQ(out.again, bytes) << image.proves << " byte " << at << " = " << +replacement;
-        }
       }
     }
   }
