@@ -457,63 +457,36 @@ TEST_F(MultiplexerTest, DiagnosticStart) {
   }
 }
 
+// Binding stops at the first missing piece, in this order, and binds no channel then.
 TEST_F(MultiplexerTest, BindingChecksInOrder) {
-  struct Row {
-    const char* proves;
-    int channels;  // fake channels added; -1: one real and one empty entry; -2: the reverse
-    bool lum;
-    bool messwert;
-    bool routine;
-    bool expected;
-    const char* logged;
-    bool usbBound;  // whether the USB channel's entry got its slots
+  const std::vector<std::pair<std::string, const char*>> rows = {
+      {"usb channel", "Not all interfaces initialized!"},  // channels are checked first
+      {"lum", "LUM object not defined!"},
+      {"messwert", "diagMesswert not defined!"},
+      {"routine", "diagRoutineCtrl not defined!"},
+      {"usb entry", "Input signal for [1] is undefined!"},  // an empty place
+      {"dm entry", "Input signal for [0] is undefined!"},   // checked before the USB channel
+      {"", nullptr},
   };
-  const std::vector<Row> rows = {
-      {"channels are checked first", 1, true, true, true, false, "Not all interfaces initialized!",
-       false},
-      {"then the LUM client", 2, false, true, true, false, "LUM object not defined!", false},
-      {"then the measurement client", 2, true, false, true, false, "diagMesswert not defined!",
-       false},
-      {"then the routine client", 2, true, true, false, false, "diagRoutineCtrl not defined!",
-       false},
-      {"an empty channel entry ends it", -1, true, true, true, false,
-       "Input signal for [1] is undefined!", false},
-      {"an empty place of the diagnostic master ends it before the USB channel", -2, true, true,
-       true, false, "Input signal for [0] is undefined!", false},
-      {"everything present binds", 2, true, true, true, true, nullptr, true},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
+  for (const auto& [missing, logged] : rows) {
+    SCOPED_TRACE(missing);
     TestMultiplexer mux(persistence_);
-    if (row.channels == -1) {
-      mux.addChannel(std::make_unique<FakeChannel>());
-      mux.addChannel(nullptr);
-    }
-    if (row.channels == -2) {
-      mux.addChannel(nullptr);
-      mux.addChannel(std::make_unique<FakeChannel>());
-    }
-    for (int i = 0; i < row.channels; ++i) {
-      mux.addChannel(std::make_unique<FakeChannel>());
-    }
-    if (row.lum) {
+    mux.addChannel(std::unique_ptr<ILumChannel>(missing == "dm entry" ? nullptr : new FakeChannel));
+    if (missing != "usb channel")
+      mux.addChannel(
+          std::unique_ptr<ILumChannel>(missing == "usb entry" ? nullptr : new FakeChannel));
+    if (missing != "lum")
       mux.setLumClient(makeLumClient());
-    }
-    if (row.messwert) {
+    if (missing != "messwert")
       mux.setMesswertClient(std::make_unique<FakeMesswert>());
-    }
-    if (row.routine) {
+    if (missing != "routine")
       mux.setRoutineClient(std::make_unique<FakeRoutine>());
-    }
     log_->clear();
-    EXPECT_EQ(mux.initBindings(), row.expected);
-    if (row.logged != nullptr) {
-      EXPECT_EQ(log_->messages(), std::vector<std::string>{row.logged});
-    }
-    ILumChannel* usb = mux.channel(ACTIVE_USB);
-    if (usb != nullptr) {
-      EXPECT_EQ(static_cast<bool>(usb->signalQueryControl), row.usbBound);
-    }
+    EXPECT_EQ(mux.initBindings(), missing.empty());
+    if (logged != nullptr)
+      EXPECT_EQ(log_->messages(), std::vector<std::string>{logged});
+    if (ILumChannel* usb = mux.channel(ACTIVE_USB))
+      EXPECT_EQ(static_cast<bool>(usb->signalQueryControl), missing.empty());
   }
 }
 
