@@ -16,6 +16,7 @@
 
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "interfaces/lum/diag_lum_control_client.h"
+#include "logic/testing/fake_channels.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/simulated_clock.h"
@@ -30,69 +31,9 @@ using kel::vxp3::minfw::testing::ScopedLogCapture;
 using kel::vxp3::minfw::testing::SimulatedClock;
 using kel::vxp3::minfw::testing::TempDir;
 
-// A channel that records every event it receives and every diagnostic start.
-class FakeChannel : public ILumChannel {
- public:
-  bool init() override { return true; }
-  bool diagTriggerStartUpdate(const std::string& ctrlOptions, int override) override {
-    record(cat("diagTriggerStartUpdate(", ctrlOptions, ",", override, ")"));
-    return acceptDiagStart;
-  }
-
-  void eventDomainUpdateFinishedNotification(uint16_t riid) override {
-    record(cat("finished(", riid, ")"));
-  }
-  void eventDomainReadyForDownloadNotification(uint16_t riid,
-                                               const lum11::ReadyForDownloadInfo&) override {
-    record(cat("readyForDownload(", riid, ")"));
-  }
-  void eventDomainReadyForUpdateNotification(uint16_t riid,
-                                             const lum11::ReadyForUpdateInfo&) override {
-    record(cat("readyForUpdate(", riid, ")"));
-  }
-  void eventDomainOffTimeNotification(uint16_t riid, uint16_t timeout) override {
-    record(cat("offTime(", riid, ",", timeout, ")"));
-  }
-  void eventDomainErrorNotification(uint16_t riid, uint32_t errorCode) override {
-    record(cat("error(", riid, ",", errorCode, ")"));
-  }
-  void eventDebugMessageNotification(uint16_t riid, const std::string& id,
-                                     const std::string& message) override {
-    record(cat("debug(", riid, ",", id, ",", message, ")"));
-  }
-  void eventResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) override {
-    record(cat("resolve(", request.fileNames.size(), ",", request.updateURLRequestID[15], ")"));
-  }
-  void eventConnection(bool connected) override { record(cat("connection(", connected, ")")); }
-  void eventInternal(int value) override { record(cat("internal(", value, ")")); }
-
-  std::vector<std::string> calls() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
-
-  bool acceptDiagStart = true;
-
- private:
-  void record(const std::string& call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(call);
-  }
-  std::mutex mutex_;
-  std::vector<std::string> calls_;
-};
-
-class FakeRoutine : public IRoutine {
- public:
-  bool connect() override { return connects; }
-  bool connects = false;
-};
-
-class FakeMesswert : public IMesswert {
- public:
-  bool connect() override { return connects; }
-  bool connects = true;
-};
+using testing::FakeChannel;
+using testing::FakeMesswert;
+using testing::FakeRoutine;
 
 // Exposes the wiring seams and counts intercepted events.
 class TestMultiplexer : public Multiplexer {
