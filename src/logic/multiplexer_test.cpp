@@ -424,10 +424,12 @@ TEST_F(MultiplexerTest, BindingChecksInOrder) {
       mux.setRoutineClient(std::make_unique<FakeRoutine>());
     log_->clear();
     EXPECT_EQ(mux.initBindings(), missing.empty());
-    if (logged != nullptr)
+    if (logged != nullptr) {
       EXPECT_EQ(log_->messages(), std::vector<std::string>{logged});
-    if (ILumChannel* usb = mux.channel(ACTIVE_USB))
+    }
+    if (ILumChannel* usb = mux.channel(ACTIVE_USB)) {
       EXPECT_EQ(static_cast<bool>(usb->signalQueryControl), missing.empty());
+    }
   }
 }
 
