@@ -66,38 +66,25 @@ class TestLogic : public Logic {
   TestLogic(std::shared_ptr<Persistence> persistence, Arbiter& arbiter)
       : Logic(std::move(persistence)) {
     signalRequestExclusiveControl = [&arbiter](uint32_t channel) {
-      if (arbiter.holder != ACTIVE_NONE && arbiter.holder != channel) {
-        return false;
-      }
-      arbiter.holder = channel;
-      return true;
+      const bool free = arbiter.holder == ACTIVE_NONE || arbiter.holder == channel;
+      arbiter.holder = free ? channel : arbiter.holder;
+      return free;
     };
     signalRequestInterface = [&arbiter](uint32_t channel) {
       return arbiter.holder == channel ? std::static_pointer_cast<DiagLUMControlClient>(arbiter.lum)
                                        : nullptr;
     };
     signalRelinquish = [&arbiter](uint32_t channel) {
-      if (arbiter.holder != channel) {
-        return false;
-      }
-      arbiter.holder = ACTIVE_NONE;
-      return true;
+      const bool held = arbiter.holder == channel;
+      arbiter.holder = held ? ACTIVE_NONE : arbiter.holder;
+      return held;
     };
     signalQueryControl = [&arbiter] { return arbiter.holder; };
     signalQueryAlive = [&arbiter] { return arbiter.alive; };
-    signalSetUpdateType = [&arbiter](uint32_t type) {
-      arbiter.updateType = type;
-      return true;
-    };
+    signalSetUpdateType = [&arbiter](uint32_t type) { return arbiter.updateType = type, true; };
     signalGetUpdateType = [&arbiter] { return arbiter.updateType; };
-    signalSetUpdateTimestampStart = [&arbiter] {
-      arbiter.stamps.push_back("start");
-      return true;
-    };
-    signalSetUpdateTimestampEnd = [&arbiter] {
-      arbiter.stamps.push_back("end");
-      return true;
-    };
+    signalSetUpdateTimestampStart = [&arbiter] { return arbiter.stamps.push_back("start"), true; };
+    signalSetUpdateTimestampEnd = [&arbiter] { return arbiter.stamps.push_back("end"), true; };
   }
 
   using Logic::seqCloseDomainUpdate;

@@ -16,6 +16,7 @@
 
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "interfaces/lum/diag_lum_control_client.h"
+#include "logic/testing/fake_channels.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/simulated_clock.h"
@@ -30,69 +31,9 @@ using kel::vxp3::minfw::testing::ScopedLogCapture;
 using kel::vxp3::minfw::testing::SimulatedClock;
 using kel::vxp3::minfw::testing::TempDir;
 
-// A channel that records every event it receives and every diagnostic start.
-class FakeChannel : public ILumChannel {
- public:
-  bool init() override { return true; }
-  bool diagTriggerStartUpdate(const std::string& ctrlOptions, int override) override {
-    record(cat("diagTriggerStartUpdate(", ctrlOptions, ",", override, ")"));
-    return acceptDiagStart;
-  }
-
-  void eventDomainUpdateFinishedNotification(uint16_t riid) override {
-    record(cat("finished(", riid, ")"));
-  }
-  void eventDomainReadyForDownloadNotification(uint16_t riid,
-                                               const lum11::ReadyForDownloadInfo&) override {
-    record(cat("readyForDownload(", riid, ")"));
-  }
-  void eventDomainReadyForUpdateNotification(uint16_t riid,
-                                             const lum11::ReadyForUpdateInfo&) override {
-    record(cat("readyForUpdate(", riid, ")"));
-  }
-  void eventDomainOffTimeNotification(uint16_t riid, uint16_t timeout) override {
-    record(cat("offTime(", riid, ",", timeout, ")"));
-  }
-  void eventDomainErrorNotification(uint16_t riid, uint32_t errorCode) override {
-    record(cat("error(", riid, ",", errorCode, ")"));
-  }
-  void eventDebugMessageNotification(uint16_t riid, const std::string& id,
-                                     const std::string& message) override {
-    record(cat("debug(", riid, ",", id, ",", message, ")"));
-  }
-  void eventResolveUpdateURLRequest(const ResolveUpdateURLRequest& request) override {
-    record(cat("resolve(", request.fileNames.size(), ",", request.updateURLRequestID[15], ")"));
-  }
-  void eventConnection(bool connected) override { record(cat("connection(", connected, ")")); }
-  void eventInternal(int value) override { record(cat("internal(", value, ")")); }
-
-  std::vector<std::string> calls() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
-
-  bool acceptDiagStart = true;
-
- private:
-  void record(const std::string& call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(call);
-  }
-  std::mutex mutex_;
-  std::vector<std::string> calls_;
-};
-
-class FakeRoutine : public IRoutine {
- public:
-  bool connect() override { return connects; }
-  bool connects = false;
-};
-
-class FakeMesswert : public IMesswert {
- public:
-  bool connect() override { return connects; }
-  bool connects = true;
-};
+using testing::FakeChannel;
+using testing::FakeMesswert;
+using testing::FakeRoutine;
 
 // Exposes the wiring seams and counts intercepted events.
 class TestMultiplexer : public Multiplexer {
@@ -457,62 +398,37 @@ TEST_F(MultiplexerTest, DiagnosticStart) {
   }
 }
 
+// Binding stops at the first missing piece, in this order, and binds no channel then.
 TEST_F(MultiplexerTest, BindingChecksInOrder) {
-  struct Row {
-    const char* proves;
-    int channels;  // fake channels added; -1: one real and one empty entry; -2: the reverse
-    bool lum;
-    bool messwert;
-    bool routine;
-    bool expected;
-    const char* logged;
-    bool usbBound;  // whether the USB channel's entry got its slots
+  const std::vector<std::pair<std::string, const char*>> rows = {
+      {"usb channel", "Not all interfaces initialized!"},  // channels are checked first
+      {"lum", "LUM object not defined!"},
+      {"messwert", "diagMesswert not defined!"},
+      {"routine", "diagRoutineCtrl not defined!"},
+      {"usb entry", "Input signal for [1] is undefined!"},  // an empty place
+      {"dm entry", "Input signal for [0] is undefined!"},   // checked before the USB channel
+      {"", nullptr},
   };
-  const std::vector<Row> rows = {
-      {"channels are checked first", 1, true, true, true, false, "Not all interfaces initialized!",
-       false},
-      {"then the LUM client", 2, false, true, true, false, "LUM object not defined!", false},
-      {"then the measurement client", 2, true, false, true, false, "diagMesswert not defined!",
-       false},
-      {"then the routine client", 2, true, true, false, false, "diagRoutineCtrl not defined!",
-       false},
-      {"an empty channel entry ends it", -1, true, true, true, false,
-       "Input signal for [1] is undefined!", false},
-      {"an empty place of the diagnostic master ends it before the USB channel", -2, true, true,
-       true, false, "Input signal for [0] is undefined!", false},
-      {"everything present binds", 2, true, true, true, true, nullptr, true},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
+  for (const auto& [missing, logged] : rows) {
+    SCOPED_TRACE(missing);
     TestMultiplexer mux(persistence_);
-    if (row.channels == -1) {
-      mux.addChannel(std::make_unique<FakeChannel>());
-      mux.addChannel(nullptr);
-    }
-    if (row.channels == -2) {
-      mux.addChannel(nullptr);
-      mux.addChannel(std::make_unique<FakeChannel>());
-    }
-    for (int i = 0; i < row.channels; ++i) {
-      mux.addChannel(std::make_unique<FakeChannel>());
-    }
-    if (row.lum) {
+    mux.addChannel(std::unique_ptr<ILumChannel>(missing == "dm entry" ? nullptr : new FakeChannel));
+    if (missing != "usb channel")
+      mux.addChannel(
+          std::unique_ptr<ILumChannel>(missing == "usb entry" ? nullptr : new FakeChannel));
+    if (missing != "lum")
       mux.setLumClient(makeLumClient());
-    }
-    if (row.messwert) {
+    if (missing != "messwert")
       mux.setMesswertClient(std::make_unique<FakeMesswert>());
-    }
-    if (row.routine) {
+    if (missing != "routine")
       mux.setRoutineClient(std::make_unique<FakeRoutine>());
-    }
     log_->clear();
-    EXPECT_EQ(mux.initBindings(), row.expected);
-    if (row.logged != nullptr) {
-      EXPECT_EQ(log_->messages(), std::vector<std::string>{row.logged});
+    EXPECT_EQ(mux.initBindings(), missing.empty());
+    if (logged != nullptr) {
+      EXPECT_EQ(log_->messages(), std::vector<std::string>{logged});
     }
-    ILumChannel* usb = mux.channel(ACTIVE_USB);
-    if (usb != nullptr) {
-      EXPECT_EQ(static_cast<bool>(usb->signalQueryControl), row.usbBound);
+    if (ILumChannel* usb = mux.channel(ACTIVE_USB)) {
+      EXPECT_EQ(static_cast<bool>(usb->signalQueryControl), missing.empty());
     }
   }
 }

@@ -15,6 +15,7 @@
 
 #include "interfaces/lum/testing/fake_lum.h"
 #include "logic/multiplexer.h"
+#include "logic/testing/fake_channels.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/simulated_clock.h"
 #include "minfw/testing/temp_dir.h"
@@ -65,37 +66,15 @@ struct Files {
   std::shared_ptr<Persistence> record =
       std::make_shared<Persistence>(dir.path(), "persistence.json");
 };
-// Binding asks for both diagnosis clients; these tests need neither to connect.
-struct NoRoutine : IRoutine {
-  bool connect() override { return false; }
-};
-struct NoMesswert : IMesswert {
-  bool connect() override { return false; }
-};
-// The USB channel's place: these tests take its control through the Multiplexer directly.
-struct IdleUsbChannel : ILumChannel {
-  bool init() override { return true; }
-  void eventDomainUpdateFinishedNotification(uint16_t) override {}
-  void eventDomainReadyForDownloadNotification(uint16_t,
-                                               const lum11::ReadyForDownloadInfo&) override {}
-  void eventDomainReadyForUpdateNotification(uint16_t, const lum11::ReadyForUpdateInfo&) override {}
-  void eventDomainOffTimeNotification(uint16_t, uint16_t) override {}
-  void eventDomainErrorNotification(uint16_t, uint32_t) override {}
-  void eventDebugMessageNotification(uint16_t, const std::string&, const std::string&) override {}
-  void eventResolveUpdateURLRequest(const ResolveUpdateURLRequest&) override {}
-  void eventConnection(bool) override {}
-  void eventInternal(int) override {}
-};
-
 // The service as channel 0 of a real Multiplexer; the USB channel is its value 1 there.
 struct Rig : Files, Multiplexer {
   explicit Rig(SimulatedClock& c, bool bind = true) : Multiplexer(record), clock(c) {
     addChannel(std::make_unique<Service>("1"));
     dm = static_cast<Service*>(channel(ACTIVE_DM));
-    addChannel(std::make_unique<IdleUsbChannel>());
+    addChannel(std::make_unique<orv::testing::FakeChannel>());  // USB: taken directly here
     setLumClient(lum);
-    setRoutineClient(std::make_unique<NoRoutine>());
-    setMesswertClient(std::make_unique<NoMesswert>());
+    setRoutineClient(std::make_unique<orv::testing::FakeRoutine>());
+    setMesswertClient(std::make_unique<orv::testing::FakeMesswert>());
     if (bind) {
       initBindings();
     }

@@ -1,10 +1,11 @@
 #pragma once
 // FakeLum: a LUM facade for the tests of what calls the LUM. Every call is logged by name and
 // answered from `script`: per operation a queue of return statuses (kNoAnswer: no answer at
-// all), ok once the queue is empty. Session-state answers report `states` one by one, then
-// `state` for good. `onCall` runs inside every call, outside the fake's lock, so it may hold the
-// caller. Calls without waiting are answered at once on the caller's thread, except those of the
-// operations in `deferred`, whose answers wait for answerDeferred().
+// all), ok once the queue is empty. Session-state answers report `state`; progress is half
+// done; the download and update infos carry installation times 11 and 22. `onCall` runs inside
+// every call, outside the fake's lock, so it may hold the caller. Calls without waiting are
+// answered at once on the caller's thread, except those of the operations in `deferred`, whose
+// answers wait for answerDeferred().
 //
 // Threading: calls, count(), calls() and answerDeferred() are thread-safe; the public members
 // are set while no call runs.
@@ -32,12 +33,7 @@ class FakeLum : public DiagLUMControlClient {
   FakeLum() : DiagLUMControlClient(std::make_unique<Client>()) {}
 
   std::map<std::string, std::deque<uint32_t>> script;
-  std::deque<PS> states;
   PS state = PS::verifying;
-  int64_t processed = 50, total = 100;
-  uint32_t resultCode = 0;
-  lum11::ReadyForDownloadInfo downloadInfo{11, 1000};
-  lum11::ReadyForUpdateInfo updateInfo{22, 2000};
   std::string configuration;
   std::vector<lum11::UpdateUrlResponseStruct> urlResponses;
   std::function<void(const std::string& op)> onCall;
@@ -89,20 +85,19 @@ class FakeLum : public DiagLUMControlClient {
   }                                                                           \
   static_assert(true)
   FAKE_LUM_OPERATION(getDomainUpdateSessionState, GetDomainUpdateSessionStateOutput,
-                     out.currentProcessingState = nextState());
+                     out.currentProcessingState = state);
   FAKE_LUM_OPERATION(startDomainUpdateDownload, StartDomainUpdateDownloadOutput, );
   FAKE_LUM_OPERATION(getDomainUpdateDownloadProgress, GetDomainUpdateDownloadProgressOutput,
-                     (out.processedBytes = processed, out.totalBytes = total));
+                     (out.processedBytes = 50, out.totalBytes = 100));
   FAKE_LUM_OPERATION(startDomainUpdate, StartDomainUpdateOutput, );
   FAKE_LUM_OPERATION(getDomainUpdateProgress, GetDomainUpdateProgressOutput,
-                     (out.processedBytes = processed, out.totalBytes = total));
+                     (out.processedBytes = 50, out.totalBytes = 100));
   FAKE_LUM_OPERATION(cancelDomainUpdate, CancelDomainUpdateOutput, );
   FAKE_LUM_OPERATION(getDomainDownloadInfo, GetDomainDownloadInfoOutput,
-                     out.readyForDownloadInfo = downloadInfo);
+                     (out.readyForDownloadInfo = {11, 1000}));
   FAKE_LUM_OPERATION(getDomainUpdateInfo, GetDomainUpdateInfoOutput,
-                     out.readyForUpdateInfo = updateInfo);
-  FAKE_LUM_OPERATION(getDomainUpdateResult, getDomainUpdateResultOutput,
-                     out.domainResult.resultCode = resultCode);
+                     (out.readyForUpdateInfo = {22, 2000}));
+  FAKE_LUM_OPERATION(getDomainUpdateResult, getDomainUpdateResultOutput, );
   FAKE_LUM_OPERATION(closeDomainUpdateSession, CloseDomainUpdateSessionOutput, );
   FAKE_LUM_OPERATION(checkProgrammingPreconditions, CheckProgrammingPreconditionsOutput, );
 #undef FAKE_LUM_OPERATION
@@ -121,14 +116,6 @@ class FakeLum : public DiagLUMControlClient {
   }
 
  private:
-  PS nextState() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!states.empty()) {
-      state = states.front();
-      states.pop_front();
-    }
-    return state;
-  }
   void log(const std::string& op) {
     std::lock_guard<std::mutex> lock(mutex_);
     calls_.push_back(op);
@@ -165,7 +152,7 @@ class FakeLum : public DiagLUMControlClient {
     done(answered, out);
   }
 
-  mutable std::mutex mutex_;  // guards calls_, deferred_, and the script and states in calls
+  mutable std::mutex mutex_;  // guards calls_, deferred_, and the script in calls
   std::vector<std::string> calls_;
   std::vector<std::function<void()>> deferred_;
 };
