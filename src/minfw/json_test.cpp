@@ -40,19 +40,6 @@ std::string exact(const std::string& text) {
   return std::string(text.begin(), text.end());
 }
 
-// Parses with parse_next and checks the position invariant; over-long numbers may throw.
-JSON parseChecked(const std::string& text) {
-  const std::string input = exact(text);
-  std::size_t offset = 0;
-  JSON value;
-  try {
-    value = utils::parse_next(input, offset);
-  } catch (const std::exception&) {
-  }
-  EXPECT_LE(offset, input.size()) << "input: " << text;
-  return value;
-}
-
 // ---- the parser on small inputs -------------------------------------------------------------
 
 // parse_next on one value: what it returns (its dump also tells its class), where it stops and
@@ -71,21 +58,16 @@ TEST(JsonParse, ValuesAdvanceAndReportAsDocumented) {
        "ERROR: Null: Expected 'null', found [nul]"},
       {"tru is the Bool error", "tru", "null", 0,
        "ERROR: Bool: Expected 'true' or 'false', found [tru]"},
-      {"a bool reads up to five characters", "fals", "null", 0,
-       "ERROR: Bool: Expected 'true' or 'false', found [fals]"},
       {"false advances five", "false,", "false", 5, ""},
       {"true advances four", "true]", "true", 4, ""},
       {"leading whitespace is skipped", " \t\n\r\v\ftrue", "true", 10, ""},
       {"-12 is Integral", "-12", "18446744073709551604", 3, ""},
-      {"1.5 is Floating", "1.5", "1.500000", 3, ""},
       {"2e3 is Floating 2000", "2e3", "2000.000000", 3, ""},
       {"negative exponent on a fraction", "25.0E-2 ", "0.250000", 7, ""},
       {"a number stops on its terminator", "12]", "12", 2, ""},
       {"1.5x reports the x", "1.5x", "null", 3, "ERROR: Number: unexpected character [x]"},
       {"an exponent sign + is not a digit", "2e+3", "null", 2,
        "ERROR: Number: Expected a number for exponent, found [+]"},
-      {"exponent digits end only at a terminator", "2e3x", "null", 3,
-       "ERROR: Number: Expected a number for exponent, found [x]"},
       {"the end of the input is an unknown start", "", "null", 0,
        "ERROR: Parse: Unknown starting character [" + kEnd + "]"},
       {"a stray character is an unknown start", "  @", "null", 2,
@@ -174,7 +156,12 @@ TEST(JsonParse, DocumentsTheirPartialResultsAndTrailingText) {
 void expectReported(const std::string& input) {
   SCOPED_TRACE(input);
   ScopedLogCapture cap;
-  parseChecked(input);
+  std::size_t offset = 0;
+  try {
+    utils::parse_next(exact(input), offset);
+  } catch (const std::exception&) {  // over-long numbers may throw
+  }
+  EXPECT_LE(offset, input.size());
   cap->clear();
   JSON::Load(exact(input));
   EXPECT_FALSE(cap->records().empty());
@@ -271,11 +258,8 @@ TEST(JsonDump, TextsAsDocumented) {
   };
   const std::vector<Case> cases = {
       {"Floating has six decimals and no exponent", JSON(1e20), "100000000000000000000.000000"},
-      {"the largest double prints in full", JSON(1.7976931348623157e308),
-       "179769313486231570814527423731704356798070567525844996598917476803157260780028538760589558"
-       "632766878171540458953514382464234321326889464182768467546703537516986049910576551282076245"
-       "490090389328944075868508455133942304583236903222948165808559332123348274797826204144723168"
-       "738177180919299881250404026184124858368.000000"},
+      {"a double too long for the print buffer prints in full", JSON(1e60),
+       "999999999999999949387135297074018866963645011013410073083904.000000"},
       {"small Floating rounds to zero", JSON(1e-9), "0.000000"},
       {"seven characters are escaped, slash and controls are not", JSON("\"\\\b\f\n\r\t/\x01"),
        "\"\\\"\\\\\\b\\f\\n\\r\\t/\x01\""},
@@ -298,33 +282,28 @@ TEST(JsonValue, ContainersConvertGrowAndCopyDeeply) {
   JSON record = JSON("not an object");
   record["timestamps"]["start-date"] = "01.01.2024";  // a String becomes an Object
   record["progress"] = 50u;
-  EXPECT_EQ(record.size(), 2u);
-  ASSERT_NE(record.find("timestamps"), nullptr);
-  EXPECT_EQ(record.find("timestamps")->find("start-date")->ToString(), "01.01.2024");
-  EXPECT_FALSE(record.hasKey("Progress"));  // exact keys
-  EXPECT_EQ(record.find("progress")->ToInt(), 50);
-
   JSON copy = record;
   copy["timestamps"]["start-date"] = "changed";
   EXPECT_TRUE(copy.erase("progress"));
   EXPECT_FALSE(copy.erase("progress"));
-  EXPECT_EQ(record.find("timestamps")->find("start-date")->ToString(), "01.01.2024");
-  EXPECT_TRUE(record.hasKey("progress"));
+  EXPECT_EQ(
+      record.dump(),
+      "{\n  \"progress\" : 50,\n  \"timestamps\" : {\n    \"start-date\" : \"01.01.2024\"\n  }\n}")
+      << "the copy was deep";
+  ASSERT_NE(record.find("progress"), nullptr);
+  EXPECT_EQ(record.find("progress")->ToInt(), 50);
+  EXPECT_EQ(record.find("Progress"), nullptr) << "exact keys";
 
   JSON list = 5;
   list[2] = "c";  // an Integral becomes an Array padded with Nulls
-  EXPECT_EQ(list.dump(), "[null, null, \"c\"]");
   list.append(int64_t{-3});
-  EXPECT_EQ(list.size(), 4u);
-  EXPECT_EQ(list.ArrayRange().back().ToInt(), -3);
-
   JSON assigned;
   assigned = list;
   list[0] = true;
-  EXPECT_EQ(assigned.dump(), "[null, null, \"c\", 18446744073709551613]");
   const JSON& self = assigned;
   assigned = self;
-  EXPECT_EQ(assigned.size(), 4u);
+  EXPECT_EQ(assigned.dump(), "[null, null, \"c\", 18446744073709551613]");
+  EXPECT_EQ(assigned.ArrayRange().back().ToInt(), -3);
 }
 
 }  // namespace

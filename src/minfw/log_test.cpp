@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -123,21 +122,7 @@ TEST_F(LoggerTest, FilteringAndCachedLocations) {
   EXPECT_EQ(records[5].location, "Unknown::other(6)");
 }
 
-TEST(TextHelpers, LevelsHexAndPieces) {
-  struct Row {
-    const char* text;
-    uint8_t level;
-    const char* lowered;
-  };
-  const Row rows[] = {
-      {"trace", 0, "trace"}, {"FATAL", 5, "fatal"},     {"Deb", 1, "deb"},
-      {"", 0, ""},           {"warning", 0, "warning"},
-  };
-  for (const Row& row : rows) {
-    std::string text = row.text;
-    EXPECT_EQ(levelFromText(text), row.level) << row.text;
-    EXPECT_EQ(text, row.lowered);
-  }
+TEST(TextHelpers, HexAndPieces) {
   EXPECT_EQ(hexText({}), "");
   EXPECT_EQ(hexText({0x0f, 0xa0, 0xff, 0x00}), "0fa0ff00");
   EXPECT_EQ(hexText("\xde\xad", 2), "dead");
@@ -179,25 +164,15 @@ TEST_F(LoggerTest, ConsoleLineHasTheExactLayout) {
   // Through the logger, which init() gave a Console.
   Logger::instance().log("started", "GLOBAL", kWarn, "void orv::Logic::seqStart()", "seqStart",
                          120);
-  std::istringstream lines(GetCapturedStdout());
-  for (const Row& row : rows) {
-    std::string line;
-    ASSERT_TRUE(std::getline(lines, line)) << row.message;
-    const std::string pad =
-        row.location.size() < 25 ? std::string(25 - row.location.size(), ' ') : "";
-    const std::regex layout(std::regex_replace(row.colour, std::regex("\\["), "\\[") +
-                            "\\[\\d\\d:[0-5]\\d:[0-6]\\d:\\d\\d\\d\\]     Orvane ");
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(line, m, layout, std::regex_constants::match_continuous)) << line;
-    EXPECT_EQ(m.suffix().str(), pad + row.location + " | " + row.message + "\033[0m");
-  }
-  std::string last;
-  ASSERT_TRUE(std::getline(lines, last));
-  EXPECT_TRUE(
-      std::regex_match(last, std::regex("\033\\[36m\\[[0-9:]{12}\\]     Orvane  "
-                                        "orv::Logic::seqStart\\(120\\) \\| started\033\\[0m")))
-      << last;
-  EXPECT_FALSE(std::getline(lines, last)) << "one line per record";
+  // The time of day varies; everything else is exact, one line per record.
+  const std::string out = std::regex_replace(
+      GetCapturedStdout(), std::regex("\\[\\d\\d:[0-5]\\d:[0-6]\\d:\\d\\d\\d\\]"), "[T]");
+  std::string expected;
+  for (const Row& row : rows)
+    expected += cat(row.colour, "[T]     Orvane ",
+                    std::string(row.location.size() < 25 ? 25 - row.location.size() : 0, ' '),
+                    row.location, " | ", row.message, "\033[0m\n");
+  EXPECT_EQ(out, expected + "\033[36m[T]     Orvane  orv::Logic::seqStart(120) | started\033[0m\n");
 }
 
 // Throws what the message names.

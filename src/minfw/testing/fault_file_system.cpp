@@ -200,10 +200,6 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
   return fd;
 }
 
-ssize_t FaultFileSystem::read(int fd, void* buffer, std::size_t count) {
-  return real_.read(fd, buffer, count);
-}
-
 ssize_t FaultFileSystem::pread(int fd, void* buffer, std::size_t count, off_t offset) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!enter(Op::kPread, describe(fd)))
@@ -219,14 +215,6 @@ ssize_t FaultFileSystem::write(int fd, const void* buffer, std::size_t count) {
   if (cut != shortWrites_.end() && cut->second < count)
     count = cut->second;
   return real_.write(fd, buffer, count);
-}
-
-ssize_t FaultFileSystem::pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
-  return real_.pwrite(fd, buffer, count, offset);
-}
-
-off_t FaultFileSystem::lseek(int fd, off_t offset, int whence) {
-  return real_.lseek(fd, offset, whence);
 }
 
 int FaultFileSystem::fsync(int fd) {
@@ -259,30 +247,6 @@ int FaultFileSystem::close(int fd) {
     return -1;
   }
   return real_.close(fd);
-}
-
-int FaultFileSystem::fchmodat(int dirfd, const char* path, mode_t mode, int flags) {
-  return real_.fchmodat(dirfd, path, mode, flags);
-}
-
-int FaultFileSystem::ftruncate(int fd, off_t length) {
-  return real_.ftruncate(fd, length);
-}
-
-int FaultFileSystem::truncate(const char* path, off_t length) {
-  return real_.truncate(path, length);
-}
-
-int FaultFileSystem::fstat(int fd, struct stat* status) {
-  return real_.fstat(fd, status);
-}
-
-int FaultFileSystem::stat(const char* path, struct stat* status) {
-  return real_.stat(path, status);
-}
-
-int FaultFileSystem::posix_fadvise(int fd, off_t offset, off_t length, int advice) {
-  return real_.posix_fadvise(fd, offset, length, advice);
 }
 
 int FaultFileSystem::chmod(const char* path, mode_t mode) {

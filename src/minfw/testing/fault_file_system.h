@@ -75,22 +75,29 @@ class FaultFileSystem : public FileSystem {
   std::vector<std::string> trace() const;
 
   int openat(int dirfd, const char* path, int flags, mode_t mode) override;
-  ssize_t read(int fd, void* buffer, std::size_t count) override;
   ssize_t pread(int fd, void* buffer, std::size_t count, off_t offset) override;
   ssize_t write(int fd, const void* buffer, std::size_t count) override;
-  ssize_t pwrite(int fd, const void* buffer, std::size_t count, off_t offset) override;
-  off_t lseek(int fd, off_t offset, int whence) override;
   int fsync(int fd) override;
   int close(int fd) override;
-  int fchmodat(int dirfd, const char* path, mode_t mode, int flags) override;
-  int ftruncate(int fd, off_t length) override;
-  int truncate(const char* path, off_t length) override;
-  int fstat(int fd, struct stat* status) override;
-  int stat(const char* path, struct stat* status) override;
-  int posix_fadvise(int fd, off_t offset, off_t length, int advice) override;
   int chmod(const char* path, mode_t mode) override;
   int chown(const char* path, uid_t owner, gid_t group) override;
   int rename(const char* from, const char* to) override;
+  // Not faulted, not recorded.
+  ssize_t read(int fd, void* b, std::size_t n) override { return real_.read(fd, b, n); }
+  ssize_t pwrite(int fd, const void* b, std::size_t n, off_t at) override {
+    return real_.pwrite(fd, b, n, at);
+  }
+  off_t lseek(int fd, off_t at, int whence) override { return real_.lseek(fd, at, whence); }
+  int fchmodat(int dirfd, const char* path, mode_t mode, int flags) override {
+    return real_.fchmodat(dirfd, path, mode, flags);
+  }
+  int ftruncate(int fd, off_t length) override { return real_.ftruncate(fd, length); }
+  int truncate(const char* path, off_t length) override { return real_.truncate(path, length); }
+  int fstat(int fd, struct stat* status) override { return real_.fstat(fd, status); }
+  int stat(const char* path, struct stat* status) override { return real_.stat(path, status); }
+  int posix_fadvise(int fd, off_t at, off_t length, int advice) override {
+    return real_.posix_fadvise(fd, at, length, advice);
+  }
 
  private:
   struct Fault {

@@ -103,35 +103,21 @@ class Child {
   int status_ = 0;
 };
 
-sockaddr_in6 loopback(int port) {
+// Port 0: binds [::1] to a free port and returns it. Otherwise connects to [::1]:port and returns
+// it when something listens there. -1 on failure.
+int loopback(int port) {
+  const int fd = socket(AF_INET6, SOCK_STREAM, 0);
   sockaddr_in6 addr{};
   addr.sin6_family = AF_INET6;
   addr.sin6_addr = in6addr_loopback;
   addr.sin6_port = htons(static_cast<uint16_t>(port));
-  return addr;
-}
-
-int freeLoopbackPort() {
-  const int fd = socket(AF_INET6, SOCK_STREAM, 0);
-  sockaddr_in6 addr = loopback(0);
+  auto* raw = reinterpret_cast<sockaddr*>(&addr);
   socklen_t len = sizeof(addr);
-  int port = -1;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-    port = ntohs(addr.sin6_port);
+  const bool ok = fd >= 0 && (port == 0 ? bind(fd, raw, len) == 0 && getsockname(fd, raw, &len) == 0
+                                        : connect(fd, raw, len) == 0);
   if (fd >= 0)
     close(fd);
-  return port;
-}
-
-bool accepts(int port) {
-  const int fd = socket(AF_INET6, SOCK_STREAM, 0);
-  const sockaddr_in6 addr = loopback(port);
-  const bool ok =
-      fd >= 0 && connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == 0;
-  if (fd >= 0)
-    close(fd);
-  return ok;
+  return ok ? ntohs(addr.sin6_port) : -1;
 }
 
 // In-process channels talk to an empty pipe directory, never to a daemon of the host.
@@ -162,17 +148,14 @@ TEST(ChannelIds, EachNameGetsItsOwnFourCharacterIdUntilItsLastChannelGoes) {
   // Levels the daemon test does not send.
   EXPECT_EQ(tracing::Channel::dltLevel(-1), DLT_LOG_INFO);
   EXPECT_EQ(tracing::Channel::dltLevel(7), DLT_LOG_INFO);
-}
 
-TEST(ChannelFilter, DisabledOrBelowFilterLevelIsDropped) {
-  useEmptyPipeDir();
-  tracing::Channel channel("LUM_Orvane_FILTER", 7, 2);
-  EXPECT_FALSE(channel.log(5, "not enabled yet")) << "a new channel is silent";
-  channel.enable();
-  EXPECT_FALSE(channel.log(5, "below the default level 7"));
-  channel.setFilterLevel(3);
-  EXPECT_FALSE(channel.log(2, "below the filter level"));
-  EXPECT_TRUE(channel.log(3, "at the filter level")) << "buffered by libdlt without a daemon";
+  // Filtering: disabled or below the filter level is dropped.
+  EXPECT_FALSE(again.log(5, "not enabled yet")) << "a new channel is silent";
+  again.enable();
+  EXPECT_FALSE(again.log(5, "below the default level 7"));
+  again.setFilterLevel(3);
+  EXPECT_FALSE(again.log(2, "below the filter level"));
+  EXPECT_TRUE(again.log(3, "at the filter level")) << "buffered by libdlt without a daemon";
 }
 
 class DltDaemonTest : public ::testing::Test {
@@ -182,40 +165,39 @@ class DltDaemonTest : public ::testing::Test {
     ASSERT_EQ(std::system("command -v dlt-daemon dlt-receive stdbuf >/dev/null"), 0)
         << "dlt-daemon, dlt-receive or stdbuf missing: run scripts/setup";
   }
-  std::string file(const std::string& name) const { return run_.path() + "/" + name; }
 
   TempDir run_;
 };
 
 TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
-  const int port = freeLoopbackPort();
+  const int port = loopback(0);
   ASSERT_GT(port, 0);
   {
-    std::ofstream conf(file("dlt.conf"));
+    std::ofstream conf(run_.file("dlt.conf"));
     conf << "SendContextRegistration = 1\nECUId = ECU1\nSharedMemorySize = 100000\n"
-         << "LoggingMode = 0\nLoggingLevel = 6\nLoggingFilename = " << file("daemon-own.log")
+         << "LoggingMode = 0\nLoggingLevel = 6\nLoggingFilename = " << run_.file("daemon-own.log")
          << "\nTimeOutOnSend = 4\nRingbufferMinSize = 500000\nRingbufferMaxSize = 10000000\n"
          << "RingbufferStepSize = 500000\nBindAddress = ::1\nUDPConnectionSetup = 0\n"
-         << "ControlSocketPath = " << file("dlt-ctrl.sock")
+         << "ControlSocketPath = " << run_.file("dlt-ctrl.sock")
          << "\nPersistanceStoragePath = " << run_.path() << "\n";
   }
   Child daemon(
-      {"dlt-daemon", "-c", file("dlt.conf"), "-t", run_.path(), "-p", std::to_string(port)}, {},
-      file("daemon.out"), file("daemon.out"));
+      {"dlt-daemon", "-c", run_.file("dlt.conf"), "-t", run_.path(), "-p", std::to_string(port)},
+      {}, run_.file("daemon.out"), run_.file("daemon.out"));
   ASSERT_TRUE(daemon.started());
-  ASSERT_TRUE(waitUntil(10s, [&] { return accepts(port); }))
+  ASSERT_TRUE(waitUntil(10s, [&] { return loopback(port) == port; }))
       << "dlt-daemon did not listen on [::1]:" << port << "\n"
-      << readFile(file("daemon.out"));
+      << readFile(run_.file("daemon.out"));
 
   Child receiver({"stdbuf", "-oL", "dlt-receive", "-a", "::1", "-p", std::to_string(port)}, {},
-                 file("received.txt"), file("receive.err"));
+                 run_.file("received.txt"), run_.file("receive.err"));
   ASSERT_TRUE(receiver.started());
 
   Child probe(targetCommand({CHANNEL_PROBE_PATH, "records"}), {"DLT_PIPE_DIR=" + run_.path()},
-              file("probe.out"), file("probe.err"));
+              run_.file("probe.out"), run_.file("probe.err"));
   ASSERT_TRUE(probe.waitExit(8s)) << "the probe did not finish";
-  EXPECT_EQ(probe.exitCode(), 0) << readFile(file("probe.err"));
-  EXPECT_EQ(readFile(file("probe.out")), "ids GLOB PERS GLO1\n");
+  EXPECT_EQ(probe.exitCode(), 0) << readFile(run_.file("probe.err"));
+  EXPECT_EQ(readFile(run_.file("probe.out")), "ids GLOB PERS GLO1\n");
 
   struct Row {
     const char* context;
@@ -223,24 +205,22 @@ TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
     std::string text;  // a regular expression
     const char* proves;
   };
-  const Row rows[] = {
-      {"GLOB", "verbose", "global level 0", "trace is sent as verbose"},
-      {"GLOB", "debug", "global level 1", "debug"},
-      {"GLOB", "info", "global level 2", "info"},
-      {"GLOB", "warn", "global level 3", "warn"},
-      {"GLOB", "error", "global level 4", "error"},
-      {"GLOB", "fatal", "global level 5", "fatal"},
-      {"GLOB", "info", "global level 6", "above fatal is sent as info"},
+  std::vector<Row> rows = {
       {"PERS", "warn", "pers warn", "a name sharing the first four characters has its own id"},
       {"GLO1", "error", "other error", "a colliding last part has its own id"},
       {"PERS", "info", "long y{1375}\\.\\.\\.", "a long text arrives cut to 1383 bytes"},
   };
+  // Trace is sent as verbose, levels above fatal as info.
+  const char* const dltLevels[] = {"verbose", "debug", "info", "warn", "error", "fatal", "info"};
+  for (int level = 0; level <= 6; ++level)
+    rows.push_back(
+        {"GLOB", dltLevels[level], "global level " + std::to_string(level), "its DLT level"});
   auto lineOf = [](const Row& row) {
     return std::regex(std::string(" ECU1 CHAN ") + row.context + " log " + row.level + " V 1 \\[" +
                       row.text + "\\]");
   };
   auto allArrived = [&] {
-    const std::string received = readFile(file("received.txt"));
+    const std::string received = readFile(run_.file("received.txt"));
     for (const Row& row : rows) {
       if (!std::regex_search(received, lineOf(row)))
         return false;
@@ -248,22 +228,23 @@ TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
     return true;
   };
   waitUntil(20s, allArrived);
-  const std::string received = readFile(file("received.txt"));
+  const std::string received = readFile(run_.file("received.txt"));
   for (const Row& row : rows)
-    EXPECT_TRUE(std::regex_search(received, lineOf(row))) << row.proves << "\n" << received;
+    EXPECT_TRUE(std::regex_search(received, lineOf(row))) << row.proves << ": " << row.text << "\n"
+                                                          << received;
 }
 
 TEST_F(DltDaemonTest, WithoutDaemonLoggingNeitherBlocksNorHoldsTheExit) {
   // The pipe directory exists but no daemon serves it.
   Child probe(targetCommand({CHANNEL_PROBE_PATH, "flood"}), {"DLT_PIPE_DIR=" + run_.path()},
-              file("probe.out"), file("probe.err"));
+              run_.file("probe.out"), run_.file("probe.err"));
   ASSERT_TRUE(probe.started());
   // libdlt would wait 10 s at exit for a daemon; 8 s is generous for the rest.
   ASSERT_TRUE(probe.waitExit(8s)) << "a process that logged without a daemon did not exit";
-  EXPECT_EQ(probe.exitCode(), 0) << readFile(file("probe.err"));
-  EXPECT_EQ(readFile(file("probe.out")), "logged 10000\n")
+  EXPECT_EQ(probe.exitCode(), 0) << readFile(run_.file("probe.err"));
+  EXPECT_EQ(readFile(run_.file("probe.out")), "logged 10000\n")
       << "all records returned, and nothing of libdlt's on standard output";
-  const std::string err = readFile(file("probe.err"));
+  const std::string err = readFile(run_.file("probe.err"));
   EXPECT_THAT(err, ::testing::HasSubstr("~DLT~")) << "libdlt's notes went to standard error";
   // libdlt notes once per start that it found no daemon; a second note would mean that the
   // channel destroyed during exit started libdlt again after its own exit handler.
