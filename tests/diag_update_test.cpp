@@ -44,8 +44,8 @@ int exitOf(ChildProcess& process) {
 
 TEST(DiagUpdateTest, TesterAndLaptopTakeTurnsForTheLum) {
   // The tester's session asks for a URL and waits for the answer, which only the tester gives.
-  UpdateRun run(R"({"sessions": [{"analyseMs": 800, "downloadMs": 2000, "installMs": 2000},
-      {"analyseMs": 800, "downloadMs": 3000, "installMs": 2000,
+  UpdateRun run(R"({"sessions": [{"analyseMs": 500, "downloadMs": 1000, "installMs": 1000},
+      {"analyseMs": 500, "downloadMs": 1500, "installMs": 1000,
       "resolveUrl": {"phase": "downloading", "fileNames": ["m1.json"], "holdUntilAnswered": true}}]})");
   run.startOrvane();
 
@@ -84,7 +84,10 @@ TEST(DiagUpdateTest, TesterAndLaptopTakeTurnsForTheLum) {
   EXPECT_EQ(member(readRecord(run.recordPath()), "channel"), 2);
 }
 
-TEST(DiagUpdateTest, PollWorkerFollowsTheLumAcrossItsRestart) {
+// One orvane through bad frames on the v12 port (answered or dropped, orvane serves on), a LUM
+// restart under a tester's session (the poll worker follows the LUM's connection), and a
+// routine that starts an update once the tester is back.
+TEST(DiagUpdateTest, BadFramesALumRestartAndARoutineStart) {
   const char* quick =
       R"({"sessions": [{"analyseMs": 500, "downloadMs": 1000, "installMs": 1000}]})";
   UpdateRun run(R"({"sessions": [{"analyseMs": 500, "downloadMs": 60000,
@@ -92,42 +95,8 @@ TEST(DiagUpdateTest, PollWorkerFollowsTheLumAcrossItsRestart) {
   run.startOrvane();
   ChildProcess& orvane = run.orvane();
   EXPECT_TRUE(count(orvane.output(), "Connecting to [12233]"));
-  // The start-up report follows the diagnosis clients, which wait up to 1 s for a tester.
-  EXPECT_TRUE(orvane.waitForOutput("LUM init [True]", kPatience)) << orvane.output();
-  auto tester = dmUpdate("200");
-  ASSERT_TRUE(tester->waitForOutput("startDomainUpdateDownload: ok", kPatience))
-      << tester->output() << tester->errorOutput();
 
-  // The LUM crashes and comes back without the session.
-  ASSERT_EQ(run.lum().wait(kPatience), 7);
-  // Each of these lines comes only from the loss or the return of the LUM here; a LUM that dies
-  // says nothing, its offer runs out.
-  ASSERT_TRUE(orvane.waitForOutput("LUM disconnected!", kPatience));
-  ASSERT_TRUE(orvane.waitForOutput("size is 0", kPatience)) << orvane.output();
-  ASSERT_TRUE(orvane.waitForOutput("stopPoll(): Stopped polling thread!", kPatience));
-  run.startLum(quick);
-  ASSERT_TRUE(orvane.waitForOutput("LUM connected.", kPatience));
-  ASSERT_TRUE(orvane.waitForOutput("DiagLocalUpdateManagerControlClient connected!", kPatience, 2));
-  ASSERT_TRUE(orvane.waitForOutput("Starting polling thread", kPatience, 2)) << orvane.output();
-
-  // The tester learns that its session is gone; its next update runs to the end and gives
-  // control back.
-  EXPECT_EQ(exitOf(*tester), 1) << tester->output();
-  auto next = dmUpdate("201");
-  EXPECT_EQ(exitOf(*next), 0) << next->output() << next->errorOutput();
-  EXPECT_EQ(member(readRecord(run.recordPath()), "channel"), 2);
-  // orvane itself never ended; lum-sim ends cleanly on SIGTERM.
-  EXPECT_FALSE(orvane.wait(std::chrono::milliseconds(0)));
-  run.lum().kill(SIGTERM);
-  EXPECT_EQ(run.lum().wait(seconds(10)), 0);
-}
-
-// Bad frames on the v12 port are answered or dropped and leave orvane serving; then a routine
-// starts an update once the tester is back.
-TEST(DiagUpdateTest, BadFramesThenARoutineStartsAnUpdate) {
-  UpdateRun run(R"({"sessions": [{"analyseMs": 500, "downloadMs": 1500, "installMs": 1500}]})");
-  run.startOrvane();
-  ChildProcess& orvane = run.orvane();
+  // Bad frames on the v12 port are answered or dropped, and orvane serves on.
   using RC = someip::ReturnCode;
   auto frame = [](uint16_t method, std::vector<uint8_t> payload, uint8_t version = 12) {
     return someip::encodeMessage({19468, method, 0, 0x77, 1, 1, version}, payload);
@@ -176,22 +145,49 @@ TEST(DiagUpdateTest, BadFramesThenARoutineStartsAnUpdate) {
   EXPECT_TRUE(count(orvane.output(), "not readable"));
   EXPECT_TRUE(count(orvane.output(), "resetting the connection"));
 
+  // The start-up report follows the diagnosis clients, which wait up to 1 s for a tester.
+  EXPECT_TRUE(orvane.waitForOutput("LUM init [True]", kPatience)) << orvane.output();
+  auto tester = dmUpdate("200");
+  ASSERT_TRUE(tester->waitForOutput("startDomainUpdateDownload: ok", kPatience))
+      << tester->output() << tester->errorOutput();
+
+  // The LUM crashes and comes back without the session.
+  ASSERT_EQ(run.lum().wait(kPatience), 7);
+  // Each of these lines comes only from the loss or the return of the LUM here; a LUM that dies
+  // says nothing, its offer runs out.
+  ASSERT_TRUE(orvane.waitForOutput("LUM disconnected!", kPatience));
+  ASSERT_TRUE(orvane.waitForOutput("size is 0", kPatience)) << orvane.output();
+  ASSERT_TRUE(orvane.waitForOutput("stopPoll(): Stopped polling thread!", kPatience));
+  run.startLum(quick);
+  ASSERT_TRUE(orvane.waitForOutput("LUM connected.", kPatience));
+  ASSERT_TRUE(orvane.waitForOutput("DiagLocalUpdateManagerControlClient connected!", kPatience, 2));
+  ASSERT_TRUE(orvane.waitForOutput("Starting polling thread", kPatience, 2)) << orvane.output();
+
+  // The tester learns that its session is gone; its next update runs to the end and gives
+  // control back.
+  EXPECT_EQ(exitOf(*tester), 1) << tester->output();
+  auto next = dmUpdate("201");
+  EXPECT_EQ(exitOf(*next), 0) << next->output() << next->errorOutput();
+  EXPECT_EQ(member(readRecord(run.recordPath()), "channel"), 2);
+
   // The routine service comes with a tester and goes with it ...
+  const std::size_t routines = count(orvane.output(), "DiagnosticViRoutineProxy connected!");
+  const std::size_t gone = count(orvane.output(), "DiagnosisViRoutineClient is dead!");
   ChildProcess measure;
   ASSERT_TRUE(measure.start(DIAG_TESTER_PATH, {"measure"}));
   EXPECT_EQ(exitOf(measure), 0) << measure.errorOutput();
   EXPECT_TRUE(count(measure.output(), "update type 0, channel ACTIVE_NONE")) << measure.output();
-  ASSERT_TRUE(orvane.waitForOutput("DiagnosisViRoutineClient is dead!", kPatience));
+  ASSERT_TRUE(orvane.waitForOutput("DiagnosisViRoutineClient is dead!", kPatience, gone + 1));
 
   // ... and is reconnected when the next one comes: its routine starts an update of the medium
   // at the update endpoint, which runs to the end without anybody confirming it.
-  ChildProcess tester;
-  ASSERT_TRUE(tester.start(DIAG_TESTER_PATH, {"routine-start", "--order", "ORDER-9"}));
+  ChildProcess routine;
+  ASSERT_TRUE(routine.start(DIAG_TESTER_PATH, {"routine-start", "--order", "ORDER-9"}));
   EXPECT_TRUE(
       run.waitForRecord([](const auto& r) { return member(r, "updatetype") == 1; }, kPatience));
-  EXPECT_EQ(exitOf(tester), 0) << tester.output() << tester.errorOutput();
-  EXPECT_TRUE(count(tester.output(), "update type 1, channel ACTIVE_USB")) << tester.output();
-  EXPECT_EQ(count(orvane.output(), "DiagnosticViRoutineProxy connected!"), 2u);
+  EXPECT_EQ(exitOf(routine), 0) << routine.output() << routine.errorOutput();
+  EXPECT_TRUE(count(routine.output(), "update type 1, channel ACTIVE_USB")) << routine.output();
+  EXPECT_GE(count(orvane.output(), "DiagnosticViRoutineProxy connected!"), routines + 2);
   for (const char* line :
        {"GET [http://127.0.0.1:29214/medium/NodboxUpdateMedium.json]",
         "Update started by diagnostic - do not change state!", "Set USB update type: DIAG!",
@@ -199,6 +195,11 @@ TEST(DiagUpdateTest, BadFramesThenARoutineStartsAnUpdate) {
     EXPECT_TRUE(count(orvane.output(), line)) << line;
   }
   EXPECT_EQ(member(run.waitForRest(), "errorcode"), 0);
+
+  // orvane itself never ended; lum-sim ends cleanly on SIGTERM.
+  EXPECT_FALSE(orvane.wait(std::chrono::milliseconds(0)));
+  run.lum().kill(SIGTERM);
+  EXPECT_EQ(run.lum().wait(seconds(10)), 0);
 }
 
 }  // namespace

@@ -1,22 +1,18 @@
 // Discovery between two processes: this test is the "client"; someip_test_peer is the "server".
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "minfw/testing/target_command.h"
 #include "platform/middleware/proxy.h"
 #include "platform/middleware/skeleton.h"
 #include "platform/someip/runtime.h"
 #include "platform/someip/testing/fixture.h"
 #include "platform/someip/testing/test_interface.h"
-
-extern char** environ;
+#include "process.h"
 
 namespace platform::someip {
 namespace {
@@ -24,32 +20,12 @@ namespace {
 namespace mw = platform::middleware;
 using namespace testing;
 
-class PeerProcess {
- public:
-  explicit PeerProcess(const std::string& configPath) {
-    std::vector<std::string> args =
-        kel::vxp3::minfw::testing::targetCommand({ORVANE_TEST_PEER, configPath});
-    std::vector<char*> argv;
-    for (auto& a : args)
-      argv.push_back(a.data());
-    argv.push_back(nullptr);
-    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
-      pid_ = -1;
-  }
-  ~PeerProcess() { kill(SIGKILL); }
-  bool running() const { return pid_ > 0; }
-  void signal(int sig) { ::kill(pid_, sig); }
-  void kill(int sig) {
-    if (pid_ <= 0)
-      return;
-    ::kill(pid_, sig);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
+// The server process of these tests, on the test configuration at `configPath`.
+std::unique_ptr<orvane::testing::ChildProcess> startPeer(const std::string& configPath) {
+  auto peer = std::make_unique<orvane::testing::ChildProcess>();
+  EXPECT_TRUE(peer->start(ORVANE_TEST_PEER, {configPath}));
+  return peer;
+}
 
 // Subscribes to tick and level, waits for the field's greeting (so the eventgroup subscription
 // is in place), has the server emit `count` ticks and checks that they arrive complete and in
@@ -131,8 +107,7 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   ASSERT_TRUE(find);
 
   // 1. The server starts: the service appears, a proxy works, events arrive in order.
-  auto peer = std::make_unique<PeerProcess>(path);
-  ASSERT_TRUE(peer->running());
+  auto peer = startPeer(path);
   auto first = reports.until(available);
   ASSERT_TRUE(first);
   ASSERT_EQ(first->size(), 1u);
@@ -143,12 +118,12 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   expectEventsInOrder(*proxy, 5);
 
   // 2. Stop offer: an empty container; the old proxy's connection is gone with the offer.
-  peer->signal(SIGUSR1);
+  peer->kill(SIGUSR1);
   ASSERT_TRUE(reports.until(gone));
   EXPECT_FALSE(proxy->call<Echo>(Echo::Input{"late", 1}).get());
 
   // 3. Offered again: a new handle, and a proxy made from it works, events included.
-  peer->signal(SIGUSR1);
+  peer->kill(SIGUSR1);
   auto second = reports.until(available);
   ASSERT_TRUE(second);
   EXPECT_NE((*second)[0].token, (*first)[0].token);
@@ -157,9 +132,9 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   expectEventsInOrder(*proxy, 3);
 
   // 4. The server freezes: its offers stop, and the service is reported gone after the TTL.
-  peer->signal(SIGSTOP);
+  peer->kill(SIGSTOP);
   ASSERT_TRUE(reports.until(gone));
-  peer->signal(SIGCONT);
+  peer->kill(SIGCONT);
   auto third = reports.until(available);
   ASSERT_TRUE(third);
   proxy = connect(*rt, (*third)[0], "thawed");
@@ -167,7 +142,8 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
 
   // 5. The server process is replaced (it reboots): the new instance is found and served.
   peer->kill(SIGKILL);
-  peer = std::make_unique<PeerProcess>(path);
+  ASSERT_TRUE(peer->wait(kPatience));
+  peer = startPeer(path);
   auto fourth = reports.until([&](const mw::ServiceHandleContainer& c) {
     return !c.empty() && c[0].token != (*third)[0].token;
   });
@@ -179,6 +155,7 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   mw::Proxy::StopFindService(find.value(), rt.get());
   proxy.reset();
   peer->kill(SIGTERM);
+  EXPECT_EQ(peer->wait(kPatience), 0);
 }
 
 }  // namespace
