@@ -309,11 +309,13 @@ TEST_F(LogicTest, DiagnosticStartTable) {
 TEST_F(LogicTest, MediumFaultsFailTheAnalysisWith610) {
   std::unique_ptr<TestLogic> logic = make();
   medium_.put("/medium/NodboxUpdateMedium.json", R"({"train": "T1", "manifests": []})");
+  record_->setHandOver(location());
   logic->inputUsbInserted(location());
   logic->run(4);
   EXPECT_TRUE(log_->contains("Error reading update medium at [" + location() + "]!"));
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
   EXPECT_EQ(record_->getErrorCode(0), 610);
+  EXPECT_EQ(record_->getHandOver(), "") << "a settled hand-over is not started again";
 }
 
 TEST_F(LogicTest, AnalysisRejectsWhileTheDiagnosticMasterHoldsTheLum) {
@@ -400,23 +402,30 @@ TEST_F(LogicTest, BusyAnswersAreRetriedEveryTenSecondsWithoutLimit) {
     const char* op;
     uint32_t lumState;
     std::function<void(TestLogic&)> run;
+    uint32_t lumStateDuring;  // the step a restart during the calls would resume from
     uint32_t lumStateAfter;
   };
   const std::vector<Row> rows = {
       {"checkProgrammingPreconditions", 1,
-       [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); }, 3},
+       [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); }, 1, 3},
       {"startDomainUpdateDownload", 1, [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); },
-       3},
-      {"startDomainUpdate", 3, [](TestLogic& l) { l.seqSendStartDomainUpdate(); }, 5},
-      {"closeDomainUpdateSession", 5, [](TestLogic& l) { l.seqCloseDomainUpdate(); }, 6},
+       2, 3},
+      {"startDomainUpdate", 3, [](TestLogic& l) { l.seqSendStartDomainUpdate(); }, 4, 5},
+      {"closeDomainUpdateSession", 5, [](TestLogic& l) { l.seqCloseDomainUpdate(); }, 6, 6},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.op);
     std::unique_ptr<TestLogic> logic = installed(row.lumState);
+    std::vector<uint32_t> during;
+    arbiter_.lum->onCall = [&](const std::string& op) {
+      if (op == row.op)
+        during.push_back(logic->getStateLUM());
+    };
     arbiter_.lum->script[row.op] = {4, 4, 4, 4, 4, 4, 4, 0};
     const auto before = clock_.sleeps().size();
     row.run(*logic);
     EXPECT_EQ(arbiter_.lum->count(row.op), 8u);
+    EXPECT_EQ(during, std::vector<uint32_t>(8, row.lumStateDuring));
     EXPECT_EQ(logic->getStateLUM(), row.lumStateAfter);
     EXPECT_EQ(logic->getStateHMI(), eINSTALLING);
     const auto sleeps = clock_.sleeps();
@@ -436,17 +445,19 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
     size_t cancels;
     uint32_t stateHmi;
     uint32_t errorCode;
+    size_t busyPauses;  // of 10 s each, before the next try
   };
   const std::vector<Row> rows = {
-      {"first try", {0}, 0, eINSTALLING, 0},
-      {"busy three times, fourth try succeeds", {4, 4, 4, 0}, 0, eINSTALLING, 0},
-      {"refusals are cancelled before the next try", {1, 2, 0}, 2, eINSTALLING, 0},
+      {"first try", {0}, 0, eINSTALLING, 0, 0},
+      {"busy three times, fourth try succeeds", {4, 4, 4, 0}, 0, eINSTALLING, 0, 3},
+      {"refusals are cancelled before the next try", {1, 2, 0}, 2, eINSTALLING, 0, 0},
       {"no answer counts as a failed try",
        {kNoAnswer, kNoAnswer, kNoAnswer, kNoAnswer},
        3,
        eINSTALLATIONFAILED,
-       602},
-      {"the fourth try is the last", {4, 4, 4, 4, 0}, 0, eINSTALLATIONFAILED, 602},
+       602,
+       0},
+      {"the fourth try is the last", {4, 4, 4, 4, 0}, 0, eINSTALLATIONFAILED, 602, 3},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -455,7 +466,11 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
     arbiter_.lum->script["createDomainUpdateSession"] = row.answers;
     arbiter_.lum->script["getDomainUpdateSessionState"] = {4};  // keeps the poll quiet
     logic->setStateHMI(eINSTALLATIONCONFIRMED);
+    const auto before = clock_.sleeps().size();
     logic->seqInstallationStart();
+    const auto sleeps = clock_.sleeps();
+    EXPECT_EQ(std::count(sleeps.begin() + before, sleeps.end(), std::chrono::seconds(10)),
+              static_cast<std::ptrdiff_t>(row.busyPauses));
     EXPECT_EQ(arbiter_.lum->count("cancelDomainUpdate"), row.cancels);
     EXPECT_EQ(logic->getStateHMI(), row.stateHmi);
     EXPECT_EQ(logic->getErrorCode(), row.errorCode);
@@ -632,6 +647,11 @@ TEST_F(LogicTest, FinishedEventClosesThenFinishes) {
   EXPECT_EQ(logic->getStateHMI(), eINVALID);
   EXPECT_EQ(record_->getTrainName(), "");
   EXPECT_EQ(arbiter_.updateType, ORV_USB_UPDATETYPE_NONE);
+  // With a tester in charge nobody acknowledges: the service does it for the driver.
+  arbiter_.updateType = ORV_USB_UPDATETYPE_DIAG;
+  logic->setStateHMI(eINSTALLATIONFINISHED);
+  logic->run();
+  EXPECT_EQ(logic->getStateHMI(), eINVALID);
 }
 
 TEST_F(LogicTest, ProgressAndOrderHelpers) {

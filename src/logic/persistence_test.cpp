@@ -134,6 +134,8 @@ TEST_F(PersistenceTest, BadContentReadsAsDefaultsAndIsReplacedOnWrite) {
        "channel trainname updatetype "},
       {"a whole number written as floating point", R"({"updatetype": 4.000000})", 4, 0,
        "channel updatetype "},
+      {"... also at the bottom of the range", R"({"updatetype": 0.000000})", 0, 0,
+       "channel updatetype "},
       {"a fraction is no update type", R"({"updatetype": 4.5})", 7, 0, "channel updatetype "},
       {"a negative value for an unsigned key", R"({"updatetype": -1})", 7, 0,
        "channel updatetype "},

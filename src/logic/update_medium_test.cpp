@@ -208,7 +208,8 @@ TEST_F(UpdateMediumTest, HttpFaultsRetriesAndTimeouts) {
   server_.put("/flaky", "body");
   server_.put("/nolen", "{}");
   server_.set("/nolen", [](orv::testing::HttpServer::Path& p) { p.noLength = true; });
-  server_.set("/gone", [](orv::testing::HttpServer::Path& p) { p.status = 503; });
+  // Just past the 2xx range: the medium has no choices to offer.
+  server_.set("/gone", [](orv::testing::HttpServer::Path& p) { p.status = 300; });
   server_.set("/lost", [](orv::testing::HttpServer::Path& p) { p.status = 404; });
   struct Row {
     const char* proves;
@@ -225,7 +226,7 @@ TEST_F(UpdateMediumTest, HttpFaultsRetriesAndTimeouts) {
       {"HEAD without Content-Length", base + "/nolen", false, 1, 0, 1,
        "Unable to convert [] to uint64_t"},
       {"HEAD refused", base + "/gone", false, 1, 0, 1,
-       "Request status = [503] for [" + base + "/gone]"},
+       "Request status = [300] for [" + base + "/gone]"},
       {"GET refused", base + "/lost", true, 1, 0, 1, "GET [" + base + "/lost]: Status=404"},
       {"0 tries count as 1", refused, true, 0, 0, 1, "GET [" + refused + "]: No reply!"},
       {"1 try, no pause", refused, false, 1, 0, 1, "HEAD [" + refused + "] : No reply!"},

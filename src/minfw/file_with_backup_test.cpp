@@ -314,6 +314,10 @@ TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {
   EXPECT_EQ(readBack(path), std::nullopt);
   EXPECT_TRUE(log_->contains("After [3] we give up!"));
   EXPECT_TRUE(log_->contains("Unable to read [" + path + "]"));
+
+  fs.failCall(Op::kOpen, 1, EACCES, kAlways);
+  EXPECT_EQ(readBack(path), std::nullopt);
+  EXPECT_TRUE(log_->contains("Unable to open [" + path + "]"));
 }
 
 // Every row ends with the whole data written.

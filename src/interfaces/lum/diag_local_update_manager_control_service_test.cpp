@@ -168,6 +168,27 @@ TEST_F(DmServiceTest, ControlTablePerOperationGroup) {
   }
 }
 
+// A closed session forgets the tester's path; a state that changed in any field is published.
+TEST_F(DmServiceTest, SessionPathAndStateFollowTheSession) {
+  Rig rig(clock_);
+  ASSERT_EQ(status(rig.dm->createDomainUpdateSession("T", 7, "", {}, {}, {}, {}, {})), kOk);
+  EXPECT_EQ(rig.dm->activePath(), "T");
+  EXPECT_TRUE(runAdvancing(clock_, [&] { rig.dm->closeDomainUpdateSession("T", 7); }));
+  EXPECT_EQ(rig.dm->activePath(), "");
+
+  lum12::DT_domainUpdateSessionState_struct state;
+  state.elementId = state.domainRepairInstructionID = 7;
+  state.installationTime = 11;
+  rig.dm->eventDomainUpdateSessionState(state);
+  state.installationTime = 12;
+  rig.dm->eventDomainUpdateSessionState(state);
+  state.downloadDataSize = 13;
+  rig.dm->eventDomainUpdateSessionState(state);
+  ASSERT_EQ(rig.dm->sessionStates().size(), 1u);
+  EXPECT_EQ(rig.dm->sessionStates()[0].installationTime, 12u);
+  EXPECT_EQ(rig.dm->sessionStates()[0].downloadDataSize, 13u);
+}
+
 TEST_F(DmServiceTest, PollCycle) {
   struct Row {
     const char* proves;

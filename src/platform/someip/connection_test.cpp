@@ -25,8 +25,8 @@ struct Pair {
   Pair() {
     int fds[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
-    conn =
-        std::make_unique<Connection>(fds[0], Connection::State::kConnected, Endpoint{}, Endpoint{});
+    conn = std::make_unique<Connection>(fds[0], Connection::State::kConnected,
+                                        Endpoint{0x7F000102, 30501}, Endpoint{0x7F000001, 40000});
     peer = fds[1];
   }
   ~Pair() { ::close(peer); }
@@ -97,6 +97,7 @@ TEST(ConnectionTest, FramesTheStreamByTheLengthField) {
 
 TEST(ConnectionTest, PeerCloseEndsTheConnectionAndSendsFailAfterClose) {
   Pair p;
+  EXPECT_EQ(p.conn->name(), "127.0.1.2:30501->127.0.0.1:40000");  // what the logs name
   ::shutdown(p.peer, SHUT_WR);
   EXPECT_FALSE(p.conn->receive([](Message&) { ADD_FAILURE() << "nothing was sent"; }));
   p.conn->close();

@@ -401,6 +401,24 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
     // The peer's offer of instance 2 on the group reaches the runtimes.
     ASSERT_TRUE(mw::Proxy::StartFindService(pair.reports.handler(), kTestInterface,
                                             mw::InstanceSpecifier("2"), pair.client.get()));
+    // Its finds heard on the group until three cyclic offers passed after the `expected`th.
+    auto findsHeard = [&peer](int expected) {
+      int finds = 0, offersAfter = 0;
+      for (int heard = 0; offersAfter < 3 && heard < 100; ++heard) {
+        auto sd = peer.receive(kGroup);
+        for (const SdEntry& e : sd ? sd->second.entries : std::vector<SdEntry>{}) {
+          finds += e.type == SdEntryType::kFindService && e.instanceId == 2;
+          offersAfter += e.type == SdEntryType::kOfferService && finds >= expected;
+        }
+      }
+      return finds;
+    };
+    EXPECT_EQ(findsHeard(4), 4) << "the first find and repetitionsMax (3) repetitions";
+    SdMessage offer3 = subscribe(0, 30602);
+    offer3.entries[0].type = SdEntryType::kOfferService;
+    offer3.entries[0].instanceId = 3;
+    peer.send(offer3, Endpoint{kGroup, kSdPort});
+    EXPECT_EQ(findsHeard(0), 0) << "another instance's offer does not start the search again";
     SdMessage offer2 = subscribe(0, 30601);  // its option: the endpoint offered
     offer2.entries[0].type = SdEntryType::kOfferService;
     offer2.entries[0].instanceId = 2;
