@@ -44,8 +44,8 @@ int exitOf(ChildProcess& process) {
 
 TEST(DiagUpdateTest, TesterAndLaptopTakeTurnsForTheLum) {
   // The tester's session asks for a URL and waits for the answer, which only the tester gives.
-  UpdateRun run(R"({"sessions": [{"analyseMs": 500, "downloadMs": 1000, "installMs": 1000},
-      {"analyseMs": 500, "downloadMs": 1500, "installMs": 1000,
+  UpdateRun run(R"({"sessions": [{"analyseMs": 800, "downloadMs": 2000, "installMs": 2000},
+      {"analyseMs": 800, "downloadMs": 3000, "installMs": 2000,
       "resolveUrl": {"phase": "downloading", "fileNames": ["m1.json"], "holdUntilAnswered": true}}]})");
   run.startOrvane();
 

@@ -92,7 +92,7 @@ TEST(UpdateRunTest, ThreadedKilledAtEveryStepResumesToADefinedEnd) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.step);
-    std::string session = R"({"analyseMs": 1200, "downloadMs": 1500, "installMs": 1500)";
+    std::string session = R"({"analyseMs": 2000, "downloadMs": 2500, "installMs": 2500)";
     if (row.delay != nullptr) {
       session += std::string(R"(, "delay": {")") + row.delay + R"(": {"ms": 900, "calls": 1}})";
     }
