@@ -338,6 +338,7 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
     std::string name;      // asked for twice
     Error error;
     uint32_t errorCode;
+    size_t headSays = 0;  // the size HEAD announces, when not the manifest's own
   };
   const std::string good = debugManifest(kPayload);
   const std::vector<Row> rows = {
@@ -351,6 +352,7 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
        617},
       {"missing file", "", "pkg.bin", Error::internalError, 612},
       {"container that does not decrypt", "a.b.c", "pkg.bin", Error::internalError, 613},
+      {"a body longer than its HEAD announced", good, "pkg.bin", Error::internalError, 617, 100},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -361,6 +363,8 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
       medium_.remove("/medium/keys/KeyManifest.mose");
     } else {
       medium_.put("/medium/keys/KeyManifest.mose", row.manifest);
+      medium_.set("/medium/keys/KeyManifest.mose",
+                  [&](orv::testing::HttpServer::Path& p) { p.headSays = row.headSays; });
     }
     installing(*logic, 3);
     log_->clear();

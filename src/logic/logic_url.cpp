@@ -70,8 +70,7 @@ uint32_t Logic::loadKeyManifest() {
     if (tooBig) {
       MLOG_ERROR(kTag, "Error keyManifest [", url, "] too big! size=[more than ", size, "], max=[",
                  kKeyManifestMaxSize, "]");
-      enqueue([this] { seqInstallationFailed(kErrKeyManifestSize); });
-      return false;
+      return kErrKeyManifestSize;
     }
     MLOG_ERROR(kTag, "Error reading keyManifest at [", url, "]");
     return kErrKeyManifestRead;
