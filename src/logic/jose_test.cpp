@@ -4,12 +4,14 @@
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
+#include <openssl/ec.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 
 #include "logic/base64.h"
+#include "logic/jose.h"
 #include "logic/key_manifest.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/temp_dir.h"
@@ -209,6 +211,35 @@ TEST(JoseTest, TamperedContainersAndKeyStoreFaultsAreRefused) {
     EXPECT_EQ(manifest.payloadText(), "");
     EXPECT_TRUE(log.sink().contains(row.logged)) << ::testing::PrintToString(log.sink().messages());
   }
+}
+
+// What the workshop tool writes: containers encrypted to each kind of recipient, signed by each
+// kind of signer or not at all, read back through the key manifest; a recipient that is neither
+// RSA nor P-256 is refused.
+TEST(JoseTest, WrittenContainersReadBack) {
+  const std::string payload = R"({"EncryptedFiles": []})";
+  for (const std::string to : {"enc-rsa", "enc-ec"}) {
+    for (const std::string by : {"", "sig-rsa", "sig-ec"}) {
+      SCOPED_TRACE(to + " " + by);
+      KeyDir keys(by.empty() ? kDecryptKeys : kAllKeys);  // a public key makes signatures required
+      PkeyPtr recipient, signer;
+      ASSERT_TRUE(KeyStore::loadPemFile(kVectors + "/store/" + to + ".pem", recipient));
+      std::string container;
+      ASSERT_TRUE(jose::encrypt({recipient.get(), nullptr, to}, payload, container));
+      if (!by.empty()) {
+        ASSERT_TRUE(KeyStore::loadPemFile(kVectors + "/signers/" + by + ".pem", signer));
+        ASSERT_TRUE(jose::sign(signer.get(), by, container, container));
+      }
+      ScopedLogCapture log;
+      KeyManifest manifest;
+      EXPECT_TRUE(manifest.Extract(container));
+      EXPECT_EQ(manifest.payloadText(), payload);
+      EXPECT_EQ(log.sink().contains("Signature verified with key [" + by + "]"), !by.empty());
+    }
+  }
+  PkeyPtr p384(EVP_EC_gen("P-384"));
+  std::string container;
+  EXPECT_FALSE(jose::encrypt({p384.get(), nullptr, "p384"}, payload, container));
 }
 
 #ifdef ORVANE_MEDIUM_PATH  // the workshop tool is production only in the production tree
