@@ -332,6 +332,14 @@ SdMessage subscribe(uint16_t eventgroup, uint16_t port) {
           {{kSdOptionIpv4Endpoint, {kPeer, kSdProtocolTcp, port}, {}}}};
 }
 
+// The peer's offer of `instance`, its option naming TCP `port`.
+SdMessage offerOf(uint16_t instance, uint16_t port) {
+  SdMessage sd = subscribe(0, port);
+  sd.entries[0].type = SdEntryType::kOfferService;
+  sd.entries[0].instanceId = instance;
+  return sd;
+}
+
 TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscriptionsAndDatagrams) {
   for (bool runtimesFirst : {true, false}) {
     SCOPED_TRACE(runtimesFirst ? "runtimes first" : "peer first");
@@ -406,7 +414,9 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
       int finds = 0, offersAfter = 0;
       for (int heard = 0; offersAfter < 3 && heard < 100; ++heard) {
         auto sd = peer.receive(kGroup);
-        for (const SdEntry& e : sd ? sd->second.entries : std::vector<SdEntry>{}) {
+        if (!sd)
+          break;
+        for (const SdEntry& e : sd->second.entries) {
           finds += e.type == SdEntryType::kFindService && e.instanceId == 2;
           offersAfter += e.type == SdEntryType::kOfferService && finds >= expected;
         }
@@ -414,15 +424,9 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
       return finds;
     };
     EXPECT_EQ(findsHeard(4), 4) << "the first find and repetitionsMax (3) repetitions";
-    SdMessage offer3 = subscribe(0, 30602);
-    offer3.entries[0].type = SdEntryType::kOfferService;
-    offer3.entries[0].instanceId = 3;
-    peer.send(offer3, Endpoint{kGroup, kSdPort});
+    peer.send(offerOf(3, 30602), Endpoint{kGroup, kSdPort});
     EXPECT_EQ(findsHeard(0), 0) << "another instance's offer does not start the search again";
-    SdMessage offer2 = subscribe(0, 30601);  // its option: the endpoint offered
-    offer2.entries[0].type = SdEntryType::kOfferService;
-    offer2.entries[0].instanceId = 2;
-    peer.send(offer2, Endpoint{kGroup, kSdPort});
+    peer.send(offerOf(2, 30601), Endpoint{kGroup, kSdPort});
     EXPECT_TRUE(pair.reports.until([](auto& found) { return !found.empty(); }));
   }
 }
