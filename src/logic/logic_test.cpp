@@ -6,7 +6,6 @@
 #include <deque>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "interfaces/lum/testing/fake_lum.h"
@@ -14,7 +13,6 @@
 #include "logic/persistence.h"
 #include "logic/testing/http_server.h"
 #include "minfw/json.h"
-#include "minfw/log.h"
 #include "minfw/testing/capture_sink.h"
 #include "minfw/testing/simulated_clock.h"
 #include "minfw/testing/temp_dir.h"
@@ -86,7 +84,6 @@ class TestLogic : public Logic {
     signalSetUpdateTimestampStart = [&arbiter] { return arbiter.stamps.push_back("start"), true; };
     signalSetUpdateTimestampEnd = [&arbiter] { return arbiter.stamps.push_back("end"), true; };
   }
-
   using Logic::seqCloseDomainUpdate;
   using Logic::seqGetStatus;
   using Logic::seqHmiStateChanged;
@@ -95,21 +92,17 @@ class TestLogic : public Logic {
   using Logic::seqSendStartDomainUpdateDownload;
   using Logic::setStateHMI;
   using Logic::setStateLUM;
-
   void enqueue(std::function<void()> task) override { tasks.push_back(std::move(task)); }
-
   // Runs queued tasks in order; a poll chain re-queues itself, hence the limit.
   void run(size_t limit = 200) {
-    for (size_t i = 0; i < limit && !tasks.empty(); ++i) {
+    for (size_t i = 0; i < limit && !tasks.empty(); ++i)
       runOne();
-    }
   }
   void runOne() {
     std::function<void()> task = std::move(tasks.front());
     tasks.pop_front();
     task();
   }
-
   RecordingHmi* hmi = nullptr;
   std::deque<std::function<void()>> tasks;
 
@@ -128,9 +121,8 @@ std::string debugManifest(const std::string& payload, size_t size = 0) {
   const std::string tail =
       "." + base64UrlEncode("iv") + "." + base64UrlEncode(payload) + "." + base64UrlEncode("t");
   std::string key = base64UrlEncode("k");
-  if (size > head.size() + key.size() + tail.size()) {
+  if (size > head.size() + key.size() + tail.size())
     key.append(size - head.size() - key.size() - tail.size(), 'A');
-  }
   return head + key + tail;
 }
 
@@ -142,15 +134,12 @@ class LogicTest : public ::testing::Test {
                 R"( "diagAddresses": ["6657"], "keyManifest": "keys/KeyManifest.mose"})");
     medium_.put("/medium/keys/KeyManifest.mose", debugManifest(kPayload));
   }
-
   static constexpr const char* kPayload =
       R"({"EncryptedFiles": [)"
       R"({"File": "/data/pkg.bin", "CryptoParameters": [{"Name": "Key", "Value": "k1"},)"
       R"( {"Name": "IV", "Value": "iv1"}, {"Name": "Algorithm", "Value": "DEBUG"}]},)"
       R"({"File": "/data/bad.bin", "CryptoParameters": [{"Name": "Key", "Value": "k2"}]}]})";
-
   std::string location() const { return medium_.base() + "/medium"; }
-
   // A Logic without a record whose analysis of the medium has run: the medium's fields are
   // known, what the head unit saw so far is forgotten.
   std::unique_ptr<TestLogic> offered() {
@@ -159,16 +148,15 @@ class LogicTest : public ::testing::Test {
     logic->hmi->seen.clear();
     return logic;
   }
-
   // Presents the medium and runs the analysis: the offer stands afterwards.
   void offer(TestLogic& logic) {
     logic.inputUsbInserted(location());
     logic.run(4);
     ASSERT_EQ(logic.getStateHMI(), eINSTALLATIONAVAILABLE);
   }
-
-  // A Logic on a fresh record (or none), initialised, with its start-up tasks run.
+  // A Logic on a fresh arbiter and record (or none), initialised, with its start-up tasks run.
   std::unique_ptr<TestLogic> make(bool withRecord = true) {
+    arbiter_ = Arbiter{};
     if (withRecord) {
       dir_ = std::make_unique<TempDir>();
       record_ = std::make_shared<Persistence>(dir_->path(), "persistence.json");
@@ -179,23 +167,18 @@ class LogicTest : public ::testing::Test {
     logic->hmi->seen.clear();
     return logic;
   }
-
-  // A Logic without a record, on a fresh arbiter, where an update stands after its session was
-  // created.
+  // A Logic without a record where an update stands after its session was created.
   std::unique_ptr<TestLogic> installed(uint32_t lumState) {
-    arbiter_ = Arbiter{};
     std::unique_ptr<TestLogic> logic = make(false);
     installing(*logic, lumState);
     return logic;
   }
-
   // Puts `logic` where an update stands after its session was created.
   void installing(TestLogic& logic, uint32_t lumState) {
     arbiter_.holder = ACTIVE_USB;
     logic.setStateHMI(eINSTALLING);
     logic.setStateLUM(lumState);
   }
-
   orv::testing::HttpServer medium_;
   SimulatedClock clock_;
   ScopedClock scoped_;
@@ -235,13 +218,11 @@ TEST_F(LogicTest, HmiAnswerTransitionTableOverEveryPair) {
     for (uint32_t next = 0; next <= eINVALID + 1; ++next) {
       const Effect* effect = nullptr;
       for (const Effect& candidate : effects) {
-        if (candidate.current == current && candidate.next == next) {
+        if (candidate.current == current && candidate.next == next)
           effect = &candidate;
-        }
       }
       SCOPED_TRACE(std::string(hmiStateName(current)) + " -> " + hmiStateName(next) + ": " +
                    (effect ? effect->proves : "ignored"));
-      arbiter_ = Arbiter{};
       std::unique_ptr<TestLogic> logic = offered();
       logic->setStateHMI(current);
       log_->clear();
@@ -291,11 +272,9 @@ TEST_F(LogicTest, DiagnosticStartTable) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    arbiter_ = Arbiter{};
     std::unique_ptr<TestLogic> logic = make();
-    if (row.offered) {
+    if (row.offered)
       offer(*logic);
-    }
     record_->setErrorCode(77);
     arbiter_.updateType = row.updateType;
     EXPECT_EQ(logic->diagTriggerStartUpdate(row.ctrlOptions, row.override), row.accepted);
@@ -356,7 +335,6 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    arbiter_ = Arbiter{};
     std::unique_ptr<TestLogic> logic = make();
     offer(*logic);
     if (row.manifest.empty()) {
@@ -434,9 +412,8 @@ TEST_F(LogicTest, BusyAnswersAreRetriedEveryTenSecondsWithoutLimit) {
     EXPECT_EQ(logic->getStateHMI(), eINSTALLING);
     const auto sleeps = clock_.sleeps();
     ASSERT_EQ(sleeps.size() - before, 7u);
-    for (size_t i = before; i < sleeps.size(); ++i) {
+    for (size_t i = before; i < sleeps.size(); ++i)
       EXPECT_EQ(sleeps[i], std::chrono::seconds(10));
-    }
     EXPECT_EQ(log_->count(std::string(row.op) + "() return status [busy], retry in 10 seconds"),
               7u);
   }
@@ -455,17 +432,12 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
       {"first try", {0}, 0, eINSTALLING, 0, 0},
       {"busy three times, fourth try succeeds", {4, 4, 4, 0}, 0, eINSTALLING, 0, 3},
       {"refusals are cancelled before the next try", {1, 2, 0}, 2, eINSTALLING, 0, 0},
-      {"no answer counts as a failed try",
-       {kNoAnswer, kNoAnswer, kNoAnswer, kNoAnswer},
-       3,
-       eINSTALLATIONFAILED,
-       602,
-       0},
+      {"no answer counts as a failed try", std::deque<uint32_t>(4, kNoAnswer), 3,
+       eINSTALLATIONFAILED, 602, 0},
       {"the fourth try is the last", {4, 4, 4, 4, 0}, 0, eINSTALLATIONFAILED, 602, 3},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    arbiter_ = Arbiter{};
     std::unique_ptr<TestLogic> logic = offered();
     arbiter_.lum->script["createDomainUpdateSession"] = row.answers;
     arbiter_.lum->script["getDomainUpdateSessionState"] = {4};  // keeps the poll quiet
@@ -510,9 +482,8 @@ TEST_F(LogicTest, StatusPollMakesUpForAMissingEventAfterTheThirdFurtherPoll) {
     arbiter_.lum->state = row.reported;
     logic->enqueue([&] { logic->seqGetStatus(); });
     // Three further polls count; the event is still expected.
-    for (int poll = 0; poll < 3; ++poll) {
+    for (int poll = 0; poll < 3; ++poll)
       logic->runOne();
-    }
     EXPECT_EQ(log_->count(row.counterLine), 3u);
     EXPECT_EQ(arbiter_.lum->count(row.madeUp), 0u);
     logic->runOne();  // the fourth makes the event up instead of counting on

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -44,7 +43,6 @@ class TestMultiplexer : public Multiplexer {
   using Multiplexer::setLumClient;
   using Multiplexer::setMesswertClient;
   using Multiplexer::setRoutineClient;
-
   void eventDomainErrorNotification(uint16_t riid, uint32_t errorCode) override {
     ++interceptedErrors;
     Multiplexer::eventDomainErrorNotification(riid, errorCode);
@@ -64,11 +62,9 @@ class MultiplexerTest : public ::testing::Test {
     setenv("TZ", "UTC", 1);
     tzset();
   }
-
   std::shared_ptr<Persistence> record() {
     return std::make_shared<Persistence>(dir_.path(), "persistence.json");
   }
-
   // A multiplexer with two fake channels; dm/usb point into it.
   std::unique_ptr<TestMultiplexer> withChannels() {
     auto mux = std::make_unique<TestMultiplexer>(persistence_);
@@ -80,7 +76,6 @@ class MultiplexerTest : public ::testing::Test {
     mux->addChannel(std::move(usb));
     return mux;
   }
-
   // Fully wired: channels, LUM client, both diagnosis clients, bindings made.
   std::unique_ptr<TestMultiplexer> wired() {
     auto mux = withChannels();
@@ -95,7 +90,6 @@ class MultiplexerTest : public ::testing::Test {
     EXPECT_TRUE(mux->initBindings());
     return mux;
   }
-
   TempDir dir_;
   std::shared_ptr<Persistence> persistence_ = record();
   ScopedLogCapture log_;
@@ -111,8 +105,8 @@ constexpr uint32_t kAbsent = 99;  // default for reading "channel" when the key 
 TEST_F(MultiplexerTest, GrantAndReleaseRules) {
   struct Row {
     const char* proves;
-    // Steps: g (grant), t (temporary grant) or r (release), the channel (0 DM, 1 USB, 2 none,
-    // 3 no channel at all) and the expected result (+ or -).
+    // Steps: g (grant), t (temporary grant), r (release) or w (write the record), the channel (0
+    // DM, 1 USB, 2 none, 3 no channel at all) and the expected result (+ or -).
     const char* steps;
     uint32_t holder;
     uint32_t recorded;  // "channel" in the record, kAbsent when never written
@@ -135,6 +129,8 @@ TEST_F(MultiplexerTest, GrantAndReleaseRules) {
        ACTIVE_NONE, "Control istemporary now [ACTIVE_USB]"},
       {"a value that names no channel never gets control", "g3- g2-", ACTIVE_NONE, kAbsent,
        "Invalid channel [!!UNDEFINED!!] (3)!"},
+      {"a record naming no channel frees control on restart", "g1+ w3+", ACTIVE_USB, 3,
+       "Control is now [ACTIVE_USB]"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -146,6 +142,10 @@ TEST_F(MultiplexerTest, GrantAndReleaseRules) {
     log_->clear();
     for (const char* step = row.steps; *step != '\0'; step += step[3] == ' ' ? 4 : 3) {
       const uint32_t channel = static_cast<uint32_t>(step[1] - '0');
+      if (step[0] == 'w') {
+        persistence->setChannel(channel);
+        continue;
+      }
       const bool result = step[0] == 'r' ? mux.relinquishControl(channel)
                                          : mux.requestExclusiveControl(channel, step[0] == 't');
       EXPECT_EQ(result, step[2] == '+') << step;
@@ -159,49 +159,17 @@ TEST_F(MultiplexerTest, GrantAndReleaseRules) {
       EXPECT_EQ(mux.requestInterface(asker), holds ? lum : nullptr) << asker;
       EXPECT_EQ(log_->contains(cat("[", channelName(asker), "] is not controlling!")), !holds);
     }
-  }
-}
-
-TEST_F(MultiplexerTest, RestartKeepsOnlyARealHolder) {
-  struct Row {
-    const char* proves;
-    bool temporary;
-    bool release;
-    uint32_t overwrite;  // written to the record before the restart, kAbsent: nothing
-    uint32_t holderAfterRestart;
-    const char* logged;
-  };
-  const std::vector<Row> rows = {
-      {"a real grant survives a restart", false, false, kAbsent, ACTIVE_USB,
-       "ActiveChannel is [ACTIVE_USB]"},
-      {"a temporary grant does not", true, false, kAbsent, ACTIVE_NONE,
-       "ActiveChannel is [ACTIVE_NONE]"},
-      {"a release does not leave a holder", false, true, kAbsent, ACTIVE_NONE,
-       "ActiveChannel is [ACTIVE_NONE]"},
-      {"a record naming no channel frees control", false, false, 3, ACTIVE_NONE,
-       "ActiveChannel is [!!UNDEFINED!!]"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
-    TempDir dir;
-    auto persistence = std::make_shared<Persistence>(dir.path(), "persistence.json");
-    {
-      Multiplexer before(persistence);
-      ASSERT_TRUE(before.requestExclusiveControl(ACTIVE_USB, row.temporary));
-      if (row.release) {
-        ASSERT_TRUE(before.relinquishControl(ACTIVE_USB));
-      }
-    }
-    if (row.overwrite != kAbsent) {
-      persistence->setChannel(row.overwrite);
-    }
+    // A restart keeps only a recorded real holder, and as a real one: the other channel stays out.
+    const bool real = row.recorded == ACTIVE_DM || row.recorded == ACTIVE_USB;
+    const uint32_t restored = real ? row.recorded : ACTIVE_NONE;
     log_->clear();
     Multiplexer after(std::make_shared<Persistence>(dir.path(), "persistence.json"));
-    EXPECT_TRUE(log_->contains(row.logged));
-    EXPECT_EQ(after.queryControl(), row.holderAfterRestart);
-    // The restored holder is a real holder: the other channel stays out.
-    EXPECT_EQ(after.requestExclusiveControl(ACTIVE_DM, false),
-              row.holderAfterRestart == ACTIVE_NONE);
+    EXPECT_TRUE(log_->contains(
+        cat("ActiveChannel is [", channelName(row.recorded == kAbsent ? ACTIVE_NONE : row.recorded),
+            "]")));
+    EXPECT_EQ(after.queryControl(), restored);
+    EXPECT_EQ(after.requestExclusiveControl(restored == ACTIVE_DM ? ACTIVE_USB : ACTIVE_DM, false),
+              !real);
   }
   try {
     Multiplexer mux(nullptr);
@@ -275,24 +243,20 @@ TEST_F(MultiplexerTest, ConcurrentGrantsHaveExactlyOneWinner) {
       threads.emplace_back([&, channel] {
         pthread_setname_np(pthread_self(), "mux-grant");
         ready.fetch_add(1);
-        while (!go.load()) {
+        while (!go.load())
           std::this_thread::yield();
-        }
         for (int attempt = 0; attempt < 3; ++attempt) {
-          if (mux.requestExclusiveControl(channel, false)) {
+          if (mux.requestExclusiveControl(channel, false))
             wins[channel].fetch_add(1);
-          }
           mux.queryControl();
         }
       });
     }
-    while (ready.load() < 2 * kThreadsPerChannel) {
+    while (ready.load() < 2 * kThreadsPerChannel)
       std::this_thread::yield();
-    }
     go.store(true);
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
       thread.join();
-    }
     const uint32_t winner = mux.queryControl();
     ASSERT_NE(winner, ACTIVE_NONE);
     const uint32_t loser = winner == ACTIVE_DM ? ACTIVE_USB : ACTIVE_DM;
@@ -309,7 +273,6 @@ TEST_F(MultiplexerTest, TimestampsFollowTheWallClock) {
   Multiplexer mux(persistence_);
   persistence_->setEndDate("02.02.2025");
   persistence_->setEndTime("01:02:03");
-
   clock.advance(std::chrono::hours(24 * 40 + 5) + std::chrono::minutes(6) +
                 std::chrono::seconds(7));
   ASSERT_TRUE(mux.setUpdateTimestampStart());
@@ -317,13 +280,11 @@ TEST_F(MultiplexerTest, TimestampsFollowTheWallClock) {
   EXPECT_EQ(persistence_->getStartTime(), "05:06:07");
   EXPECT_EQ(persistence_->getEndDate(), "--.--.----");  // an old end must not survive a start
   EXPECT_EQ(persistence_->getEndTime(), "--:--:--");
-
   clock.advance(std::chrono::hours(20));
   ASSERT_TRUE(mux.setUpdateTimestampEnd());
   EXPECT_EQ(persistence_->getEndDate(), "11.02.2026");
   EXPECT_EQ(persistence_->getEndTime(), "01:06:07");
   EXPECT_EQ(persistence_->getStartTime(), "05:06:07");
-
   ASSERT_TRUE(mux.setUpdateType(ORV_USB_UPDATETYPE_USB));
   EXPECT_TRUE(log_->contains("UpdateType=0x4"));
   ASSERT_TRUE(mux.setErrorCode(618));
@@ -437,7 +398,6 @@ TEST_F(MultiplexerTest, BoundSlotsReachTheOperationsWithTheChannelsOwnValue) {
   auto mux = wired();
   ILumChannel& dm = *dm_;
   ILumChannel& usb = *usb_;
-
   // A real grant to USB, seen by both channels and written; only USB gets the LUM.
   ASSERT_TRUE(usb.signalRequestExclusiveControl(ACTIVE_USB));
   EXPECT_EQ(dm.signalQueryControl(), ACTIVE_USB);
@@ -445,13 +405,11 @@ TEST_F(MultiplexerTest, BoundSlotsReachTheOperationsWithTheChannelsOwnValue) {
   EXPECT_EQ(usb.signalRequestInterface(ACTIVE_USB), lum_);
   EXPECT_FALSE(dm.signalRelinquish(ACTIVE_DM));
   ASSERT_TRUE(usb.signalRelinquish(ACTIVE_USB));
-
   // A temporary grant, not written.
   ASSERT_TRUE(dm.signalRequestTemporaryControl(ACTIVE_DM));
   EXPECT_EQ(usb.signalQueryControl(), ACTIVE_DM);
   EXPECT_EQ(persistence_->getChannel(kAbsent), ACTIVE_NONE);
   EXPECT_FALSE(dm.signalQueryAlive());  // the LUM has not been found
-
   // Record operations and timestamps.
   ASSERT_TRUE(usb.signalSetUpdateType(ORV_USB_UPDATETYPE_DIAG));
   EXPECT_EQ(dm.signalGetUpdateType(), ORV_USB_UPDATETYPE_DIAG);
@@ -460,7 +418,6 @@ TEST_F(MultiplexerTest, BoundSlotsReachTheOperationsWithTheChannelsOwnValue) {
   EXPECT_NE(persistence_->getStartDate(), "--.--.----");
   ASSERT_TRUE(dm.signalSetUpdateTimestampEnd());
   EXPECT_NE(persistence_->getEndTime(), "--:--:--");
-
   // The diagnosis clients' slots.
   EXPECT_EQ(messwert_->signalDiagnoseTimestamps().dtErr, 613);
   const diagNewStatusType state = messwert_->signalDiagnoseUpdateState();

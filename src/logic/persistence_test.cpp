@@ -6,14 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -52,9 +48,7 @@ std::string keys(const JSON& object) {
 class PersistenceTest : public ::testing::Test {
  protected:
   PersistenceTest() : record_(dir_.path(), "persistence.json") {}
-
   JSON onDisk() const { return JSON::Load(readFile(record_.path())); }
-
   ScopedLogCapture log_;
   SimulatedClock clock_{SimulatedClock::Mode::kAutoAdvance};
   ScopedClock scopedClock_{clock_};
@@ -76,7 +70,6 @@ TEST_F(PersistenceTest, FirstTimestampCreatesAMinimalRecordWithMode0644) {
   EXPECT_EQ(timestamps->find("start-date")->ToString(), "21.11.2026");
   EXPECT_EQ(record_.getStartDate(), "21.11.2026");
   EXPECT_EQ(record_.getStartTime(), "--:--:--");
-
   struct stat status {};
   ASSERT_EQ(::stat(record_.path().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0644u);
@@ -179,7 +172,6 @@ TEST_F(PersistenceTest, KeysInOtherCaseAreReadAndRewrittenCanonically) {
   EXPECT_EQ(record_.getTrainName(), "train");
   EXPECT_EQ(record_.getStartDate(), "01.01.2026");
   EXPECT_EQ(record_.getEndTime(), "10:00:00");
-
   record_.setUpdateType(5);
   record_.setKeyManifest("k2");
   record_.setEndDate("02.01.2026");
@@ -188,7 +180,6 @@ TEST_F(PersistenceTest, KeysInOtherCaseAreReadAndRewrittenCanonically) {
   EXPECT_EQ(keys(root), "TrainName keyManifest timestamps updatetype ");
   EXPECT_EQ(keys(*root.find("timestamps")), "END-TIME Start-Date end-date ");
   EXPECT_EQ(record_.getStartDate(), "01.01.2026");
-
   record_.setStartDate("03.01.2026");
   record_.setEndTime("11:00:00");
   root = onDisk();
@@ -251,7 +242,6 @@ TEST(PersistenceConstruction, PathAndMissingDirectory) {
   TempDir dir;
   EXPECT_EQ(Persistence(dir.path(), "p.json").path(), dir.path() + "/p.json");
   EXPECT_EQ(Persistence(dir.path() + "/", "p.json").path(), dir.path() + "/p.json");
-
   const std::string missing = dir.path() + "/absent";
   try {
     Persistence record(missing, "persistence.json");

@@ -3,18 +3,12 @@
 #include "logic/update_medium.h"
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
-#include <map>
-#include <mutex>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "logic/http.h"
@@ -36,9 +30,8 @@ constexpr const char* kGood =
 // True when an error record's message is exactly `text`.
 bool loggedError(ScopedLogCapture& log, const std::string& text) {
   for (const auto& record : log->records()) {
-    if (record.message == text && record.level == 4 && record.tag == "GLOBAL") {
+    if (record.message == text && record.level == 4 && record.tag == "GLOBAL")
       return true;
-    }
   }
   return false;
 }
@@ -47,7 +40,6 @@ class UpdateMediumTest : public ::testing::Test {
  protected:
   UpdateMediumTest() : clock_(SimulatedClock::Mode::kAutoAdvance), scoped_(clock_) {}
   ~UpdateMediumTest() override { Http::resetTimeouts(); }
-
   SimulatedClock clock_;
   ScopedClock scoped_;
   ScopedLogCapture log_;
@@ -118,9 +110,8 @@ TEST_F(UpdateMediumTest, DescriptionFaults) {
     EXPECT_FALSE(medium.Parse(server_.base() + "/m"));
     std::string expected = row.logged;
     const size_t mark = expected.find('%');
-    if (mark != std::string::npos) {
+    if (mark != std::string::npos)
       expected.replace(mark, 1, url);
-    }
     EXPECT_TRUE(loggedError(log_, expected)) << "missing: " << expected;
     EXPECT_EQ(medium.trainName(), "") << "a failed parse fills nothing";
   }
@@ -251,9 +242,8 @@ TEST_F(UpdateMediumTest, HttpFaultsRetriesAndTimeouts) {
     EXPECT_EQ(log_->count("Host=["), row.attempts);
     const auto sleeps = clock_.sleeps();
     ASSERT_EQ(sleeps.size() - pausesBefore, row.attempts == 0 ? 0 : row.attempts - 1);
-    for (size_t i = pausesBefore; i < sleeps.size(); ++i) {
+    for (size_t i = pausesBefore; i < sleeps.size(); ++i)
       EXPECT_EQ(sleeps[i], std::chrono::seconds(2));
-    }
     if (row.logged.empty()) {
       EXPECT_EQ(row.get ? content : std::to_string(size), row.get ? "body" : "4");
     } else {
@@ -262,7 +252,6 @@ TEST_F(UpdateMediumTest, HttpFaultsRetriesAndTimeouts) {
     }
   }
   ::close(fd);
-
   // The parse gives up after the HEAD's 3 tries and never sends its GET.
   log_->clear();
   UpdateMedium medium;

@@ -1,10 +1,7 @@
 #pragma once
-// Fakes of what the Multiplexer wires together: a LUM channel that records every event and
-// diagnostic start it receives as text ("error(5,77)"), and diagnosis clients that connect as
-// told.
-//
-// Threading: FakeChannel's calls and calls() are thread-safe; the flags are set while nothing
-// runs.
+// Fakes of what the Multiplexer wires: a LUM channel that records each event and diagnostic start
+// as text ("error(5,77)"), thread-safe (its flags are set while nothing runs), and diagnosis
+// clients that connect as told.
 
 #include <mutex>
 #include <string>
@@ -49,12 +46,10 @@ class FakeChannel : public ILumChannel {
   }
   void eventConnection(bool connected) override { record("connection(", connected, ")"); }
   void eventInternal(int value) override { record("internal(", value, ")"); }
-
   std::vector<std::string> calls() {
     std::lock_guard<std::mutex> lock(mutex_);
     return calls_;
   }
-
   bool acceptDiagStart = true;
 
  private:

@@ -1,11 +1,7 @@
 #pragma once
-// HttpServer: a real cpp-httplib server on a free loopback port, for tests of the code that
-// fetches update media. Files are set per path while it runs.
-//
-// Threading: the server answers on its own threads; mutex_ guards everything they read, so a
-// test may change files at any time. The constructor returns only once the server accepts, so
-// the destructor's stop() always lands.
-
+// HttpServer: a real cpp-httplib server on a free loopback port that serves update media by path.
+// Its threads read under mutex_, so a test may change files at any time; the constructor returns
+// only once the server accepts, so the destructor's stop() always lands.
 #include <httplib.h>
 #include <pthread.h>
 
@@ -19,8 +15,7 @@
 
 namespace orv::testing {
 
-// A medium server: files by path, HEAD answered by the library from the GET handler, each path
-// answered as its Path says.
+// HEAD is answered by the library from the GET handler; each path as its Path says.
 class HttpServer {
  public:
   struct Path {
@@ -32,7 +27,6 @@ class HttpServer {
     bool noLength = false;  // HEAD without Content-Length
     int chunked = 0;        // GET without a length: 1 the body once, 2 endlessly (64 MiB at most)
   };
-
   explicit HttpServer(const std::string& host = "127.0.0.1") {
     server_.Get(R"(/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -112,7 +106,6 @@ class HttpServer {
     std::fprintf(stderr, "HttpServer: %s\n", why.c_str());
     std::abort();
   }
-
   httplib::Server server_;
   std::mutex mutex_;  // guards the maps and lastHost_, read on the server's threads
   std::map<std::string, Path> paths_;
