@@ -84,14 +84,9 @@ class TestLogic : public Logic {
     signalSetUpdateTimestampStart = [&arbiter] { return arbiter.stamps.push_back("start"), true; };
     signalSetUpdateTimestampEnd = [&arbiter] { return arbiter.stamps.push_back("end"), true; };
   }
-  using Logic::seqCloseDomainUpdate;
-  using Logic::seqGetStatus;
-  using Logic::seqHmiStateChanged;
-  using Logic::seqInstallationStart;
-  using Logic::seqSendStartDomainUpdate;
-  using Logic::seqSendStartDomainUpdateDownload;
-  using Logic::setStateHMI;
-  using Logic::setStateLUM;
+  using Logic::seqCloseDomainUpdate, Logic::seqGetStatus, Logic::seqHmiStateChanged,
+      Logic::seqInstallationStart, Logic::seqSendStartDomainUpdate,
+      Logic::seqSendStartDomainUpdateDownload, Logic::setStateHMI, Logic::setStateLUM;
   void enqueue(std::function<void()> task) override { tasks.push_back(std::move(task)); }
   // Runs queued tasks in order; a poll chain re-queues itself, hence the limit.
   void run(size_t limit = 200) {
@@ -540,7 +535,14 @@ TEST_F(LogicTest, EveryErrorPathEndsFailedIdleAndReleased) {
   }
 }
 
-TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
+// Either end event closes the session, releases the LUM and stamps the end.
+TEST_F(LogicTest, EndEventsCloseReleaseAndStampTheEnd) {
+  const auto ended = [&](const std::vector<std::string>& calls) {
+    EXPECT_EQ(arbiter_.lum->calls(), calls);
+    EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
+    EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{"end"});
+  };
+  // The error event queues the result, the close and the failure, in that order.
   std::unique_ptr<TestLogic> logic = make();
   logic->eventDomainErrorNotification(1, 99);  // no session: nothing to end
   EXPECT_TRUE(logic->tasks.empty());
@@ -549,13 +551,30 @@ TEST_F(LogicTest, ErrorEventQueuesResultCloseAndFailedInThatOrder) {
   EXPECT_EQ(record_->getErrorCode(0), 1234);
   ASSERT_EQ(logic->tasks.size(), 3u);
   logic->run();
-  EXPECT_EQ(arbiter_.lum->calls(),
-            (std::vector<std::string>{"getDomainUpdateResult", "closeDomainUpdateSession"}));
+  ended({"getDomainUpdateResult", "closeDomainUpdateSession"});
   EXPECT_EQ(logic->hmi->seen, "state:3: error:1234 ");
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
   EXPECT_EQ(record_->getStateLum(9), 0u);
-  EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
-  EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{"end"});
+  // The finished event closes, then finishes.
+  logic.reset();  // before make() drops its record
+  logic = make();
+  installing(*logic, 5);
+  logic->eventDomainUpdateFinishedNotification(1);
+  logic->run();
+  ended({"closeDomainUpdateSession"});
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFINISHED);
+  EXPECT_EQ(record_->getStateHmi(99), eINSTALLATIONFINISHED);
+  EXPECT_EQ(record_->getProgress(0), 100u);
+  // The driver's acknowledgement winds the update up.
+  logic->seqHmiStateChanged(eINSTALLATIONFINISHEDCONFIRMED);
+  EXPECT_EQ(logic->getStateHMI(), eINVALID);
+  EXPECT_EQ(record_->getTrainName(), "");
+  EXPECT_EQ(arbiter_.updateType, ORV_USB_UPDATETYPE_NONE);
+  // With a tester in charge nobody acknowledges: the service does it for the driver.
+  arbiter_.updateType = ORV_USB_UPDATETYPE_DIAG;
+  logic->setStateHMI(eINSTALLATIONFINISHED);
+  logic->run();
+  EXPECT_EQ(logic->getStateHMI(), eINVALID);
 }
 
 // The LUM fails its session as a start call goes out: its event comes before, during or after it.
@@ -606,29 +625,6 @@ TEST_F(LogicTest, ALumLostForGoodEndsTheUpdateAtTheLimitOneBackInTimeDoesNot) {
     EXPECT_EQ(logic->getErrorCode(), back ? 0u : 608u);
     EXPECT_EQ(log_->count("LUM not back within [1800] s"), back ? 0u : 1u);
   }
-}
-
-TEST_F(LogicTest, FinishedEventClosesThenFinishes) {
-  std::unique_ptr<TestLogic> logic = make();
-  installing(*logic, 5);
-  logic->eventDomainUpdateFinishedNotification(1);
-  logic->run();
-  EXPECT_EQ(arbiter_.lum->calls(), std::vector<std::string>{"closeDomainUpdateSession"});
-  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFINISHED);
-  EXPECT_EQ(record_->getStateHmi(99), eINSTALLATIONFINISHED);
-  EXPECT_EQ(record_->getProgress(0), 100u);
-  EXPECT_EQ(arbiter_.holder, ACTIVE_NONE);
-  EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{"end"});
-  // The driver's acknowledgement winds the update up.
-  logic->seqHmiStateChanged(eINSTALLATIONFINISHEDCONFIRMED);
-  EXPECT_EQ(logic->getStateHMI(), eINVALID);
-  EXPECT_EQ(record_->getTrainName(), "");
-  EXPECT_EQ(arbiter_.updateType, ORV_USB_UPDATETYPE_NONE);
-  // With a tester in charge nobody acknowledges: the service does it for the driver.
-  arbiter_.updateType = ORV_USB_UPDATETYPE_DIAG;
-  logic->setStateHMI(eINSTALLATIONFINISHED);
-  logic->run();
-  EXPECT_EQ(logic->getStateHMI(), eINVALID);
 }
 
 TEST_F(LogicTest, ProgressAndOrderHelpers) {

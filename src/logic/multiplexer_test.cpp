@@ -37,12 +37,9 @@ using testing::FakeRoutine;
 // Exposes the wiring seams and counts intercepted events.
 class TestMultiplexer : public Multiplexer {
  public:
-  using Multiplexer::addChannel;
-  using Multiplexer::channel;
+  using Multiplexer::addChannel, Multiplexer::channel, Multiplexer::setLumClient,
+      Multiplexer::setMesswertClient, Multiplexer::setRoutineClient;
   using Multiplexer::Multiplexer;
-  using Multiplexer::setLumClient;
-  using Multiplexer::setMesswertClient;
-  using Multiplexer::setRoutineClient;
   void eventDomainErrorNotification(uint16_t riid, uint32_t errorCode) override {
     ++interceptedErrors;
     Multiplexer::eventDomainErrorNotification(riid, errorCode);
