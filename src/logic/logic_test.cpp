@@ -21,6 +21,8 @@ namespace orv {
 namespace {
 
 using kel::vxp3::minfw::ScopedClock;
+using kel::vxp3::minfw::json::JSON;
+using kel::vxp3::minfw::testing::LogRecord;
 using kel::vxp3::minfw::testing::ScopedLogCapture;
 using kel::vxp3::minfw::testing::SimulatedClock;
 using kel::vxp3::minfw::testing::TempDir;
@@ -108,6 +110,11 @@ class TestLogic : public Logic {
     return service;
   }
 };
+
+// The steps the sequence tables start.
+const auto startDownload = [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); };
+const auto startUpdate = [](TestLogic& l) { l.seqSendStartDomainUpdate(); };
+const auto pollStatus = [](TestLogic& l) { l.seqGetStatus(); };
 
 // A DEBUG container whose cipher text is `payload`, its key part padded so that the whole text
 // is exactly `size` bytes when given.
@@ -356,7 +363,7 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
     ASSERT_EQ(response.urlInfo.size(), 2u);
     for (const std::string& text : response.urlInfo) {
       if (row.error == Error::noError) {
-        const auto info = kel::vxp3::minfw::json::JSON::Load(text);
+        const auto info = JSON::Load(text);
         EXPECT_EQ(info.find("url")->ToString(), location() + "/pkg.bin");
         EXPECT_EQ(info.find("cryptoParameters")->size(), 3u);
       } else {
@@ -364,10 +371,7 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
       }
     }
     if (row.errorCode == 0) {
-      EXPECT_EQ(kel::vxp3::minfw::json::JSON::Load(record_->getKeyManifest())
-                    .find("EncryptedFiles")
-                    ->size(),
-                2u);
+      EXPECT_EQ(JSON::Load(record_->getKeyManifest()).find("EncryptedFiles")->size(), 2u);
     }
   }
 }
@@ -383,11 +387,9 @@ TEST_F(LogicTest, BusyAnswersAreRetriedEveryTenSecondsWithoutLimit) {
     uint32_t lumStateAfter;
   };
   const std::vector<Row> rows = {
-      {"checkProgrammingPreconditions", 1,
-       [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); }, 1, 3},
-      {"startDomainUpdateDownload", 1, [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); },
-       2, 3},
-      {"startDomainUpdate", 3, [](TestLogic& l) { l.seqSendStartDomainUpdate(); }, 4, 5},
+      {"checkProgrammingPreconditions", 1, startDownload, 1, 3},
+      {"startDomainUpdateDownload", 1, startDownload, 2, 3},
+      {"startDomainUpdate", 3, startUpdate, 4, 5},
       {"closeDomainUpdateSession", 5, [](TestLogic& l) { l.seqCloseDomainUpdate(); }, 6, 6},
   };
   for (const Row& row : rows) {
@@ -492,39 +494,35 @@ TEST_F(LogicTest, EveryErrorPathEndsFailedIdleAndReleased) {
   struct Row {
     const char* proves;
     uint32_t lumState;
-    std::function<void(Arbiter&)> fault;
+    const char* op;  // the LUM call answered so; nullptr: the channel lost its grant instead
+    std::deque<uint32_t> answers;
     std::function<void(TestLogic&)> run;
     uint32_t code;
   };
-  auto poll = [](TestLogic& l) { l.seqGetStatus(); };
+  const auto errorEvent = [](TestLogic& l) { l.eventDomainErrorNotification(1, 4711); };
   const std::vector<Row> rows = {
-      {"download start refused", 1,
-       [](Arbiter& a) { a.lum->script["startDomainUpdateDownload"] = {1}; },
-       [](TestLogic& l) { l.seqSendStartDomainUpdateDownload(); }, 603},
-      {"update start without answer", 3,
-       [](Arbiter& a) { a.lum->script["startDomainUpdate"] = {kNoAnswer}; },
-       [](TestLogic& l) { l.seqSendStartDomainUpdate(); }, 605},
-      {"poll: invalid state", 3,
-       [](Arbiter& a) { a.lum->script["getDomainUpdateSessionState"] = {1}; }, poll, 608},
-      {"poll: status outside the table", 3,
-       [](Arbiter& a) { a.lum->script["getDomainUpdateSessionState"] = {9}; }, poll, 609},
-      {"download progress lost", 3,
-       [](Arbiter& a) { a.lum->script["getDomainUpdateDownloadProgress"] = {kNoAnswer}; }, poll,
+      {"download start refused", 1, "startDomainUpdateDownload", {1}, startDownload, 603},
+      {"update start without answer", 3, "startDomainUpdate", {kNoAnswer}, startUpdate, 605},
+      {"poll: invalid state", 3, "getDomainUpdateSessionState", {1}, pollStatus, 608},
+      {"poll: status outside the table", 3, "getDomainUpdateSessionState", {9}, pollStatus, 609},
+      {"download progress lost",
+       3,
+       "getDomainUpdateDownloadProgress",
+       {kNoAnswer},
+       pollStatus,
        616},
-      {"update progress lost", 5,
-       [](Arbiter& a) { a.lum->script["getDomainUpdateProgress"] = {kNoAnswer}; }, poll, 615},
-      {"result never arrives", 5,
-       [](Arbiter& a) {
-         a.lum->script["getDomainUpdateResult"] = {kNoAnswer, kNoAnswer, kNoAnswer};
-       },
-       [](TestLogic& l) { l.eventDomainErrorNotification(1, 4711); }, 4711},
-      {"the channel lost its grant: no facade", 1, [](Arbiter& a) { a.holder = ACTIVE_DM; }, poll,
-       601},
+      {"update progress lost", 5, "getDomainUpdateProgress", {kNoAnswer}, pollStatus, 615},
+      {"result never arrives", 5, "getDomainUpdateResult", std::deque<uint32_t>(3, kNoAnswer),
+       errorEvent, 4711},
+      {"the channel lost its grant: no facade", 1, nullptr, {}, pollStatus, 601},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = installed(row.lumState);
-    row.fault(arbiter_);
+    if (row.op)
+      arbiter_.lum->script[row.op] = row.answers;
+    else
+      arbiter_.holder = ACTIVE_DM;
     row.run(*logic);
     logic->run(10);
     EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
@@ -648,7 +646,7 @@ TEST_F(LogicTest, ProgressAndOrderHelpers) {
     log_->clear();
     EXPECT_EQ(logic->getProgress(row.processed, row.total), row.percent);
     if (row.logged) {
-      kel::vxp3::minfw::testing::LogRecord record;
+      LogRecord record;
       ASSERT_TRUE(log_->find(row.logged, &record));
       EXPECT_NE(record.location.find("eventDebugMessageNotification"), std::string::npos);
     }
@@ -662,33 +660,30 @@ TEST_F(LogicTest, ProgressAndOrderHelpers) {
 TEST_F(LogicTest, LateAndDuplicateInputsLeaveARunningUpdateAlone) {
   struct Row {
     const char* proves;
-    uint32_t lumState;
-    std::function<void(TestLogic&, Arbiter&)> input;
-    uint32_t lumStateAfter;
+    uint32_t lumState;  // also afterwards
+    std::function<void(TestLogic&)> input;
     const char* absentCall;  // the LUM call that must not happen
   };
   const std::vector<Row> rows = {
-      {"a second download start (event and made-up poll) is dropped", 3,
-       [](TestLogic& l, Arbiter&) { l.seqSendStartDomainUpdateDownload(); }, 3,
+      {"a second download start (event and made-up poll) is dropped", 3, startDownload,
        "startDomainUpdateDownload"},
-      {"a second update start is dropped", 5,
-       [](TestLogic& l, Arbiter&) { l.seqSendStartDomainUpdate(); }, 5, "startDomainUpdate"},
+      {"a second update start is dropped", 5, startUpdate, "startDomainUpdate"},
       {"refused preconditions fall back to polling the step before", 3,
-       [](TestLogic& l, Arbiter& a) {
-         a.lum->script["checkProgrammingPreconditions"] = {1};
+       [this](TestLogic& l) {
+         arbiter_.lum->script["checkProgrammingPreconditions"] = {1};
          l.seqSendStartDomainUpdate();
        },
-       3, "startDomainUpdate"},
+       "startDomainUpdate"},
       {"a tester's start during the installation fails nothing", 1,
-       [](TestLogic& l, Arbiter&) { EXPECT_FALSE(l.diagTriggerStartUpdate("ORDER-1", 1)); }, 1,
+       [](TestLogic& l) { EXPECT_FALSE(l.diagTriggerStartUpdate("ORDER-1", 1)); },
        "cancelDomainUpdate"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = installed(row.lumState);
-    row.input(*logic, arbiter_);
+    row.input(*logic);
     logic->run(1);
-    EXPECT_EQ(logic->getStateLUM(), row.lumStateAfter);
+    EXPECT_EQ(logic->getStateLUM(), row.lumState);
     EXPECT_EQ(logic->getStateHMI(), eINSTALLING);
     EXPECT_EQ(arbiter_.holder, ACTIVE_USB);
     EXPECT_EQ(arbiter_.lum->count(row.absentCall), 0u);
