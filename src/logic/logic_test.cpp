@@ -194,8 +194,7 @@ class LogicTest : public ::testing::Test {
 
 TEST_F(LogicTest, HmiAnswerTransitionTableOverEveryPair) {
   struct Effect {
-    uint32_t current;
-    uint32_t next;
+    uint32_t current, next;
     const char* proves;
     uint32_t stateAfter;
     const char* hmiSeen;
@@ -421,8 +420,7 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
     const char* proves;
     std::deque<uint32_t> answers;
     size_t cancels;
-    uint32_t stateHmi;
-    uint32_t errorCode;
+    uint32_t stateHmi, errorCode;
     size_t busyPauses;  // of 10 s each, before the next try
   };
   const std::vector<Row> rows = {
@@ -628,8 +626,7 @@ TEST_F(LogicTest, ALumLostForGoodEndsTheUpdateAtTheLimitOneBackInTimeDoesNot) {
 TEST_F(LogicTest, ProgressAndOrderHelpers) {
   std::unique_ptr<TestLogic> logic = make(false);
   struct Row {
-    int64_t processed;
-    int64_t total;
+    int64_t processed, total;
     uint32_t percent;
     const char* logged;
   };

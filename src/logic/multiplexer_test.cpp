@@ -59,18 +59,11 @@ class MultiplexerTest : public ::testing::Test {
     setenv("TZ", "UTC", 1);
     tzset();
   }
-  std::shared_ptr<Persistence> record() {
-    return std::make_shared<Persistence>(dir_.path(), "persistence.json");
-  }
   // A multiplexer with two fake channels; dm/usb point into it.
   std::unique_ptr<TestMultiplexer> withChannels() {
     auto mux = std::make_unique<TestMultiplexer>(persistence_);
-    auto dm = std::make_unique<FakeChannel>();
-    auto usb = std::make_unique<FakeChannel>();
-    dm_ = dm.get();
-    usb_ = usb.get();
-    mux->addChannel(std::move(dm));
-    mux->addChannel(std::move(usb));
+    mux->addChannel(std::unique_ptr<FakeChannel>(dm_ = new FakeChannel));
+    mux->addChannel(std::unique_ptr<FakeChannel>(usb_ = new FakeChannel));
     return mux;
   }
   // Fully wired: channels, LUM client, both diagnosis clients, bindings made.
@@ -78,17 +71,14 @@ class MultiplexerTest : public ::testing::Test {
     auto mux = withChannels();
     lum_ = makeLumClient();
     mux->setLumClient(lum_);
-    auto routine = std::make_unique<FakeRoutine>();
-    auto messwert = std::make_unique<FakeMesswert>();
-    routine_ = routine.get();
-    messwert_ = messwert.get();
-    mux->setRoutineClient(std::move(routine));
-    mux->setMesswertClient(std::move(messwert));
+    mux->setRoutineClient(std::unique_ptr<FakeRoutine>(routine_ = new FakeRoutine));
+    mux->setMesswertClient(std::unique_ptr<FakeMesswert>(messwert_ = new FakeMesswert));
     EXPECT_TRUE(mux->initBindings());
     return mux;
   }
   TempDir dir_;
-  std::shared_ptr<Persistence> persistence_ = record();
+  std::shared_ptr<Persistence> persistence_ =
+      std::make_shared<Persistence>(dir_.path(), "persistence.json");
   ScopedLogCapture log_;
   FakeChannel* dm_ = nullptr;
   FakeChannel* usb_ = nullptr;
@@ -302,9 +292,7 @@ TEST_F(MultiplexerTest, DiagnosticStart) {
   struct Row {
     const char* proves;
     uint32_t holder;
-    bool withLogic;
-    bool logicAccepts;
-    bool expected;
+    bool withLogic, logicAccepts, expected;
     const char* logged;
     const char* startDate;
   };
