@@ -239,15 +239,6 @@ TEST_F(LogicTest, HmiAnswerTransitionTableOverEveryPair) {
   }
 }
 
-TEST_F(LogicTest, MediumIsIgnoredWhileAnOfferOrUpdateIsOpen) {
-  std::unique_ptr<TestLogic> logic = make();
-  logic->setStateHMI(eINSTALLATIONFINISHED);
-  logic->inputUsbInserted("http://127.0.0.1:1/medium");
-  logic->run();
-  EXPECT_TRUE(log_->contains("LUM state is [Idle] and HMI state is [eINSTALLATIONFINISHED]"));
-  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFINISHED);
-}
-
 TEST_F(LogicTest, DiagnosticStartTable) {
   struct Row {
     const char* proves;
@@ -286,26 +277,32 @@ TEST_F(LogicTest, DiagnosticStartTable) {
   }
 }
 
-TEST_F(LogicTest, MediumFaultsFailTheAnalysisWith610) {
-  std::unique_ptr<TestLogic> logic = make();
-  medium_.put("/medium/NodboxUpdateMedium.json", R"({"train": "T1", "manifests": []})");
-  record_->setHandOver(location());
-  logic->inputUsbInserted(location());
-  logic->run(4);
+// A medium the analysis does not take: an update stands, the diagnostic master holds the LUM, or
+// the description is bad.
+TEST_F(LogicTest, MediumTheAnalysisDoesNotTake) {
+  std::unique_ptr<TestLogic> logic;
+  const auto present = [&](const std::function<void(TestLogic&)>& before) {
+    logic.reset();  // before make() drops its record
+    logic = make();
+    before(*logic);
+    logic->inputUsbInserted(location());
+    logic->run(4);
+  };
+  present([](TestLogic& l) { l.setStateHMI(eINSTALLATIONFINISHED); });
+  EXPECT_TRUE(log_->contains("LUM state is [Idle] and HMI state is [eINSTALLATIONFINISHED]"));
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFINISHED);
+  present([this](TestLogic&) { arbiter_.holder = ACTIVE_DM; });
+  EXPECT_TRUE(log_->contains("OTA update in progress!"));
+  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONREJECTED);
+  EXPECT_EQ(logic->hmi->seen, "state:7:T1 ");
+  present([this](TestLogic&) {
+    medium_.put("/medium/NodboxUpdateMedium.json", R"({"train": "T1", "manifests": []})");
+    record_->setHandOver(location());
+  });
   EXPECT_TRUE(log_->contains("Error reading update medium at [" + location() + "]!"));
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
   EXPECT_EQ(record_->getErrorCode(0), 610);
   EXPECT_EQ(record_->getHandOver(), "") << "a settled hand-over is not started again";
-}
-
-TEST_F(LogicTest, AnalysisRejectsWhileTheDiagnosticMasterHoldsTheLum) {
-  std::unique_ptr<TestLogic> logic = make();
-  arbiter_.holder = ACTIVE_DM;
-  logic->inputUsbInserted(location());
-  logic->run(4);
-  EXPECT_TRUE(log_->contains("OTA update in progress!"));
-  EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONREJECTED);
-  EXPECT_EQ(logic->hmi->seen, "state:7:T1 ");
 }
 
 // The key manifest is read at the LUM's first URL request; a fault is still answered (every name

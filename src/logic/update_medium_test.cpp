@@ -29,10 +29,9 @@ constexpr const char* kGood =
 
 // True when an error record's message is exactly `text`.
 bool loggedError(ScopedLogCapture& log, const std::string& text) {
-  for (const auto& record : log->records()) {
+  for (const auto& record : log->records())
     if (record.message == text && record.level == 4 && record.tag == "GLOBAL")
       return true;
-  }
   return false;
 }
 
@@ -197,11 +196,9 @@ TEST_F(UpdateMediumTest, HttpFaultsRetriesAndTimeouts) {
   const std::string base = server_.base();
   const std::string refused = "http://127.0.0.1:1/x";  // nobody listens there
   server_.put("/flaky", "body");
-  server_.put("/nolen", "{}");
-  server_.set("/nolen", [](orv::testing::HttpServer::Path& p) { p.noLength = true; });
+  server_.set("/nolen", [](orv::testing::HttpServer::Path& p) { p.exists = p.noLength = true; });
   // Just past the 2xx range: the medium has no choices to offer.
   server_.set("/gone", [](orv::testing::HttpServer::Path& p) { p.status = 300; });
-  server_.set("/lost", [](orv::testing::HttpServer::Path& p) { p.status = 404; });
   struct Row {
     const char* proves;
     std::string url;

@@ -42,10 +42,8 @@ class HttpServer {
         res.set_content(std::string(path.headSays, ' '), "application/json");
       } else if (req.method == "HEAD" && path.noLength) {
         // A chunked reply announces no length.
-        res.set_chunked_content_provider("application/json", [](size_t, httplib::DataSink& sink) {
-          sink.done();
-          return true;
-        });
+        res.set_chunked_content_provider(
+            "application/json", [](size_t, httplib::DataSink& sink) { return sink.done(), true; });
       } else if (req.method == "GET" && path.chunked != 0) {
         const size_t end = path.chunked == 2 ? (size_t{64} << 20) : path.body.size();
         res.set_chunked_content_provider(
@@ -57,8 +55,8 @@ class HttpServer {
         res.set_content(path.body, "application/json");
       }
     });
-    port_ = server_.bind_to_any_port(host);
-    if (port_ <= 0)
+    const int port = server_.bind_to_any_port(host);
+    if (port <= 0)
       die("cannot bind a test HTTP server on " + host);
     thread_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "http-test");
@@ -72,7 +70,7 @@ class HttpServer {
     if (!server_.is_running())
       die("the test HTTP server on " + host + " did not start within 10 s");
     base_ = "http://" + (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
-            std::to_string(port_);
+            std::to_string(port);
   }
   ~HttpServer() {
     server_.stop();
@@ -111,7 +109,6 @@ class HttpServer {
   std::map<std::string, Path> paths_;
   std::string lastHost_;
   std::map<std::string, int> requests_;
-  int port_ = 0;
   std::string base_;
   std::thread thread_;
 };
