@@ -1,5 +1,4 @@
-// The production build's key manifests: vectors of an independent JOSE implementation
-// (tests/jose_vectors), tampering and key-store faults, the workshop tool end to end.
+// Production key manifests: independent JOSE vectors, tampering, key-store faults, the tool.
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -209,9 +208,8 @@ TEST(JoseTest, TamperedContainersAndKeyStoreFaultsAreRefused) {
   }
 }
 
-// What the workshop tool writes: containers encrypted to each kind of recipient, signed by each
-// kind of signer or not at all, read back through the key manifest; a recipient that is neither
-// RSA nor P-256 is refused.
+// Containers written to each kind of recipient, signed by each kind of signer or not, read back;
+// a recipient that is neither RSA nor P-256 is refused.
 TEST(JoseTest, WrittenContainersReadBack) {
   const std::string payload = R"({"EncryptedFiles": []})";
   for (const std::string to : {"enc-rsa", "enc-ec"}) {

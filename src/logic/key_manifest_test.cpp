@@ -41,8 +41,7 @@ std::string parts(std::size_t n) {
   return text;
 }
 
-// True when the '|'-separated `expected` occur in `messages` in this order, each as a prefix of a
-// record.
+// True when the '|'-separated `expected` begin records of `messages`, in this order.
 bool inOrder(const std::vector<std::string>& messages, const std::string& expected) {
   std::size_t from = 0;
   for (const std::string& message : messages) {

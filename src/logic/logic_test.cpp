@@ -59,8 +59,7 @@ struct Arbiter {
   std::shared_ptr<FakeLum> lum = std::make_shared<FakeLum>();
 };
 
-// Logic with its pool replaced by a queue that the test runs on its own thread, one task at a
-// time, so that the order of queued work is visible and every run is deterministic.
+// Logic whose pool is a queue the test runs task by task: queued order shows, every run repeats.
 class TestLogic : public Logic {
  public:
   TestLogic(std::shared_ptr<Persistence> persistence, Arbiter& arbiter)
@@ -116,8 +115,7 @@ const auto startDownload = [](TestLogic& l) { l.seqSendStartDomainUpdateDownload
 const auto startUpdate = [](TestLogic& l) { l.seqSendStartDomainUpdate(); };
 const auto pollStatus = [](TestLogic& l) { l.seqGetStatus(); };
 
-// A DEBUG container whose cipher text is `payload`, its key part padded so that the whole text
-// is exactly `size` bytes when given.
+// A DEBUG container whose cipher text is `payload`, padded to exactly `size` bytes when given.
 std::string debugManifest(const std::string& payload, size_t size = 0) {
   const std::string head = base64UrlEncode(R"({"alg":"DEBUG","enc":"DEBUG"})") + ".";
   const std::string tail =
@@ -277,8 +275,7 @@ TEST_F(LogicTest, DiagnosticStartTable) {
   }
 }
 
-// A medium the analysis does not take: an update stands, the diagnostic master holds the LUM, or
-// the description is bad.
+// Media the analysis does not take: an update stands, the LUM is held, the description is bad.
 TEST_F(LogicTest, MediumTheAnalysisDoesNotTake) {
   std::unique_ptr<TestLogic> logic;
   const auto present = [&](const std::function<void(TestLogic&)>& before) {
@@ -305,8 +302,7 @@ TEST_F(LogicTest, MediumTheAnalysisDoesNotTake) {
   EXPECT_EQ(record_->getHandOver(), "") << "a settled hand-over is not started again";
 }
 
-// The key manifest is read at the LUM's first URL request; a fault is still answered (every name
-// empty), then ends the update.
+// Answers come from the key manifest; a fault is answered too (names empty), then ends the update.
 TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
   using Error = lum11::CM_UrlError;
   struct Row {

@@ -77,8 +77,7 @@ TEST_F(PersistenceTest, FirstTimestampCreatesAMinimalRecordWithMode0644) {
   EXPECT_EQ(status.st_gid, getgid());
 }
 
-// Every key under its file name, each value intact after all the other writes, read back by a
-// fresh reader.
+// Every key under its file name, intact after all other writes, read back by a fresh reader.
 TEST_F(PersistenceTest, EveryKeyRoundTripsAndLeavesTheOthersAlone) {
   const uint32_t maxU = std::numeric_limits<uint32_t>::max();
   record_.setChannel(1);

@@ -1,5 +1,4 @@
-// The update medium and its HTTP access against a real cpp-httplib server on loopback (IPv4 and
-// IPv6), in virtual time for the pauses between tries.
+// The update medium over a real HTTP server on loopback (IPv4, IPv6), pauses in virtual time.
 #include "logic/update_medium.h"
 
 #include <gtest/gtest.h>
