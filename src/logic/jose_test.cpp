@@ -52,9 +52,8 @@ class KeyDir {
     ::setenv("ORVANE_KEY_DIR", dir_.path().c_str(), 1);
   }
   ~KeyDir() { ::unsetenv("ORVANE_KEY_DIR"); }
-  void add(const std::string& file, const std::string& as = "") {
-    const auto to =
-        dir_.path() + "/" + (as.empty() ? std::filesystem::path(file).filename().string() : as);
+  void add(const std::string& file) {
+    const auto to = path(std::filesystem::path(file).filename().string());
     std::filesystem::copy_file(kVectors + "/" + file, to,
                                std::filesystem::copy_options::overwrite_existing);
     ::chmod(to.c_str(), 0600);

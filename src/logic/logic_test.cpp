@@ -188,8 +188,6 @@ class LogicTest : public ::testing::Test {
   std::shared_ptr<Persistence> record_;
 };
 
-// --- State machine ---------------------------------------------------------------------------
-
 TEST_F(LogicTest, HmiAnswerTransitionTableOverEveryPair) {
   struct Effect {
     uint32_t current, next;
@@ -367,8 +365,6 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
     }
   }
 }
-
-// --- Sequences -------------------------------------------------------------------------------
 
 TEST_F(LogicTest, BusyAnswersAreRetriedEveryTenSecondsWithoutLimit) {
   struct Row {
@@ -701,8 +697,6 @@ TEST_F(LogicTest, ThreadedDestructionEndsWithoutALum) {
   }
   EXPECT_TRUE(log_->contains("Thread interrupted!"));
 }
-
-// --- Restart -------------------------------------------------------------------------------
 
 TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
   struct Resume {
