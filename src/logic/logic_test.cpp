@@ -329,13 +329,9 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = make();
     offer(*logic);
-    if (row.manifest.empty()) {
-      medium_.remove("/medium/keys/KeyManifest.mose");
-    } else {
-      medium_.put("/medium/keys/KeyManifest.mose", row.manifest);
-      medium_.set("/medium/keys/KeyManifest.mose",
-                  [&](orv::testing::HttpServer::Path& p) { p.headSays = row.headSays; });
-    }
+    medium_.set("/medium/keys/KeyManifest.mose", [&](orv::testing::HttpServer::Path& p) {
+      p.body = row.manifest, p.exists = !row.manifest.empty(), p.headSays = row.headSays;
+    });
     installing(*logic, 3);
     log_->clear();
     ResolveUpdateURLRequest request;
@@ -437,8 +433,7 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
     EXPECT_EQ(logic->getStateLUM(), row.errorCode == 0 ? 1u : 0u);
     EXPECT_EQ(arbiter_.holder, row.errorCode == 0 ? ACTIVE_USB : ACTIVE_NONE);
     // Started once the LUM has the session; a session never had ends all the same.
-    EXPECT_EQ(arbiter_.stamps, row.errorCode == 0 ? std::vector<std::string>{"start"}
-                                                  : std::vector<std::string>{"end"});
+    EXPECT_EQ(arbiter_.stamps, std::vector<std::string>{row.errorCode == 0 ? "start" : "end"});
   }
 }
 
@@ -715,8 +710,7 @@ TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
       {7, {"_internal:1", "getDomainUpdateSessionState"}, 0},
   };
   for (const Resume& resume : resumes) {
-    for (uint32_t hmiState :
-         {static_cast<uint32_t>(eINSTALLATIONAVAILABLE), static_cast<uint32_t>(eINSTALLING)}) {
+    for (uint32_t hmiState : {eINSTALLATIONAVAILABLE, eINSTALLING}) {
       SCOPED_TRACE("stateLUM " + std::to_string(resume.lumState) + ", " + hmiStateName(hmiState));
       TempDir dir;
       auto record = std::make_shared<Persistence>(dir.path(), "persistence.json");

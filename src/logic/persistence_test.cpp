@@ -121,22 +121,18 @@ TEST_F(PersistenceTest, BadContentReadsAsDefaultsAndIsReplacedOnWrite) {
     int errorCode;        // getErrorCode(0), before and after the write
     const char* keys;     // after setChannel(1): a bad root starts a fresh object
   };
+  const char *kCU = "channel updatetype ", *kCT = "channel timestamps ";
   const std::vector<Row> rows = {
       {"a string where a number is expected", R"({"updatetype": "4", "trainname": "t"})", 7, 0,
        "channel trainname updatetype "},
-      {"a whole number written as floating point", R"({"updatetype": 4.000000})", 4, 0,
-       "channel updatetype "},
-      {"... also at the bottom of the range", R"({"updatetype": 0.000000})", 0, 0,
-       "channel updatetype "},
-      {"a fraction is no update type", R"({"updatetype": 4.5})", 7, 0, "channel updatetype "},
-      {"a negative value for an unsigned key", R"({"updatetype": -1})", 7, 0,
-       "channel updatetype "},
-      {"a value beyond 32 bits", R"({"updatetype": 4294967296})", 7, 0, "channel updatetype "},
-      {"a boolean", R"({"updatetype": true})", 7, 0, "channel updatetype "},
-      {"timestamps that are not an object", R"({"timestamps": "yesterday"})", 7, 0,
-       "channel timestamps "},
-      {"a timestamp that is not a string", R"({"timestamps": {"start-date": 5}})", 7, 0,
-       "channel timestamps "},
+      {"a whole number written as floating point", R"({"updatetype": 4.000000})", 4, 0, kCU},
+      {"... also at the bottom of the range", R"({"updatetype": 0.000000})", 0, 0, kCU},
+      {"a fraction is no update type", R"({"updatetype": 4.5})", 7, 0, kCU},
+      {"a negative value for an unsigned key", R"({"updatetype": -1})", 7, 0, kCU},
+      {"a value beyond 32 bits", R"({"updatetype": 4294967296})", 7, 0, kCU},
+      {"a boolean", R"({"updatetype": true})", 7, 0, kCU},
+      {"timestamps that are not an object", R"({"timestamps": "yesterday"})", 7, 0, kCT},
+      {"a timestamp that is not a string", R"({"timestamps": {"start-date": 5}})", 7, 0, kCT},
       {"negative numbers from outside survive the next write",
        R"({"errorcode": -5, "statelum": 3, "other": [{"x": -7}]})", 7, -5,
        "channel errorcode other statelum "},

@@ -79,9 +79,6 @@ class HttpServer {
   void put(const std::string& path, const std::string& body) {
     set(path, [&](Path& p) { p.body = body, p.exists = true; });
   }
-  void remove(const std::string& path) {
-    set(path, [](Path& p) { p.exists = false; });
-  }
   // Changes how `path` is answered.
   template <typename Change>
   void set(const std::string& path, Change change) {
