@@ -70,13 +70,13 @@ const std::vector<std::string> kAllKeys = {"store/enc-rsa.pem",    "store/enc-ec
                                            "store/enc-oct256.jwk", "store/enc-oct128.jwk",
                                            "store/sig-ec.pem",     "store/sig-rsa.pem"};
 
-JSON vectors() {
-  return JSON::Load(readFile(kVectors + "/vectors.json"));
+const JSON& vectors() {
+  static const JSON all = JSON::Load(readFile(kVectors + "/vectors.json"));
+  return all;
 }
 
 std::string vector(const std::string& name) {
-  const JSON all = vectors();
-  for (const JSON& v : all.ArrayRange())
+  for (const JSON& v : vectors().ArrayRange())
     if (v.find("name")->ToString() == name)
       return v.find("compact")->ToString();
   ADD_FAILURE() << "no vector " << name;
@@ -84,8 +84,7 @@ std::string vector(const std::string& name) {
 }
 
 TEST(JoseTest, IndependentVectorsDecryptAndVerify) {
-  const JSON all = vectors();
-  for (const JSON& v : all.ArrayRange()) {
+  for (const JSON& v : vectors().ArrayRange()) {
     const std::string name = v.find("name")->ToString();
     SCOPED_TRACE(name);
     const bool isSigned = name.find("ES256") == 0 || name.find("RS256") == 0;
@@ -191,8 +190,7 @@ TEST(JoseTest, TamperedContainersAndKeyStoreFaultsAreRefused) {
       {"verification with a private key", header(es, set("kid", "enc-ec")), "has the wrong type",
        nullptr, true},
       {"unsigned while the store holds verification keys", [=] { return vector(rsa); },
-       "Unsigned key manifest refused", nullptr, true},
-  };
+       "Unsigned key manifest refused", nullptr, true}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     KeyDir keys(row.allKeys ? kAllKeys : kDecryptKeys);
@@ -272,8 +270,7 @@ TEST(JoseTest, ToolWritesProductionMediaAndInspectsThem) {
       {"unsigned, inspected without the key", "--encrypt-to " + kVectors + "/store/enc-rsa.pem",
        "/nonexistent", 1, "Unknown key id [enc-rsa]"},
       {"DEBUG stays the default and is refused", "", "/nonexistent", 1,
-       "refused by the production build"},
-  };
+       "refused by the production build"}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::filesystem::remove_all(medium);

@@ -127,8 +127,7 @@ TEST(KeyManifestTest, ExtractOutcomes) {
        true, "Payload decrypted ok!"},
       {"good with unused parts corrupt",
        base64UrlEncode(debug) + ".!!.!." + base64UrlEncode(kPayload) + ".=", true,
-       "Payload decrypted ok!"},
-  };
+       "Payload decrypted ok!"}};
   for (const Row& row : rows) {
     ScopedLogCapture log;
     std::string raw = row.raw;
@@ -171,17 +170,14 @@ TEST(KeyManifestTest, DebugManifestGivesItsCipherTextAsPayload) {
 
 TEST(Base64Test, EncodersMatchKnownVectorsAndPaddingChoice) {
   struct Row {
-    std::string plain;
-    std::string standard;  // padded
-    std::string url;       // never padded
+    std::string plain, standard, url;  // standard padded, url never
   };
   const Row rows[] = {
       {"", "", ""},
       {"f", "Zg==", "Zg"},
       {"fo", "Zm8=", "Zm8"},
       {"foobar", "Zm9vYmFy", "Zm9vYmFy"},
-      {"\xfb\xff", "+/8=", "-_8"},  // the alphabets differ in their last two characters
-  };
+      {"\xfb\xff", "+/8=", "-_8"}};  // the alphabets differ in their last two characters
   for (const Row& row : rows) {
     EXPECT_EQ(base64Encode(row.plain), row.standard) << row.plain;
     EXPECT_EQ(base64UrlEncode(bytesOf(row.plain)), row.url) << row.plain;
@@ -202,22 +198,18 @@ TEST(Base64Test, RoundTripsEveryByteValueAtEveryLength) {
 TEST(Base64Test, DecodersStopAtTheFirstCharacterOutsideTheirAlphabetAndStayInBounds) {
   struct Row {
     const char* why;
-    std::string text;
-    std::string url;       // base64UrlDecode result
-    std::string standard;  // base64Decode result
+    std::string text, url, standard;  // what base64UrlDecode and base64Decode give
   };
-  const Row rows[] = {
-      {"unpadded", "Zm9vYg", "foob", "foob"},
-      {"padded reads like unpadded", "Zm9vYg==", "foob", "foob"},
-      {"one character holds no byte", "Z", "", ""},
-      {"invalid first character", "=Zm9v", "", ""},
-      {"blank ends decoding", "Zm9v Zm9v", "foo", "foo"},
-      {"partial group before the stop", "Zm9vYm!Fy", "foob", "foob"},
-      {"url characters stop the standard decoder", "-_8", "\xfb\xff", ""},
-      {"standard characters stop the url decoder", "+/8=", "", "\xfb\xff"},
-      {"high-bit character", "Zm9v\xc3\xa4", "foo", "foo"},
-      {"NUL", std::string("Zm9v\0Zm9v", 9), "foo", "foo"},
-  };
+  const Row rows[] = {{"unpadded", "Zm9vYg", "foob", "foob"},
+                      {"padded reads like unpadded", "Zm9vYg==", "foob", "foob"},
+                      {"one character holds no byte", "Z", "", ""},
+                      {"invalid first character", "=Zm9v", "", ""},
+                      {"blank ends decoding", "Zm9v Zm9v", "foo", "foo"},
+                      {"partial group before the stop", "Zm9vYm!Fy", "foob", "foob"},
+                      {"url characters stop the standard decoder", "-_8", "\xfb\xff", ""},
+                      {"standard characters stop the url decoder", "+/8=", "", "\xfb\xff"},
+                      {"high-bit character", "Zm9v\xc3\xa4", "foo", "foo"},
+                      {"NUL", std::string("Zm9v\0Zm9v", 9), "foo", "foo"}};
   for (const Row& row : rows) {
     EXPECT_EQ(base64UrlDecode(row.text), bytesOf(row.url)) << row.why;
     EXPECT_EQ(base64Decode(row.text), bytesOf(row.standard)) << row.why;

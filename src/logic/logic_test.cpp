@@ -209,8 +209,7 @@ TEST_F(LogicTest, HmiAnswerTransitionTableOverEveryPair) {
       {eINSTALLATIONFAILED, eINSTALLATIONFAILEDCONFIRMED, "an acknowledged failure closes",
        eINVALID, forgets, false},
       {eINSTALLATIONFINISHED, eINSTALLATIONFINISHEDCONFIRMED, "an acknowledged success closes",
-       eINVALID, forgets, false},
-  };
+       eINVALID, forgets, false}};
   for (uint32_t current = 0; current <= eINVALID; ++current) {
     for (uint32_t next = 0; next <= eINVALID + 1; ++next) {
       const Effect* effect = nullptr;
@@ -256,8 +255,7 @@ TEST_F(LogicTest, DiagnosticStartTable) {
       {"the override skips the order check", true, ORV_USB_UPDATETYPE_NONE, "OTHER", 1, true, 0,
        eINSTALLING},
       {"a matching order starts without the driver", true, ORV_USB_UPDATETYPE_NONE, "X;ORDER-1;Y",
-       0, true, 0, eINSTALLING},
-  };
+       0, true, 0, eINSTALLING}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = make();
@@ -323,8 +321,7 @@ TEST_F(LogicTest, UrlRequestsAreAnsweredFromTheKeyManifest) {
        617},
       {"missing file", "", "pkg.bin", Error::internalError, 612},
       {"container that does not decrypt", "a.b.c", "pkg.bin", Error::internalError, 613},
-      {"a body longer than its HEAD announced", good, "pkg.bin", Error::internalError, 617, 100},
-  };
+      {"a body longer than its HEAD announced", good, "pkg.bin", Error::internalError, 617, 100}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = make();
@@ -374,8 +371,7 @@ TEST_F(LogicTest, BusyAnswersAreRetriedEveryTenSecondsWithoutLimit) {
       {"checkProgrammingPreconditions", 1, startDownload, 1, 3},
       {"startDomainUpdateDownload", 1, startDownload, 2, 3},
       {"startDomainUpdate", 3, startUpdate, 4, 5},
-      {"closeDomainUpdateSession", 5, [](TestLogic& l) { l.seqCloseDomainUpdate(); }, 6, 6},
-  };
+      {"closeDomainUpdateSession", 5, [](TestLogic& l) { l.seqCloseDomainUpdate(); }, 6, 6}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.op);
     std::unique_ptr<TestLogic> logic = installed(row.lumState);
@@ -414,8 +410,7 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
       {"refusals are cancelled before the next try", {1, 2, 0}, 2, eINSTALLING, 0, 0},
       {"no answer counts as a failed try", std::deque<uint32_t>(4, kNoAnswer), 3,
        eINSTALLATIONFAILED, 602, 0},
-      {"the fourth try is the last", {4, 4, 4, 4, 0}, 0, eINSTALLATIONFAILED, 602, 3},
-  };
+      {"the fourth try is the last", {4, 4, 4, 4, 0}, 0, eINSTALLATIONFAILED, 602, 3}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = offered();
@@ -453,8 +448,7 @@ TEST_F(LogicTest, StatusPollMakesUpForAMissingEventAfterTheThirdFurtherPoll) {
       {"update done, no finished event", 5, PS::successfulFinished, "closeDomainUpdateSession",
        "RETRY_UPDATE ("},
       {"session failed, no error event", 3, PS::failFinished, "getDomainUpdateResult",
-       "RETRY_ERROR ("},
-  };
+       "RETRY_ERROR ("}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = installed(row.lumState);
@@ -496,8 +490,7 @@ TEST_F(LogicTest, EveryErrorPathEndsFailedIdleAndReleased) {
       {"update progress lost", 5, "getDomainUpdateProgress", {kNoAnswer}, pollStatus, 615},
       {"result never arrives", 5, "getDomainUpdateResult", std::deque<uint32_t>(3, kNoAnswer),
        errorEvent, 4711},
-      {"the channel lost its grant: no facade", 1, nullptr, {}, pollStatus, 601},
-  };
+      {"the channel lost its grant: no facade", 1, nullptr, {}, pollStatus, 601}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = installed(row.lumState);
@@ -614,14 +607,12 @@ TEST_F(LogicTest, ProgressAndOrderHelpers) {
     uint32_t percent;
     const char* logged;
   };
-  const std::vector<Row> rows = {
-      {0, 0, 0, "Total bytes zero!"},
-      {150, 100, 100, "Processes bytes > total bytes!"},
-      {1, 3, 33, nullptr},
-      {-1, 3, 0, "Processed bytes negative!"},
-      {1, -3, 0, "Total bytes negative!"},
-      {INT64_MAX, INT64_MAX, 100, nullptr},
-  };
+  const std::vector<Row> rows = {{0, 0, 0, "Total bytes zero!"},
+                                 {150, 100, 100, "Processes bytes > total bytes!"},
+                                 {1, 3, 33, nullptr},
+                                 {-1, 3, 0, "Processed bytes negative!"},
+                                 {1, -3, 0, "Total bytes negative!"},
+                                 {INT64_MAX, INT64_MAX, 100, nullptr}};
   for (const Row& row : rows) {
     SCOPED_TRACE(std::to_string(row.processed) + "/" + std::to_string(row.total));
     log_->clear();
@@ -657,8 +648,7 @@ TEST_F(LogicTest, LateAndDuplicateInputsLeaveARunningUpdateAlone) {
        "startDomainUpdate"},
       {"a tester's start during the installation fails nothing", 1,
        [](TestLogic& l) { EXPECT_FALSE(l.diagTriggerStartUpdate("ORDER-1", 1)); },
-       "cancelDomainUpdate"},
-  };
+       "cancelDomainUpdate"}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = installed(row.lumState);
@@ -707,8 +697,7 @@ TEST_F(LogicTest, RestartResumesFromEveryRecordedState) {
       {4, {"_internal:1", "checkProgrammingPreconditions", "startDomainUpdate"}, 0},
       {5, {"_internal:1", "getDomainUpdateSessionState"}, 3},
       {6, {"_internal:1", "closeDomainUpdateSession"}, 0},
-      {7, {"_internal:1", "getDomainUpdateSessionState"}, 0},
-  };
+      {7, {"_internal:1", "getDomainUpdateSessionState"}, 0}};
   for (const Resume& resume : resumes) {
     for (uint32_t hmiState : {eINSTALLATIONAVAILABLE, eINSTALLING}) {
       SCOPED_TRACE("stateLUM " + std::to_string(resume.lumState) + ", " + hmiStateName(hmiState));

@@ -117,8 +117,7 @@ TEST_F(MultiplexerTest, GrantAndReleaseRules) {
       {"a value that names no channel never gets control", "g3- g2-", ACTIVE_NONE, kAbsent,
        "Invalid channel [!!UNDEFINED!!] (3)!"},
       {"a record naming no channel frees control on restart", "g1+ w3+", ACTIVE_USB, 3,
-       "Control is now [ACTIVE_USB]"},
-  };
+       "Control is now [ACTIVE_USB]"}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
@@ -344,8 +343,7 @@ TEST_F(MultiplexerTest, BindingChecksInOrder) {
       {"routine", "diagRoutineCtrl not defined!"},
       {"usb entry", "Input signal for [1] is undefined!"},  // an empty place
       {"dm entry", "Input signal for [0] is undefined!"},   // checked before the USB channel
-      {"", nullptr},
-  };
+      {"", nullptr}};
   for (const auto& [missing, logged] : rows) {
     SCOPED_TRACE(missing);
     TestMultiplexer mux(persistence_);

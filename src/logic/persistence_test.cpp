@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <functional>
 #include <limits>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -34,14 +33,11 @@ using kel::vxp3::minfw::testing::SimulatedClock;
 using kel::vxp3::minfw::testing::TempDir;
 using kel::vxp3::minfw::testing::writeFile;
 
-// The member names of an object, sorted, each followed by a blank.
+// The member names of an object, sorted (its map's order), each followed by a blank.
 std::string keys(const JSON& object) {
-  std::set<std::string> names;
-  for (const auto& member : object.ObjectRange())
-    names.insert(member.first);
   std::string text;
-  for (const std::string& name : names)
-    text += name + " ";
+  for (const auto& member : object.ObjectRange())
+    text += member.first + " ";
   return text;
 }
 
@@ -138,8 +134,7 @@ TEST_F(PersistenceTest, BadContentReadsAsDefaultsAndIsReplacedOnWrite) {
        "channel errorcode other statelum "},
       {"an array root", "[1, 2, 3]", 7, 0, "channel "},
       {"not JSON at all", "this is not json", 7, 0, "channel "},
-      {"an empty file", "", 7, 0, "channel "},
-  };
+      {"an empty file", "", 7, 0, "channel "}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     writeFile(record_.path(), row.file);
@@ -189,8 +184,7 @@ TEST_F(PersistenceTest, ConcurrentWritersOfDifferentKeysKeepEveryKey) {
       [this](int i) { record_.setChannel(static_cast<uint32_t>(i)); },
       [this](int i) { record_.setProgress(static_cast<uint32_t>(i)); },
       [this](int i) { record_.setTrainName("train " + std::to_string(i)); },
-      [this](int i) { record_.setStartDate("date " + std::to_string(i)); },
-  };
+      [this](int i) { record_.setStartDate("date " + std::to_string(i)); }};
   std::vector<std::thread> threads;
   for (std::size_t w = 0; w < writers.size(); ++w) {
     threads.emplace_back([&writers, w] {

@@ -97,8 +97,7 @@ TEST_F(UpdateMediumTest, DescriptionFaults) {
        "Invalid data for \"train\""},
       {"a key manifest that is no text",
        R"({"manifests": ["a"], "diagAddresses": ["1"], "train": "T", "keyManifest": []})",
-       "Invalid data for \"keyManifest"},
-  };
+       "Invalid data for \"keyManifest"}};
   const std::string url = server_.base() + "/m/NodboxUpdateMedium.json";
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -138,8 +137,7 @@ TEST_F(UpdateMediumTest, SizeLimitOnBothSides) {
       {"a HEAD that overstates is refused", 1000, 512001, kPlain, false, 0},
       {"a body longer than announced", 1000, 100, kPlain, false, 1},
       {"a body without a length, longer than announced", 1000, 999, kChunked, false, 1},
-      {"an endless body stops at the limit", 1000, 512000, kEndless, false, 1},
-  };
+      {"an endless body stops at the limit", 1000, 512000, kEndless, false, 1}};
   int index = 0;
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
@@ -223,8 +221,7 @@ TEST_F(UpdateMediumTest, HttpFaultsRetriesAndTimeouts) {
       {"a HEAD that succeeds on its third try", base + "/flaky", false, 3, 2, 3, ""},
       {"a HEAD to a server that never answers times out", silent, false, 1, 0, 1,
        "HEAD [" + silent + "] : No reply!"},
-      {"a GET to it as well", silent, true, 1, 0, 1, "GET [" + silent + "]: No reply!"},
-  };
+      {"a GET to it as well", silent, true, 1, 0, 1, "GET [" + silent + "]: No reply!"}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     server_.set("/flaky", [&](orv::testing::HttpServer::Path& p) { p.failFirst = row.failFirst; });
