@@ -48,6 +48,14 @@ std::optional<std::string> readBack(const std::string& path) {
   return data;
 }
 
+bool put(const std::string& path, const std::string& data, uint32_t mode = 0644) {
+  return FileWithBackup::Write(path, data, getuid(), getgid(), mode);
+}
+
+std::vector<Clock::Duration> pauses(std::size_t count, int ms) {
+  return std::vector<Clock::Duration>(count, milliseconds(ms));
+}
+
 // Every test runs in virtual time; fs_ is for handles given a file system of their own.
 class FileWithBackupTest : public ::testing::Test {
  protected:
@@ -57,18 +65,12 @@ class FileWithBackupTest : public ::testing::Test {
   ScopedLogCapture log_;
   TempDir dir_;
 };
-using SmartFileHandleTest = FileWithBackupTest;
 
 constexpr uint32_t kAlways = FaultFileSystem::kAlways;
 
-std::vector<Clock::Duration> pauses(std::size_t count, int ms) {
-  return std::vector<Clock::Duration>(count, milliseconds(ms));
-}
-
-// Power cut at every call of a write, with and without an earlier
-// record, with the new record longer and shorter than the old one. After the reboot the record
-// is the complete old one or the complete new one; once the directory sync has happened it is
-// the new one; before the rename it is the old one.
+// Power cut at every call of a write, with and without an earlier record, the new one longer
+// and shorter than the old. After the reboot the record is the complete old one or the complete
+// new one; once the directory sync has happened it is the new one; before the rename the old.
 TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
   struct Row {
     const char* proves;
@@ -82,30 +84,23 @@ TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
-    const std::string oldRecord = record('o', row.oldSize);
-    const std::string newRecord = record('n', row.newSize);
-
+    const std::string oldRecord = record('o', row.oldSize), newRecord = record('n', row.newSize);
+    // The old record (if any) written for real, then the new one through `fs`.
+    auto attempt = [&](const std::string& path, FaultFileSystem& fs) {
+      EXPECT_TRUE(row.oldSize == 0 || put(path, oldRecord));
+      ScopedFileSystem scoped(fs);
+      return put(path, newRecord);
+    };
     // Learn the steps of one complete write.
-    uint64_t totalSteps = 0;
+    FaultFileSystem learn;
+    ASSERT_TRUE(attempt(TempDir().file("record.json"), learn));
+    const auto trace = learn.trace();
+    const uint64_t totalSteps = trace.size();
     uint64_t renameStep = 0;
     uint64_t dirSyncStep = 0;
-    {
-      TempDir dir;
-      const std::string path = dir.file("record.json");
-      if (row.oldSize > 0) {
-        ASSERT_TRUE(FileWithBackup::Write(path, oldRecord, getuid(), getgid(), 0644));
-      }
-      FaultFileSystem fs;
-      ScopedFileSystem scoped(fs);
-      ASSERT_TRUE(FileWithBackup::Write(path, newRecord, getuid(), getgid(), 0644));
-      totalSteps = fs.steps();
-      const auto trace = fs.trace();
-      for (std::size_t i = 0; i < trace.size(); ++i) {
-        if (trace[i].find(" rename ") != std::string::npos)
-          renameStep = i + 1;
-        if (trace[i].find(" fsync-dir ") != std::string::npos)
-          dirSyncStep = i + 1;
-      }
+    for (std::size_t i = 0; i < trace.size(); ++i) {
+      renameStep = trace[i].find(" rename ") != std::string::npos ? i + 1 : renameStep;
+      dirSyncStep = trace[i].find(" fsync-dir ") != std::string::npos ? i + 1 : dirSyncStep;
     }
     ASSERT_GT(renameStep, 0u);
 
@@ -114,17 +109,11 @@ TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
       SCOPED_TRACE("power cut at step " + std::to_string(step));
       TempDir dir;
       const std::string path = dir.file("record.json");
-      if (row.oldSize > 0) {
-        ASSERT_TRUE(FileWithBackup::Write(path, oldRecord, getuid(), getgid(), 0644));
-      }
       {
         FaultFileSystem fs;
         fs.crashAtStep(step);
-        ScopedFileSystem scoped(fs);
-        const bool written = FileWithBackup::Write(path, newRecord, getuid(), getgid(), 0644);
-        if (step <= renameStep) {
-          EXPECT_FALSE(written);
-        }
+        const bool written = attempt(path, fs);
+        EXPECT_FALSE(step <= renameStep && written);
         if (step > totalSteps) {
           EXPECT_TRUE(written);
           fs.crash();
@@ -138,21 +127,14 @@ TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
                                 : row.oldSize > 0 && *after == oldRecord ? "old"
                                                                          : "torn";
       EXPECT_NE(found, "torn") << after->size() << " bytes";
-      if (row.oldSize > 0) {
-        EXPECT_NE(found, "none") << "the old record was lost";
-      }
-      if (step < renameStep && row.oldSize > 0) {
-        EXPECT_EQ(found, "old");
-      }
+      EXPECT_FALSE(row.oldSize > 0 && found == "none") << "the old record was lost";
+      EXPECT_TRUE(found == "old" || step >= renameStep || row.oldSize == 0) << found;
       // A write that returned true survives; so does one cut after its directory sync.
-      if (step > totalSteps || (dirSyncStep > 0 && step > dirSyncStep)) {
-        EXPECT_EQ(found, "new");
-      }
-
+      const bool durable = step > totalSteps || (dirSyncStep > 0 && step > dirSyncStep);
+      EXPECT_TRUE(found == "new" || !durable) << found;
       // The service writes again after the reboot and reads its new record.
-      const std::string next = record('x', 77);
-      ASSERT_TRUE(FileWithBackup::Write(path, next, getuid(), getgid(), 0644));
-      EXPECT_EQ(readBack(path), next);
+      ASSERT_TRUE(put(path, record('x', 77)));
+      EXPECT_EQ(readBack(path), record('x', 77));
       EXPECT_FALSE(exists(path + ".new"));
     }
   }
@@ -187,23 +169,18 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
     const std::string path = dir.file("p.json");
-    const std::string oldRecord = record('o', 100);
-    const std::string newRecord = record('n', 200);
-    writeFile(path, oldRecord);
+    writeFile(path, record('o', 100));
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
     FaultFileSystem fs;
     fs.failCall(row.op, 1, row.error, row.times);
     ScopedFileSystem scoped(fs);
     log_->clear();
-
-    EXPECT_EQ(FileWithBackup::Write(path, newRecord, getuid(), getgid(), 0644), row.written);
-    EXPECT_EQ(readFile(path), row.written ? newRecord : oldRecord);
-    EXPECT_EQ(clock.sleeps(), std::vector<Clock::Duration>(row.pauses, milliseconds(1000)));
+    EXPECT_EQ(put(path, record('n', 200)), row.written);
+    EXPECT_EQ(readFile(path), row.written ? record('n', 200) : record('o', 100));
+    EXPECT_EQ(clock.sleeps(), pauses(row.pauses, 1000));
     EXPECT_TRUE(log_->contains(row.message)) << row.message;
-    if (row.times == kAlways) {
-      EXPECT_TRUE(log_->contains("After [3] we give up!"));
-    }
+    EXPECT_EQ(log_->contains("After [3] we give up!"), row.times == kAlways);
   }
 }
 
@@ -215,7 +192,7 @@ TEST_F(FileWithBackupTest, ShortWritesStoreTheWholeRecordWithModeAndOwner) {
   fs.shortWrite(2, 4095);
   {
     ScopedFileSystem scoped(fs);
-    EXPECT_TRUE(FileWithBackup::Write(path, data, getuid(), getgid(), 0640));
+    EXPECT_TRUE(put(path, data, 0640));
   }
   EXPECT_EQ(readBack(path), data) << "and reading it back leaves its mode alone";
   EXPECT_EQ(fs.calls(Op::kWrite), 3u);
@@ -233,7 +210,7 @@ TEST_F(FileWithBackupTest, ShortWritesStoreTheWholeRecordWithModeAndOwner) {
   failing.failCall(Op::kWrite, 2, EIO, kAlways);
   {
     ScopedFileSystem scoped(failing);
-    EXPECT_FALSE(FileWithBackup::Write(first, record('n', 100), getuid(), getgid(), 0644));
+    EXPECT_FALSE(put(first, record('n', 100)));
   }
   EXPECT_EQ(readBack(first), std::nullopt);
 }
@@ -273,7 +250,7 @@ TEST_F(FileWithBackupTest, DirectoriesAndFifosFailAtOnceWithoutPauses) {
   struct Row {
     const char* proves;
     bool write;
-    std::string special;  // the path made a directory, or a FIFO when it ends in "fifo"
+    std::string special;  // the path made a directory, or a FIFO when it is "fifo"
     const char* message;
   };
   const std::vector<Row> rows = {
@@ -294,8 +271,7 @@ TEST_F(FileWithBackupTest, DirectoriesAndFifosFailAtOnceWithoutPauses) {
     ScopedClock scopedClock(clock);
     log_->clear();
     std::string data;
-    EXPECT_FALSE(row.write ? FileWithBackup::Write(path, "x", getuid(), getgid(), 0644)
-                           : FileWithBackup::Read(path, data));
+    EXPECT_FALSE(row.write ? put(path, "x") : FileWithBackup::Read(path, data));
     EXPECT_TRUE(log_->contains(row.message));
     EXPECT_TRUE(clock.sleeps().empty());
   }
@@ -308,7 +284,7 @@ TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {
   fs.failCall(Op::kPread, 1, EIO, 2);
   ScopedFileSystem scoped(fs);
   EXPECT_EQ(readBack(path), "content");
-  EXPECT_EQ(clock_.sleeps(), std::vector<Clock::Duration>(2, milliseconds(2000)));
+  EXPECT_EQ(clock_.sleeps(), pauses(2, 2000));
 
   fs.failCall(Op::kPread, 3, EIO, kAlways);
   EXPECT_EQ(readBack(path), std::nullopt);
@@ -321,7 +297,7 @@ TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {
 }
 
 // Every row ends with the whole data written.
-TEST_F(SmartFileHandleTest, WriteSurvivesShortAndFailedWrites) {
+TEST_F(FileWithBackupTest, HandleWriteSurvivesShortAndFailedWrites) {
   const std::string data = "0123456789abcdefghijklmnopqrstuvwxyz";
   struct Row {
     const char* proves;
@@ -368,7 +344,7 @@ TEST_F(SmartFileHandleTest, WriteSurvivesShortAndFailedWrites) {
 }
 
 // A re-opened write keeps what is before its offset; a read stops at the end of the file.
-TEST_F(SmartFileHandleTest, OffsetWriteAndReadRetryAndReport) {
+TEST_F(FileWithBackupTest, HandleOffsetWriteAndReadRetryAndReport) {
   const std::string path = dir_.file("f");
   SmartFileHandle handle(fs_);
   handle.setReadTries(3);
