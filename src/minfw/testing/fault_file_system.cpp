@@ -14,18 +14,10 @@ namespace kel::vxp3::minfw::testing {
 
 namespace {
 
-std::string procPath(int fd) {
-  return cat("/proc/self/fd/", fd);
-}
-
 std::string normalDirectory(std::string directory) {
   while (directory.size() > 1 && directory.back() == '/')
     directory.pop_back();
   return directory;
-}
-
-bool writes(int flags) {
-  return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
 }
 
 // Trace names, in the order of FaultFileSystem::Op.
@@ -35,7 +27,6 @@ const char* const kOpNames[] = {"openat",    "openat-dir", "pread", "write", "fs
 }  // namespace
 
 FaultFileSystem::FaultFileSystem() : real_(posixFileSystem()) {}
-
 FaultFileSystem::~FaultFileSystem() = default;
 
 void FaultFileSystem::failCall(Op op, uint32_t nth, int error, uint32_t times) {
@@ -58,27 +49,6 @@ void FaultFileSystem::crash() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!crashed_)
     powerCutLocked();
-}
-
-bool FaultFileSystem::crashed() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return crashed_;
-}
-
-uint64_t FaultFileSystem::steps() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return steps_;
-}
-
-uint32_t FaultFileSystem::calls(Op op) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  const auto it = calls_.find(op);
-  return it == calls_.end() ? 0 : it->second;
-}
-
-std::vector<std::string> FaultFileSystem::trace() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return trace_;
 }
 
 std::string FaultFileSystem::describe(int fd) const {
@@ -155,10 +125,7 @@ void FaultFileSystem::powerCutLocked() {
   crashed_ = true;
   for (const auto& [path, binding] : durableNames_) {
     struct stat status {};
-    mode_t mode = 0644;
-    const auto known = modes_.find(path);
-    if (known != modes_.end())
-      mode = known->second;
+    mode_t mode = modes_.count(path) != 0 ? modes_.at(path) : 0644;
     if (::stat(path.c_str(), &status) == 0) {
       if (!S_ISREG(status.st_mode))
         continue;
@@ -177,7 +144,8 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
   const bool directory = (flags & O_DIRECTORY) != 0;
   if (!enter(directory ? Op::kOpenDir : Op::kOpen, path))
     return -1;
-  const bool modelled = dirfd == AT_FDCWD && !directory && writes(flags);
+  const bool writes = (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
+  const bool modelled = dirfd == AT_FDCWD && !directory && writes;
   bool existed = false;
   if (modelled) {
     touchPath(path);
@@ -187,15 +155,11 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
   if (fd < 0)
     return fd;
   const int savedErrno = errno;
-  if (directory) {
+  struct stat status {};
+  if (directory)
     directories_[fd] = path;
-  } else {
-    if (modelled && !existed && (flags & O_CREAT) != 0) {
-      struct stat status {};
-      if (::fstat(fd, &status) == 0)
-        newId(status.st_ino, "");
-    }
-  }
+  else if (modelled && !existed && (flags & O_CREAT) != 0 && ::fstat(fd, &status) == 0)
+    newId(status.st_ino, "");
   errno = savedErrno;
   return fd;
 }
@@ -229,9 +193,10 @@ int FaultFileSystem::fsync(int fd) {
   if (directory) {
     commitDirectory(dir->second);
   } else {
-    const uint64_t id = idOfPath(procPath(fd));
-    if (id != 0)
-      durableData_[id] = readFile(procPath(fd));
+    // A descriptor's file is reached through its /proc/self/fd link.
+    const std::string file = cat("/proc/self/fd/", fd);
+    if (const uint64_t id = idOfPath(file); id != 0)
+      durableData_[id] = readFile(file);
   }
   return 0;
 }

@@ -1,27 +1,19 @@
 #pragma once
 // FaultFileSystem: the real POSIX file system with faults injected on request, for tests.
 //
-// Failures: the nth call (counted from 1) of one operation fails with a chosen errno, once or
-// for a number of consecutive calls; the nth write can be cut short. Every call is numbered
-// ("steps", counted from 1 across all operations) and recorded, so a test can first run an
-// operation once to learn its steps and then crash at each of them.
+// The nth call (from 1) of one operation fails with a chosen errno, once or several times in a
+// row; the nth write can be cut short. Every call is a numbered step (from 1, across all
+// operations) and traced, so a test can learn the steps of an operation and crash at each.
 //
-// Power cut: crash() (or crashAtStep(n), which crashes instead of performing step n) makes
-// every later call fail with EIO and rewrites the touched files on disk to what a real disk
-// would hold after the power came back, so a fresh file system sees the state after a reboot:
-//  - file data is durable only up to its last fsync; a file's content from before this object
-//    first touched it counts as durable; unsynced writes are dropped;
-//  - names: a file creation or rename becomes durable only when its directory is fsynced (what
-//    POSIX promises); until then a crash reverts it (a new file disappears, a renamed file is
-//    back under its old name and the replaced target is back).
-// A crashing write first writes half of its bytes, so torn data really reaches the file before
-// it is dropped. Only files touched through this object are restored; only paths opened
-// relative to AT_FDCWD are modelled; a directory is matched to its files by the text of their
-// paths (the part before the last "/"). The calls without an Op below pass straight through,
-// unnumbered: the crash-safe write does not depend on them for durability.
+// Power cut (crash(), or crashAtStep(n) instead of step n): every later call fails with EIO and
+// the touched files are rewritten to what a disk holds after the reboot. Data is durable up to
+// its last fsync (content from before this object first touched it counts as synced); a
+// creation or rename is durable only once its directory is fsynced, until then it is undone. A
+// crashing write first writes half its bytes, so torn data really reaches the file. Only paths
+// opened relative to AT_FDCWD are modelled, and a file belongs to the directory named by its path
+// before the last "/". Calls without an Op pass straight through, unnumbered.
 //
-// Threading: thread-safe; one mutex guards the fault plan, the counters and the durability
-// model, and is held across each call (tests need order, not speed).
+// Threading: thread-safe; one mutex is held across each call (tests need order, not speed).
 
 #include <sys/types.h>
 
@@ -67,12 +59,20 @@ class FaultFileSystem : public FileSystem {
   // The power fails now.
   void crash();
 
-  bool crashed() const;
-  // Calls made so far (the crashing call included).
-  uint64_t steps() const;
-  uint32_t calls(Op op) const;
-  // One line per call: "<step> <op> <path>" or "<step> <op> fd <n>" (a directory's with its path).
-  std::vector<std::string> trace() const;
+  bool crashed() const {
+    return locked([&] { return crashed_; });
+  }
+  // Calls so far, the crashing one included.
+  uint64_t steps() const {
+    return locked([&] { return steps_; });
+  }
+  uint32_t calls(Op op) const {
+    return locked([&] { return calls_.count(op) ? calls_.at(op) : 0; });
+  }
+  // One line per call: "<step> <op> <path>" or "<step> <op> fd <n>" (a directory's with path).
+  std::vector<std::string> trace() const {
+    return locked([&] { return trace_; });
+  }
 
   int openat(int dirfd, const char* path, int flags, mode_t mode) override;
   ssize_t pread(int fd, void* buffer, std::size_t count, off_t offset) override;
@@ -100,21 +100,23 @@ class FaultFileSystem : public FileSystem {
   }
 
  private:
+  template <typename F>  // f() under mutex_
+  auto locked(F f) const -> decltype(f()) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return f();
+  }
   struct Fault {
     Op op;
     uint32_t first;
     uint32_t last;
     int error;
   };
-  // Counts and records the call; false (with errno set) when it fails or the power fails at
-  // it, in which case `beforeCrash` runs first. Caller holds mutex_.
+  // Counts and traces the call; false (errno set) when it fails or the power fails at it, in
+  // which case `beforeCrash` runs first. Callers of these private functions hold mutex_.
   bool enter(Op op, const std::string& what, const std::function<void()>& beforeCrash = {});
-  // "fd <n>" for the trace, with the path of a directory. Caller holds mutex_.
   std::string describe(int fd) const;
-  // Durability model; callers hold mutex_.
   void touchPath(const std::string& path);
-  // The id of the live file `path` (a file first seen is snapshotted); 0 if it cannot be examined.
-  // A descriptor's file is reached through its /proc/self/fd link.
+  // The id of the regular file `path` (snapshotted when first seen), else 0.
   uint64_t idOfPath(const std::string& path);
   uint64_t newId(ino_t inode, std::string data);
   void commitDirectory(const std::string& directory);
@@ -130,10 +132,8 @@ class FaultFileSystem : public FileSystem {
   std::map<Op, uint32_t> calls_;
   std::vector<std::string> trace_;
   std::map<int, std::string> directories_;  // open directory descriptors -> path
-  // Durable state. Files are identified by our own ids, not inode numbers, because a freed
-  // inode number is reused by the next creation while the old file may still be the durable
-  // one. idOf_ maps live inodes to ids; durableNames_ says which file each touched path names
-  // after a crash (nullopt: none); durableData_ holds each file's synced content.
+  // Our own file ids, as a freed inode number is reused while the old file may still be the
+  // durable one. durableNames_: the file each touched path names after a crash (nullopt: none).
   std::map<ino_t, uint64_t> idOf_;
   uint64_t nextId_ = 1;
   std::map<std::string, std::optional<uint64_t>> durableNames_;
