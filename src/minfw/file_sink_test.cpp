@@ -1,7 +1,5 @@
-// File sink: rotation of the ten generations, the size limit, the fallback for a path that cannot
-// be opened. KelTrace against a recording
-// fake of tracing::Channel, which replaces the platform channel at link time (this test does not
-// link platform_tracing), so the sink's own code is what runs.
+// File sink: the ten generations, the size limit, a path that cannot be opened. KelTrace runs
+// against a recording fake of tracing::Channel that replaces the platform one at link time.
 
 #include "minfw/file_sink.h"
 #include "minfw/keltrace_sink.h"
@@ -62,10 +60,6 @@ class Recorder {
 
 std::unique_ptr<Recorder> gRecorder = std::make_unique<Recorder>();
 
-Recorder& recorder() {
-  return *gRecorder;
-}
-
 }  // namespace
 
 // The fake platform channel.
@@ -75,11 +69,11 @@ using kel::vxp3::minfw::cat;
 
 Channel::Channel(const std::string& name, int16_t defaultLevel, int32_t option)
     : name_(name), option_(option), context_(nullptr), filterLevel_(defaultLevel) {
-  recorder().add(cat("new ", name_, " ", defaultLevel, " ", option));
+  gRecorder->add(cat("new ", name_, " ", defaultLevel, " ", option));
 }
 
 Channel::~Channel() {
-  recorder().add("delete " + name_);
+  gRecorder->add("delete " + name_);
 }
 
 void Channel::setFilterLevel(int16_t level) {
@@ -91,7 +85,7 @@ void Channel::enable() {
 }
 
 bool Channel::log(int16_t level, const std::string& text) {
-  recorder().add(cat("log ", name_, " ", level, " ", filterLevel_.load(),
+  gRecorder->add(cat("log ", name_, " ", level, " ", filterLevel_.load(),
                      enabled_ ? " on [" : " off [", text, "]"));
   return true;
 }
@@ -133,11 +127,7 @@ TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
     SCOPED_TRACE(row.proves);
     TempDir dir;
     const std::string path = dir.file("") + "Orvane.log";
-    auto generation = [&](int i) {
-      char suffix[8];
-      std::snprintf(suffix, sizeof(suffix), ".%02d", i);
-      return i == 0 ? path : path + suffix;
-    };
+    auto generation = [&](int i) { return i == 0 ? path : cat(path, i < 10 ? ".0" : ".", i); };
     auto content = [](char g) { return std::string("generation ") + g + "\n"; };
     for (const char* g = row.present; *g != '\0'; ++g)
       writeFile(generation(*g == 'A' ? 10 : *g - '0'), content(*g));
@@ -218,7 +208,7 @@ TEST_F(KelTraceTest, RecordsGoToTheChannelOfTheirName) {
   }
   // One channel per name "traceApp_name_tag" (default level 7, option 2), filter level 0 and
   // enabled before its first record; the text is "location: message", the level unchanged.
-  std::vector<std::string> events = recorder().events();
+  std::vector<std::string> events = gRecorder->events();
   ASSERT_EQ(events.size(), 10u);
   events.resize(7);
   EXPECT_EQ(events, (std::vector<std::string>{
@@ -227,7 +217,7 @@ TEST_F(KelTraceTest, RecordsGoToTheChannelOfTheirName) {
                         "new LUM_Orvane_pers 7 2", "log LUM_Orvane_pers 0 0 on [main(67): ]",
                         "log LUM_Orvane_GLOBAL 6 0 on [f(1): again]", "new __ 7 2",
                         "log __ 4 0 on [h(3): bare]"}));
-  EXPECT_EQ(recorder().count("delete "), 3u) << "destruction deletes every channel";
+  EXPECT_EQ(gRecorder->count("delete "), 3u) << "destruction deletes every channel";
 }
 
 TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
@@ -238,7 +228,7 @@ TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
     pthread_setname_np(pthread_self(), "kt-writer");
     raw->write("LUM", "Orvane", "GLOBAL", "f(1)", "block here", 2);
   });
-  for (int i = 0; i < 20000 && recorder().count("block") == 0; ++i)
+  for (int i = 0; i < 20000 && gRecorder->count("block") == 0; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   // This thread destroys the sink while the record is inside the channel. Once the destruction
   // has begun, a late writer (at exit, a thread still logging) gets its records dropped at
@@ -249,7 +239,7 @@ TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     raw->write("LUM", "Orvane", "GLOBAL", "f(2)", "late, known channel", 2);
     raw->write("LUM", "Orvane", "other", "f(3)", "late, new channel", 2);
-    recorder().release.set_value();
+    gRecorder->release.set_value();
   });
   sink.reset();
   writer.join();
@@ -257,7 +247,7 @@ TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
 
   // No late record, no channel made after destruction began; the channel outlived the record
   // in flight.
-  EXPECT_EQ(recorder().events(),
+  EXPECT_EQ(gRecorder->events(),
             (std::vector<std::string>{"new LUM_Orvane_GLOBAL 7 2",
                                       "log LUM_Orvane_GLOBAL 2 0 on [f(1): block here]",
                                       "delete LUM_Orvane_GLOBAL"}));
@@ -285,9 +275,9 @@ TEST_F(KelTraceTest, ConcurrentWritersAndDestructionAreRaceFree) {
   for (std::thread& w : writers)
     w.join();
 
-  EXPECT_EQ(recorder().count("log "), static_cast<std::size_t>(kThreads * kRecords));
-  EXPECT_EQ(recorder().count("new "), 4u) << "concurrent first records of a name";
-  EXPECT_EQ(recorder().count("delete "), 4u);
+  EXPECT_EQ(gRecorder->count("log "), static_cast<std::size_t>(kThreads * kRecords));
+  EXPECT_EQ(gRecorder->count("new "), 4u) << "concurrent first records of a name";
+  EXPECT_EQ(gRecorder->count("delete "), 4u);
 }
 
 }  // namespace

@@ -40,8 +40,6 @@ std::string exact(const std::string& text) {
   return std::string(text.begin(), text.end());
 }
 
-// ---- the parser on small inputs -------------------------------------------------------------
-
 // parse_next on one value: what it returns (its dump also tells its class), where it stops and
 // what it reports.
 TEST(JsonParse, ValuesAdvanceAndReportAsDocumented) {
@@ -150,8 +148,6 @@ TEST(JsonParse, DocumentsTheirPartialResultsAndTrailingText) {
   }
 }
 
-// ---- robustness -----------------------------------------------------------------------------
-
 // Each input is reported and parse_next stays inside it (ASan watches the reads).
 void expectReported(const std::string& input) {
   SCOPED_TRACE(input);
@@ -233,8 +229,6 @@ TEST(JsonRobustness, NestingIsLimited) {
   }
 }
 
-// ---- serialiser -----------------------------------------------------------------------------
-
 // Builders that insert in the order given (the dump must still sort).
 JSON object(std::initializer_list<std::pair<const char*, JSON>> members) {
   JSON j = JSON::Make(JSON::Class::Object);
@@ -275,8 +269,6 @@ TEST(JsonDump, TextsAsDocumented) {
       << "a pad shorter than two characters closes at the margin";
   EXPECT_EQ(member.dump(0), "{\n\"a\" : 1,\n\"b\" : \"v\"\n}") << "depth 0 indents not at all";
 }
-
-// ---- value semantics and accessors ----------------------------------------------------------
 
 TEST(JsonValue, ContainersConvertGrowAndCopyDeeply) {
   JSON record = JSON("not an object");

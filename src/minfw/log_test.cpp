@@ -140,23 +140,19 @@ TEST(TextHelpers, HexAndPieces) {
 TEST_F(LoggerTest, ConsoleLineHasTheExactLayout) {
   struct Row {
     uint8_t level;
-    const char* colour;
+    std::string colour;
     std::string location;
     std::string message;
   };
   const std::string longLocation = " orv::DiagLocalUpdateManagerControlService::diagStart(1234)";
-  const Row rows[] = {
-      {0, "\033[0m", "main(67)", "trace has no colour"},
-      {1, "\033[33m", "main(67)", "debug is yellow"},
-      {2, "\033[32m", "main(67)", "info is green"},
-      {3, "\033[36m", "main(67)", "warn is cyan"},
-      {4, "\033[31m", "main(67)", "error is red"},
-      {5, "\033[35m", "main(67)", "fatal is magenta"},
-      {6, "\033[0m", "main(67)", "levels above 5 have no colour"},
-      {2, "\033[32m", longLocation, "a long location is not cut"},
-      {2, "\033[32m", "main(67)", std::string(5000, 'm')},  // grows the buffer
-      {2, "\033[32m", "main(67)", ""},
-  };
+  // Trace and levels above fatal have no colour; then yellow, green, cyan, red, magenta.
+  std::vector<Row> rows;
+  for (const char* colour : {"0", "33", "32", "36", "31", "35", "0"})
+    rows.push_back({static_cast<uint8_t>(rows.size()), cat("\033[", colour, "m"), "main(67)",
+                    cat("level ", rows.size())});
+  rows.push_back({2, "\033[32m", longLocation, "a long location is not cut"});
+  rows.push_back({2, "\033[32m", "main(67)", std::string(5000, 'm')});  // grows the buffer
+  rows.push_back({2, "\033[32m", "main(67)", ""});
   CaptureStdout();
   Console console;
   for (const Row& row : rows)
