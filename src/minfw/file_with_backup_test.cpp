@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "minfw/file_system.h"
@@ -141,15 +142,8 @@ TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
 }
 
 TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
-  struct Row {
-    const char* proves;
-    Op op;
-    int error;
-    uint32_t times;
-    bool written;        // Write's result, and whether the target holds the new data
-    std::size_t pauses;  // of 1000 ms each
-    std::string message;
-  };
+  // `written`: Write's result, and whether the target holds the new data; pauses of 1 s each.
+  using Row = std::tuple<const char*, Op, int, uint32_t, bool, std::size_t, std::string>;
   const std::vector<Row> rows = {
       {"a write failing twice then succeeding pauses exactly twice", Op::kWrite, EIO, 2, true, 2,
        "try [2], errno[5]"},
@@ -165,22 +159,22 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
       {"a failing directory sync is logged, the data is already in place", Op::kFsyncDir, EIO, 1,
        true, 0, "Unable to sync directory ["},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
+  for (const auto& [proves, op, error, times, written, sleeps, message] : rows) {
+    SCOPED_TRACE(proves);
     TempDir dir;
     const std::string path = dir.file("p.json");
     writeFile(path, record('o', 100));
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
     FaultFileSystem fs;
-    fs.failCall(row.op, 1, row.error, row.times);
+    fs.failCall(op, 1, error, times);
     ScopedFileSystem scoped(fs);
     log_->clear();
-    EXPECT_EQ(put(path, record('n', 200)), row.written);
-    EXPECT_EQ(readFile(path), row.written ? record('n', 200) : record('o', 100));
-    EXPECT_EQ(clock.sleeps(), pauses(row.pauses, 1000));
-    EXPECT_TRUE(log_->contains(row.message)) << row.message;
-    EXPECT_EQ(log_->contains("After [3] we give up!"), row.times == kAlways);
+    EXPECT_EQ(put(path, record('n', 200)), written);
+    EXPECT_EQ(readFile(path), written ? record('n', 200) : record('o', 100));
+    EXPECT_EQ(clock.sleeps(), pauses(sleeps, 1000));
+    EXPECT_TRUE(log_->contains(message)) << message;
+    EXPECT_EQ(log_->contains("After [3] we give up!"), times == kAlways);
   }
 }
 
@@ -216,63 +210,50 @@ TEST_F(FileWithBackupTest, ShortWritesStoreTheWholeRecordWithModeAndOwner) {
 }
 
 TEST_F(FileWithBackupTest, ReadFallsBackToTheSibling) {
-  struct Row {
-    const char* proves;
-    std::optional<std::string> target;
-    std::optional<std::string> sibling;
-    std::optional<std::string> result;
-  };
-  const std::vector<Row> rows = {
+  using Text = std::optional<std::string>;
+  const std::vector<std::tuple<const char*, Text, Text, Text>> rows = {
       {"the target wins over a sibling", "target", "sibling", "target"},
       {"a lone sibling is read", std::nullopt, "sibling", "sibling"},
       {"an empty target is an empty record", "", std::nullopt, ""},
       {"an empty lone sibling is a write cut before its fsync", std::nullopt, "", std::nullopt},
       {"neither file", std::nullopt, std::nullopt, std::nullopt},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
+  for (const auto& [proves, target, sibling, result] : rows) {
+    SCOPED_TRACE(proves);
     TempDir dir;
     const std::string path = dir.file("r.json");
-    if (row.target)
-      writeFile(path, *row.target);
-    if (row.sibling)
-      writeFile(path + ".new", *row.sibling);
+    if (target)
+      writeFile(path, *target);
+    if (sibling)
+      writeFile(path + ".new", *sibling);
     log_->clear();
-    EXPECT_EQ(readBack(path), row.result);
+    EXPECT_EQ(readBack(path), result);
     // Read never repairs: the sibling stays for the next Write to replace.
-    EXPECT_EQ(exists(path + ".new"), row.sibling.has_value());
+    EXPECT_EQ(exists(path + ".new"), sibling.has_value());
     EXPECT_EQ(log_->contains("Unable to find neither [" + path + "], nor [" + path + ".new]"),
-              !row.result);
+              !result);
   }
 }
 
 TEST_F(FileWithBackupTest, DirectoriesAndFifosFailAtOnceWithoutPauses) {
-  struct Row {
-    const char* proves;
-    bool write;
-    std::string special;  // the path made a directory, or a FIFO when it is "fifo"
-    const char* message;
-  };
-  const std::vector<Row> rows = {
+  // proves, write (or read), the path made a directory (a FIFO when it is "fifo"), message
+  const std::vector<std::tuple<const char*, bool, std::string, const char*>> rows = {
       {"writing over a directory", true, "d", "Trying to open a directory!"},
       {"writing when the sibling is a directory", true, "d.new", "Trying to open a directory!"},
       {"reading a directory", false, "d", "Trying to open a directory!"},
       {"reading a FIFO does not block", false, "fifo", "not a regular file"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
+  for (const auto& [proves, write, name, message] : rows) {
+    SCOPED_TRACE(proves);
     TempDir dir;
-    const std::string path = dir.file(row.special == "fifo" ? "fifo" : "d");
-    const std::string special = dir.file(row.special);
-    ASSERT_EQ(
-        row.special == "fifo" ? ::mkfifo(special.c_str(), 0644) : ::mkdir(special.c_str(), 0755),
-        0);
+    const std::string path = dir.file(name == "fifo" ? "fifo" : "d"), special = dir.file(name);
+    ASSERT_EQ(name == "fifo" ? ::mkfifo(special.c_str(), 0644) : ::mkdir(special.c_str(), 0755), 0);
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
     log_->clear();
     std::string data;
-    EXPECT_FALSE(row.write ? put(path, "x") : FileWithBackup::Read(path, data));
-    EXPECT_TRUE(log_->contains(row.message));
+    EXPECT_FALSE(write ? put(path, "x") : FileWithBackup::Read(path, data));
+    EXPECT_TRUE(log_->contains(message));
     EXPECT_TRUE(clock.sleeps().empty());
   }
 }
@@ -299,17 +280,10 @@ TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {
 // Every row ends with the whole data written.
 TEST_F(FileWithBackupTest, HandleWriteSurvivesShortAndFailedWrites) {
   const std::string data = "0123456789abcdefghijklmnopqrstuvwxyz";
-  struct Row {
-    const char* proves;
-    uint32_t nth;  // the write call that fails
-    int error;
-    uint32_t failures;
-    std::size_t firstWriteMax;  // bytes the first write call writes at most
-    bool reopenFails;
-    std::size_t sleeps;
-    std::string message;
-    std::string also;
-  };
+  // proves, the write call that fails, errno, failures in a row, bytes the first write call
+  // writes at most, whether the re-open fails, pauses of 1 s, two texts logged
+  using Row = std::tuple<const char*, uint32_t, int, uint32_t, std::size_t, bool, std::size_t,
+                         std::string, std::string>;
   const std::size_t whole = data.size();
   const std::vector<Row> rows = {
       {"short writes continue with the rest, without pauses", 1, 0, 0, 5, false, 0,
@@ -320,12 +294,13 @@ TEST_F(FileWithBackupTest, HandleWriteSurvivesShortAndFailedWrites) {
        "Cannot re-open [", "try [2], errno[9]"},
       {"a write returning 0 cannot spin for ever", 1, 0, 0, 0, false, 1, "try [1], errno[0]", ""},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
+  for (const auto& [proves, nth, error, failures, firstWriteMax, reopenFails, sleeps, message,
+                    also] : rows) {
+    SCOPED_TRACE(proves);
     FaultFileSystem fs;
-    fs.failCall(Op::kWrite, row.nth, row.error, row.failures);
-    fs.shortWrite(1, row.firstWriteMax);
-    if (row.reopenFails)
+    fs.failCall(Op::kWrite, nth, error, failures);
+    fs.shortWrite(1, firstWriteMax);
+    if (reopenFails)
       fs.failCall(Op::kOpen, 2, ENOENT);
     SimulatedClock clock(SimulatedClock::Mode::kAutoAdvance);
     ScopedClock scopedClock(clock);
@@ -336,10 +311,10 @@ TEST_F(FileWithBackupTest, HandleWriteSurvivesShortAndFailedWrites) {
     ASSERT_TRUE(handle.Open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644));
     EXPECT_TRUE(handle.Write(data.data(), data.size(), 0));
     handle.Close();
-    EXPECT_EQ(clock.sleeps(), pauses(row.sleeps, 1000));
+    EXPECT_EQ(clock.sleeps(), pauses(sleeps, 1000));
     EXPECT_EQ(readFile(path), data);
-    EXPECT_TRUE(log_->contains(row.message)) << row.message;
-    EXPECT_TRUE(log_->contains(row.also)) << row.also;
+    EXPECT_TRUE(log_->contains(message)) << message;
+    EXPECT_TRUE(log_->contains(also)) << also;
   }
 }
 
