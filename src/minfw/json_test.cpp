@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -43,69 +44,58 @@ std::string exact(const std::string& text) {
 // parse_next on one value: what it returns (its dump also tells its class), where it stops and
 // what it reports.
 TEST(JsonParse, ValuesAdvanceAndReportAsDocumented) {
-  struct Case {
-    const char* proves;
-    std::string input;
-    std::string dump;
-    std::size_t offset;
-    std::string errors;
-  };
-  const std::vector<Case> cases = {
-      {"null advances four", "null,", "null", 4, ""},
-      {"nul is the Null error with what was read", "nul", "null", 0,
-       "ERROR: Null: Expected 'null', found [nul]"},
-      {"tru is the Bool error", "tru", "null", 0,
-       "ERROR: Bool: Expected 'true' or 'false', found [tru]"},
-      {"false advances five", "false,", "false", 5, ""},
-      {"true advances four", "true]", "true", 4, ""},
-      {"leading whitespace is skipped", " \t\n\r\v\ftrue", "true", 10, ""},
-      {"-12 is Integral", "-12", "18446744073709551604", 3, ""},
-      {"2e3 is Floating 2000", "2e3", "2000.000000", 3, ""},
-      {"negative exponent on a fraction", "25.0E-2 ", "0.250000", 7, ""},
-      {"a number stops on its terminator", "12]", "12", 2, ""},
-      {"1.5x reports the x", "1.5x", "null", 3, "ERROR: Number: unexpected character [x]"},
-      {"an exponent sign + is not a digit", "2e+3", "null", 2,
-       "ERROR: Number: Expected a number for exponent, found [+]"},
-      {"the end of the input is an unknown start", "", "null", 0,
-       "ERROR: Parse: Unknown starting character [" + kEnd + "]"},
-      {"a stray character is an unknown start", "  @", "null", 2,
-       "ERROR: Parse: Unknown starting character [@]"},
-      {"plain text up to the closing quote", R"("abc" x)", R"("abc")", 5, ""},
-      {"the seven short escapes", R"("q\"s\/b\bf\fn\nr\rt\t")", R"("q\"s/b\bf\fn\nr\rt\t")", 23,
-       ""},
-      {"\\u is kept literally, upper-case hex too", R"("\u00eFx")", R"("\\u00eFx")", 9, ""},
-      {"\\u with a non-hex digit is an error", R"("\u00g9")", R"("")", 5,
-       "ERROR: String: Expected hex character in unicode escape, found [g]"},
-      {"\\u cut by the end of input", R"("\u00)", R"("")", 5,
-       "ERROR: String: Expected hex character in unicode escape, found [" + kEnd + "]"},
-      {"an escaped backslash is one backslash", R"("a\\b")", R"("a\\b")", 6, ""},
-      {"an unknown escape drops the character", R"("a\xb")", R"("a\\b")", 6, ""},
-      {"raw control characters and bytes pass through", "\"\x01\xff\ttab\"", "\"\x01\xff\\ttab\"",
-       8, ""},
-      {"an unterminated string is an error", R"("abc)", R"("")", 4,
-       "ERROR: String: Expected closing quote, found end of input"},
-      {"a backslash at the very end is an unterminated string", R"("ab\)", R"("")", 4,
-       "ERROR: String: Expected closing quote, found end of input"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.proves);
+  // proves, input, dump, offset after, errors
+  const std::vector<std::tuple<const char*, std::string, std::string, std::size_t, std::string>>
+      cases = {
+          {"null advances four", "null,", "null", 4, ""},
+          {"nul is the Null error with what was read", "nul", "null", 0,
+           "ERROR: Null: Expected 'null', found [nul]"},
+          {"tru is the Bool error", "tru", "null", 0,
+           "ERROR: Bool: Expected 'true' or 'false', found [tru]"},
+          {"false advances five", "false,", "false", 5, ""},
+          {"true advances four", "true]", "true", 4, ""},
+          {"leading whitespace is skipped", " \t\n\r\v\ftrue", "true", 10, ""},
+          {"-12 is Integral", "-12", "18446744073709551604", 3, ""},
+          {"2e3 is Floating 2000", "2e3", "2000.000000", 3, ""},
+          {"negative exponent on a fraction", "25.0E-2 ", "0.250000", 7, ""},
+          {"a number stops on its terminator", "12]", "12", 2, ""},
+          {"1.5x reports the x", "1.5x", "null", 3, "ERROR: Number: unexpected character [x]"},
+          {"an exponent sign + is not a digit", "2e+3", "null", 2,
+           "ERROR: Number: Expected a number for exponent, found [+]"},
+          {"the end of the input is an unknown start", "", "null", 0,
+           "ERROR: Parse: Unknown starting character [" + kEnd + "]"},
+          {"a stray character is an unknown start", "  @", "null", 2,
+           "ERROR: Parse: Unknown starting character [@]"},
+          {"plain text up to the closing quote", R"("abc" x)", R"("abc")", 5, ""},
+          {"the seven short escapes", R"("q\"s\/b\bf\fn\nr\rt\t")", R"("q\"s/b\bf\fn\nr\rt\t")", 23,
+           ""},
+          {"\\u is kept literally, upper-case hex too", R"("\u00eFx")", R"("\\u00eFx")", 9, ""},
+          {"\\u with a non-hex digit is an error", R"("\u00g9")", R"("")", 5,
+           "ERROR: String: Expected hex character in unicode escape, found [g]"},
+          {"\\u cut by the end of input", R"("\u00)", R"("")", 5,
+           "ERROR: String: Expected hex character in unicode escape, found [" + kEnd + "]"},
+          {"an escaped backslash is one backslash", R"("a\\b")", R"("a\\b")", 6, ""},
+          {"an unknown escape drops the character", R"("a\xb")", R"("a\\b")", 6, ""},
+          {"raw control characters and bytes pass through", "\"\x01\xff\ttab\"",
+           "\"\x01\xff\\ttab\"", 8, ""},
+          {"an unterminated string is an error", R"("abc)", R"("")", 4,
+           "ERROR: String: Expected closing quote, found end of input"},
+          {"a backslash at the very end is an unterminated string", R"("ab\)", R"("")", 4,
+           "ERROR: String: Expected closing quote, found end of input"},
+      };
+  for (const auto& [proves, input, dump, end, errors] : cases) {
+    SCOPED_TRACE(proves);
     ScopedLogCapture cap;
     std::size_t offset = 0;
-    const JSON value = utils::parse_next(exact(c.input), offset);
-    EXPECT_EQ(value.dump(), c.dump);
-    EXPECT_EQ(offset, c.offset);
-    EXPECT_EQ(logOf(cap, true), c.errors);
+    EXPECT_EQ(utils::parse_next(exact(input), offset).dump(), dump);
+    EXPECT_EQ(offset, end);
+    EXPECT_EQ(logOf(cap, true), errors);
   }
 }
 
 TEST(JsonParse, DocumentsTheirPartialResultsAndTrailingText) {
-  struct Case {
-    const char* proves;
-    std::string input;
-    std::string dump;
-    std::string log;
-  };
-  const std::vector<Case> cases = {
+  // proves, input, dump, log
+  const std::vector<std::tuple<const char*, std::string, std::string, std::string>> cases = {
       {"nested arrays and objects", R"( [1, "a", [true, null], {"k": -0.5}] )",
        "[1, \"a\", [true, null], {\n    \"k\" : -0.500000\n  }]", ""},
       {"members come out in key order", R"({"b": 1, "a": 2})", "{\n  \"a\" : 2,\n  \"b\" : 1\n}",
@@ -140,11 +130,11 @@ TEST(JsonParse, DocumentsTheirPartialResultsAndTrailingText) {
       {"no warning on top of an error", "[1 2] x", "[]",
        "ERROR: Array: Expected ',' or ']', found [2]"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.proves);
+  for (const auto& [proves, input, dump, log] : cases) {
+    SCOPED_TRACE(proves);
     ScopedLogCapture cap;
-    EXPECT_EQ(JSON::Load(exact(c.input)).dump(), c.dump);
-    EXPECT_EQ(logOf(cap), c.log);
+    EXPECT_EQ(JSON::Load(exact(input)).dump(), dump);
+    EXPECT_EQ(logOf(cap), log);
   }
 }
 
@@ -187,15 +177,9 @@ TEST(JsonRobustness, EveryPrefixOfValidDocumentsAndEveryBadDocumentIsReported) {
 }
 
 TEST(JsonRobustness, NestingIsLimited) {
-  struct Case {
-    const char* proves;
-    std::string open;
-    std::string close;
-    std::size_t levels;
-    bool refused;
-  };
   const std::size_t limit = JSON::kMaxDepth;
-  const std::vector<Case> cases = {
+  // proves, opening and closing text of one level, levels, refused
+  const std::vector<std::tuple<const char*, std::string, std::string, std::size_t, bool>> cases = {
       {"arrays at the limit parse", "[", "]", limit, false},
       {"arrays one beyond the limit are refused", "[", "]", limit + 1, true},
       {"objects at the limit parse", R"({"a":)", "}", limit, false},
@@ -204,17 +188,17 @@ TEST(JsonRobustness, NestingIsLimited) {
       {"very deep unterminated objects", R"({"":)", "", 100000, true},
       {"alternating arrays and objects", R"([{"":)", "", 50000, true},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.proves);
+  for (const auto& [proves, open, close, levels, refused] : cases) {
+    SCOPED_TRACE(proves);
     std::string doc;
-    for (std::size_t i = 0; i < c.levels; ++i)
-      doc += c.open;
+    for (std::size_t i = 0; i < levels; ++i)
+      doc += open;
     doc += "1";
-    for (std::size_t i = 0; i < c.levels && !c.close.empty(); ++i)
-      doc += c.close;
+    for (std::size_t i = 0; i < levels && !close.empty(); ++i)
+      doc += close;
     ScopedLogCapture cap;
     const JSON value = JSON::Load(doc);
-    if (c.refused) {
+    if (refused) {
       // One record, not one per enclosing level.
       EXPECT_EQ(cap->messages(), std::vector<std::string>{"ERROR: Parse: Nesting deeper than " +
                                                           std::to_string(limit) + " levels"});
@@ -245,12 +229,7 @@ JSON array(std::initializer_list<JSON> items) {
 }
 
 TEST(JsonDump, TextsAsDocumented) {
-  struct Case {
-    const char* proves;
-    JSON value;
-    std::string text;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::tuple<const char*, JSON, std::string>> cases = {
       {"Floating has six decimals and no exponent", JSON(1e20), "100000000000000000000.000000"},
       {"a double too long for the print buffer prints in full", JSON(1e60),
        "999999999999999949387135297074018866963645011013410073083904.000000"},
@@ -262,8 +241,8 @@ TEST(JsonDump, TextsAsDocumented) {
        array({nullptr, JSON::Make(JSON::Class::Array), object({{"x", false}})}),
        "[null, [], {\n    \"x\" : false\n  }]"},
   };
-  for (const Case& c : cases)
-    EXPECT_EQ(c.value.dump(), c.text) << c.proves;
+  for (const auto& [proves, value, text] : cases)
+    EXPECT_EQ(value.dump(), text) << proves;
   const JSON member = object({{"b", "v"}, {"a", 1}});
   EXPECT_EQ(member.dump(1, "\t"), "{\n\t\"a\" : 1,\n\t\"b\" : \"v\"\n}")
       << "a pad shorter than two characters closes at the margin";
