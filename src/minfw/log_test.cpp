@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -54,14 +55,8 @@ class LoggerTest : public ::testing::Test {
 };
 
 TEST(LoggerLocation, SignatureNameAndLineGiveTheLocation) {
-  struct Row {
-    const char* pretty;
-    const char* function;
-    int32_t line;
-    const char* location;
-    const char* proves;
-  };
-  const Row rows[] = {
+  // pretty function, function, line, location, proves
+  const std::tuple<const char*, const char*, int32_t, const char*, const char*> rows[] = {
       {"void orv::Logic::seqStart()", "seqStart", 120, " orv::Logic::seqStart(120)",
        "a method keeps the blank before its qualified name"},
       {"int main(int, char**)", "main", 67, "main(67)", "a free function is its bare name"},
@@ -79,8 +74,8 @@ TEST(LoggerLocation, SignatureNameAndLineGiveTheLocation) {
        "a static member; a negative line prints as it is"},
       {"", "f", 0, "Unknown::f(0)", "an empty signature"},
   };
-  for (const Row& row : rows)
-    EXPECT_EQ(Logger::location(row.pretty, row.function, row.line), row.location) << row.proves;
+  for (const auto& [pretty, function, line, location, proves] : rows)
+    EXPECT_EQ(Logger::location(pretty, function, line), location) << proves;
 }
 
 TEST_F(LoggerTest, FilteringAndCachedLocations) {
@@ -138,36 +133,29 @@ TEST(TextHelpers, HexAndPieces) {
 }
 
 TEST_F(LoggerTest, ConsoleLineHasTheExactLayout) {
-  struct Row {
-    uint8_t level;
-    std::string colour;
-    std::string location;
-    std::string message;
-  };
-  const std::string longLocation = " orv::DiagLocalUpdateManagerControlService::diagStart(1234)";
-  // Trace and levels above fatal have no colour; then yellow, green, cyan, red, magenta.
-  std::vector<Row> rows;
-  for (const char* colour : {"0", "33", "32", "36", "31", "35", "0"})
-    rows.push_back({static_cast<uint8_t>(rows.size()), cat("\033[", colour, "m"), "main(67)",
-                    cat("level ", rows.size())});
-  rows.push_back({2, "\033[32m", longLocation, "a long location is not cut"});
-  rows.push_back({2, "\033[32m", "main(67)", std::string(5000, 'm')});  // grows the buffer
-  rows.push_back({2, "\033[32m", "main(67)", ""});
   CaptureStdout();
   Console console;
-  for (const Row& row : rows)
-    console.write("LUM", "Orvane", "GLOBAL", row.location, row.message, row.level);
+  std::string expected;
+  auto line = [&](uint8_t level, const std::string& colour, const std::string& location,
+                  const std::string& message) {
+    console.write("LUM", "Orvane", "GLOBAL", location, message, level);
+    expected += cat(colour, "[T]     Orvane ",
+                    std::string(location.size() < 25 ? 25 - location.size() : 0, ' '), location,
+                    " | ", message, "\033[0m\n");
+  };
+  // Trace and levels above fatal have no colour; then yellow, green, cyan, red, magenta.
+  const char* const colours[] = {"0", "33", "32", "36", "31", "35", "0"};
+  for (uint8_t level = 0; level < 7; ++level)
+    line(level, cat("\033[", colours[level], "m"), "main(67)", cat("level ", level));
+  line(2, "\033[32m", " orv::DiagLocalUpdateManagerControlService::diagStart(1234)", "not cut");
+  line(2, "\033[32m", "main(67)", std::string(5000, 'm'));  // grows the buffer
+  line(2, "\033[32m", "main(67)", "");
   // Through the logger, which init() gave a Console.
   Logger::instance().log("started", "GLOBAL", kWarn, "void orv::Logic::seqStart()", "seqStart",
                          120);
   // The time of day varies; everything else is exact, one line per record.
   const std::string out = std::regex_replace(
       GetCapturedStdout(), std::regex("\\[\\d\\d:[0-5]\\d:[0-6]\\d:\\d\\d\\d\\]"), "[T]");
-  std::string expected;
-  for (const Row& row : rows)
-    expected += cat(row.colour, "[T]     Orvane ",
-                    std::string(row.location.size() < 25 ? 25 - row.location.size() : 0, ' '),
-                    row.location, " | ", row.message, "\033[0m\n");
   EXPECT_EQ(out, expected + "\033[36m[T]     Orvane  orv::Logic::seqStart(120) | started\033[0m\n");
 }
 
