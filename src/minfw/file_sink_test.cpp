@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -110,12 +111,9 @@ std::string lineTail(const std::string& name, const std::string& location,
 }
 
 TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
-  struct Row {
-    const char* present;  // generations on disk before the first write: 0 the bare file, A .10
-    const char* after;    // which old generation .01 ... .10 hold afterwards ('.': none)
-    const char* proves;
-  };
-  const Row rows[] = {
+  // Generations on disk before the first write (0 the bare file, A .10), the old generation that
+  // each of .01 ... .10 holds afterwards ('.': none), proves.
+  const std::tuple<const char*, const char*, const char*> rows[] = {
       {"", "..........", "no file: nothing to shift"},
       {"0", "0.........", "the previous run's log becomes .01"},
       {"012", "012.......", "every generation moves up by one"},
@@ -123,15 +121,14 @@ TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
       {"12", "12........", "without a bare file nothing moves"},
       {"0123456789A", "0123456789", "with all ten present, the old .10 is lost"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
+  for (const auto& [present, after, proves] : rows) {
+    SCOPED_TRACE(proves);
     TempDir dir;
     const std::string path = dir.file("") + "Orvane.log";
     auto generation = [&](int i) { return i == 0 ? path : cat(path, i < 10 ? ".0" : ".", i); };
     auto content = [](char g) { return std::string("generation ") + g + "\n"; };
-    for (const char* g = row.present; *g != '\0'; ++g)
+    for (const char* g = present; *g != '\0'; ++g)
       writeFile(generation(*g == 'A' ? 10 : *g - '0'), content(*g));
-
     File sink(dir.file(""));
     sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "fresh", 2);
     EXPECT_EQ(sink.path(), path);
@@ -139,7 +136,7 @@ TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
     EXPECT_THAT(fresh, ::testing::EndsWith(lineTail("Orvane", "main(1)", "fresh")));
     EXPECT_EQ(std::count(fresh.begin(), fresh.end(), '\n'), 1) << "a fresh file";
     for (int i = 1; i <= File::kGenerations + 1; ++i) {
-      const char held = i <= File::kGenerations ? row.after[i - 1] : '.';
+      const char held = i <= File::kGenerations ? after[i - 1] : '.';
       EXPECT_EQ(readFile(generation(i)), held == '.' ? "" : content(held)) << generation(i);
     }
   }

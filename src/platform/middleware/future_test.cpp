@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "minfw/testing/simulated_clock.h"
@@ -15,14 +16,8 @@ using kel::vxp3::minfw::ScopedClock;
 using kel::vxp3::minfw::testing::SimulatedClock;
 
 TEST(FutureTest, EveryWayOfSettlingReachesTheWaiterAndTheContinuation) {
-  struct Row {
-    const char* proves;
-    void (*settle)(Promise<int>&);
-    bool thenFirst;  // continuation attached before the result is set
-    ErrorCode error;
-    int value;
-  };
-  const Row rows[] = {
+  // proves, settle, continuation attached before the result is set, error, value
+  const std::tuple<const char*, void (*)(Promise<int>&), bool, ErrorCode, int> rows[] = {
       {"a value reaches get() and a continuation attached earlier",
        [](Promise<int>& p) { p.set_value(7); }, true, ErrorCode::kOk, 7},
       {"a value reaches a continuation attached afterwards",
@@ -42,8 +37,8 @@ TEST(FutureTest, EveryWayOfSettlingReachesTheWaiterAndTheContinuation) {
       {"a promise assigned over an unanswered one breaks the old answer",
        [](Promise<int>& p) { p = Promise<int>(); }, true, ErrorCode::kBrokenPromise, 0},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
+  for (const auto& [proves, settle, thenFirst, error, value] : rows) {
+    SCOPED_TRACE(proves);
     Promise<int> promise;
     Future<int> future = promise.get_future();
     int seen = -1;
@@ -52,18 +47,16 @@ TEST(FutureTest, EveryWayOfSettlingReachesTheWaiterAndTheContinuation) {
       seenError = r.error();
       seen = r ? r.value() : 0;
     };
-    if (row.thenFirst)
+    if (thenFirst)
       future.then(continuation);
-    row.settle(promise);
-    if (!row.thenFirst)
+    settle(promise);
+    if (!thenFirst)
       future.then(continuation);
     ASSERT_TRUE(future.is_ready());
-    EXPECT_EQ(future.get().error(), row.error);
-    EXPECT_EQ(seenError, row.error);
-    if (row.error == ErrorCode::kOk) {
-      EXPECT_EQ(future.get().value(), row.value);
-      EXPECT_EQ(seen, row.value);
-    }
+    EXPECT_EQ(future.get().error(), error);
+    EXPECT_EQ(seenError, error);
+    EXPECT_EQ(future.get() ? future.get().value() : 0, value);
+    EXPECT_EQ(seen, value);
   }
 }
 
