@@ -1,9 +1,6 @@
 #pragma once
-// CaptureSink: a log sink that keeps every record, so tests assert on the exact texts.
-// ScopedLogCapture installs one for its lifetime and puts the previous sink back.
-//
-// Threading: thread-safe; its own mutex guards the record list (tests read it while the code
-// under test logs from other threads).
+// CaptureSink keeps every log record, so tests assert on the exact texts; ScopedLogCapture
+// installs one for its lifetime. Thread-safe: tests read while other threads log.
 
 #include <cstddef>
 #include <memory>
@@ -28,7 +25,6 @@ class CaptureSink : public Sink {
              const std::string& location, const std::string& message, uint8_t level) override;
 
   std::vector<LogRecord> records() const;
-  // Messages only, in order.
   std::vector<std::string> messages() const;
   // Number of records whose message contains `text`.
   std::size_t count(const std::string& text) const;

@@ -88,10 +88,10 @@ uint64_t FaultFileSystem::newId(ino_t inode, std::string data) {
   return id;
 }
 
-uint64_t FaultFileSystem::idOfPath(const std::string& path) {
+std::optional<uint64_t> FaultFileSystem::idOfPath(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
-    return 0;
+    return std::nullopt;
   const auto it = idOf_.find(status.st_ino);
   if (it != idOf_.end())
     return it->second;
@@ -103,21 +103,16 @@ void FaultFileSystem::touchPath(const std::string& path) {
   if (durableNames_.count(path) != 0)
     return;
   struct stat status {};
-  if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+  if (::stat(path.c_str(), &status) == 0)
     modes_[path] = status.st_mode & 07777;
-    durableNames_[path] = idOfPath(path);
-  } else {
-    durableNames_[path] = std::nullopt;
-  }
+  durableNames_[path] = idOfPath(path);
 }
 
 void FaultFileSystem::commitDirectory(const std::string& directory) {
   const std::string dir = normalDirectory(directory);
   for (auto& [path, binding] : durableNames_) {
-    if (normalDirectory(parentDirectory(path)) != dir)
-      continue;
-    const uint64_t id = idOfPath(path);
-    binding = id == 0 ? std::nullopt : std::optional<uint64_t>(id);
+    if (normalDirectory(parentDirectory(path)) == dir)
+      binding = idOfPath(path);
   }
 }
 
@@ -149,7 +144,7 @@ int FaultFileSystem::openat(int dirfd, const char* path, int flags, mode_t mode)
   bool existed = false;
   if (modelled) {
     touchPath(path);
-    existed = idOfPath(path) != 0;
+    existed = idOfPath(path).has_value();
   }
   const int fd = real_.openat(dirfd, path, flags, mode);
   if (fd < 0)
@@ -195,8 +190,8 @@ int FaultFileSystem::fsync(int fd) {
   } else {
     // A descriptor's file is reached through its /proc/self/fd link.
     const std::string file = cat("/proc/self/fd/", fd);
-    if (const uint64_t id = idOfPath(file); id != 0)
-      durableData_[id] = readFile(file);
+    if (const auto id = idOfPath(file))
+      durableData_[*id] = readFile(file);
   }
   return 0;
 }

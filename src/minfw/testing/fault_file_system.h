@@ -116,8 +116,8 @@ class FaultFileSystem : public FileSystem {
   bool enter(Op op, const std::string& what, const std::function<void()>& beforeCrash = {});
   std::string describe(int fd) const;
   void touchPath(const std::string& path);
-  // The id of the regular file `path` (snapshotted when first seen), else 0.
-  uint64_t idOfPath(const std::string& path);
+  // The id of the regular file `path` (snapshotted when first seen), if there is one.
+  std::optional<uint64_t> idOfPath(const std::string& path);
   uint64_t newId(ino_t inode, std::string data);
   void commitDirectory(const std::string& directory);
   void powerCutLocked();

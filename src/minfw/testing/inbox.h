@@ -1,6 +1,5 @@
 #pragma once
 // Inbox: what callbacks on other threads saw, as text entries, for a test to wait on.
-//
 // Threading: thread-safe; `mutex_` guards the entries.
 
 #include <chrono>

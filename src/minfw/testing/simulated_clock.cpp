@@ -11,8 +11,6 @@ constexpr std::chrono::seconds kWallEpoch{1767225600};
 
 SimulatedClock::SimulatedClock(Mode mode) : mode_(mode) {}
 
-SimulatedClock::~SimulatedClock() = default;
-
 Clock::TimePoint SimulatedClock::now() {
   std::lock_guard<std::mutex> lock(mutex_);
   return TimePoint(elapsed_);

@@ -1,13 +1,9 @@
 #pragma once
-// SimulatedClock: virtual time for tests.
-//
-// Manual mode: sleepFor() blocks the calling thread until a test advances virtual time past its
-// deadline, so a test can drive a multi-threaded retry scheme step by step (waitForSleepers()
-// tells it when the code under test has reached its pause). Auto-advance mode: sleepFor()
-// advances virtual time at once and returns, for single-threaded code whose pauses only need to
-// be counted. Both modes record every requested sleep.
-//
-// Threading: thread-safe; one mutex guards virtual time, the sleeper count and the sleep log.
+// SimulatedClock: virtual time for tests; every requested sleep is recorded.
+// Manual mode: sleepFor() blocks until the test advances virtual time past its deadline, so a
+// test drives a multi-threaded retry scheme step by step (waitForSleepers() tells it when the
+// code has reached its pause). Auto-advance mode: sleepFor() advances virtual time and returns.
+// Threading: thread-safe; one mutex guards everything.
 
 #include <condition_variable>
 #include <cstddef>
@@ -24,7 +20,6 @@ class SimulatedClock : public Clock {
   enum class Mode { kManual, kAutoAdvance };
 
   explicit SimulatedClock(Mode mode = Mode::kManual);
-  ~SimulatedClock() override;
 
   TimePoint now() override;
   // Starts at 2026-01-01 00:00:00 UTC and moves with virtual time.

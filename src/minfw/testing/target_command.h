@@ -1,12 +1,7 @@
 #pragma once
-// The command line with which a test starts a program. A cross build runs its tests under an
-// emulator (CMAKE_CROSSCOMPILING_EMULATOR, handed to every test by orvane_test() as
-// ORVANE_TEST_EMULATOR, words separated by spaces); the build's own programs (those under
-// ORVANE_BINARY_DIR) are binaries of the same target, which the host kernel cannot run by itself,
-// so they go through the same emulator. Scripts and the host's tools run as they are, and so
-// does everything in a native build.
-//
-// Threading: reentrant.
+// The command line with which a test starts a program. In a cross build the build's own
+// programs (under ORVANE_BINARY_DIR) are target binaries, so they run under the tests' emulator
+// (ORVANE_TEST_EMULATOR, words separated by spaces); everything else runs as it is. Reentrant.
 
 #include <sstream>
 #include <string>

@@ -1,8 +1,6 @@
 #pragma once
-// Test helpers for real files: a fresh temporary directory removed with its content at the end
-// of the test, and whole-file read and write.
-//
-// Threading: TempDir is owned by one test; the free functions are reentrant.
+// A fresh temporary directory, removed with its content at the end of the test, and whole-file
+// read and write. TempDir is owned by one test; the free functions are reentrant.
 
 #include <string>
 
