@@ -10,14 +10,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <regex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -31,7 +31,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using kel::vxp3::minfw::testing::readFile;
 using kel::vxp3::minfw::testing::targetCommand;
 using kel::vxp3::minfw::testing::TempDir;
@@ -64,12 +63,8 @@ class Child {
     if (pid_ == 0) {
       for (std::string& e : extraEnv)
         putenv(e.data());
-      const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (out < 0 || err < 0)
-        _exit(126);
-      dup2(out, 1);
-      dup2(err, 2);
+      dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+      dup2(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
       execvp(args[0], args.data());
       _exit(127);
     }
@@ -168,15 +163,14 @@ class DltDaemonTest : public ::testing::Test {
 TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
   const int port = loopback(0);
   ASSERT_GT(port, 0);
-  {
-    std::ofstream conf(run_.file("dlt.conf"));
-    conf << "SendContextRegistration = 1\nECUId = ECU1\nSharedMemorySize = 100000\n"
-         << "LoggingMode = 0\nLoggingLevel = 6\nLoggingFilename = " << run_.file("daemon-own.log")
-         << "\nTimeOutOnSend = 4\nRingbufferMinSize = 500000\nRingbufferMaxSize = 10000000\n"
-         << "RingbufferStepSize = 500000\nBindAddress = ::1\nUDPConnectionSetup = 0\n"
-         << "ControlSocketPath = " << run_.file("dlt-ctrl.sock")
-         << "\nPersistanceStoragePath = " << run_.path() << "\n";
-  }
+  writeFile(
+      run_.file("dlt.conf"),
+      "SendContextRegistration = 1\nECUId = ECU1\nSharedMemorySize = 100000\nLoggingMode = 0\n"
+      "LoggingLevel = 6\nTimeOutOnSend = 4\nRingbufferMinSize = 500000\n"
+      "RingbufferMaxSize = 10000000\nRingbufferStepSize = 500000\nBindAddress = ::1\n"
+      "UDPConnectionSetup = 0\nLoggingFilename = " +
+          run_.file("daemon-own.log") + "\nControlSocketPath = " + run_.file("dlt-ctrl.sock") +
+          "\nPersistanceStoragePath = " + run_.path() + "\n");
   Child daemon(
       {"dlt-daemon", "-c", run_.file("dlt.conf"), "-t", run_.path(), "-p", std::to_string(port)},
       {}, run_.file("daemon"));
@@ -195,39 +189,28 @@ TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
   EXPECT_EQ(probe.exitCode(), 0) << readFile(run_.file("probe.err"));
   EXPECT_EQ(readFile(run_.file("probe.out")), "ids GLOB PERS GLO1\n");
 
-  struct Row {
-    const char* context;
-    const char* level;
-    std::string text;  // a regular expression
-    const char* proves;
-  };
-  std::vector<Row> rows = {
-      {"PERS", "warn", "pers warn", "a name sharing the first four characters has its own id"},
-      {"GLO1", "error", "other error", "a colliding last part has its own id"},
-      {"PERS", "info", "long y{1375}\\.\\.\\.", "a long text arrives cut to 1383 bytes"},
+  // Lines of dlt-receive (regular expressions after " ECU1 CHAN "), and what each proves.
+  std::vector<std::pair<std::string, std::string>> rows = {
+      {"PERS log warn V 1 \\[pers warn\\]", "a name sharing the first four characters has its id"},
+      {"GLO1 log error V 1 \\[other error\\]", "a colliding last part has its own id"},
+      {"PERS log info V 1 \\[long y{1375}\\.\\.\\.\\]", "a long text arrives cut to 1383 bytes"},
   };
   // Trace is sent as verbose, levels above fatal as info.
   const char* const dltLevels[] = {"verbose", "debug", "info", "warn", "error", "fatal", "info"};
   for (int level = 0; level <= 6; ++level)
-    rows.push_back(
-        {"GLOB", dltLevels[level], "global level " + std::to_string(level), "its DLT level"});
-  auto lineOf = [](const Row& row) {
-    return std::regex(std::string(" ECU1 CHAN ") + row.context + " log " + row.level + " V 1 \\[" +
-                      row.text + "\\]");
+    rows.push_back({std::string("GLOB log ") + dltLevels[level] + " V 1 \\[global level " +
+                        std::to_string(level) + "\\]",
+                    "its DLT level"});
+  auto arrived = [&](const std::string& line) {
+    return std::regex_search(readFile(run_.file("received.out")), std::regex(" ECU1 CHAN " + line));
   };
-  auto allArrived = [&] {
-    const std::string received = readFile(run_.file("received.out"));
-    for (const Row& row : rows) {
-      if (!std::regex_search(received, lineOf(row)))
-        return false;
-    }
-    return true;
-  };
-  waitUntil(20s, allArrived);
-  const std::string received = readFile(run_.file("received.out"));
-  for (const Row& row : rows)
-    EXPECT_TRUE(std::regex_search(received, lineOf(row))) << row.proves << ": " << row.text << "\n"
-                                                          << received;
+  waitUntil(20s, [&] {
+    return std::all_of(rows.begin(), rows.end(),
+                       [&](const auto& row) { return arrived(row.first); });
+  });
+  for (const auto& [line, proves] : rows)
+    EXPECT_TRUE(arrived(line)) << proves << ": " << line << "\n"
+                               << readFile(run_.file("received.out"));
 }
 
 TEST_F(DltDaemonTest, WithoutDaemonLoggingNeitherBlocksNorHoldsTheExit) {
