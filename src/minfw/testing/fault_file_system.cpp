@@ -26,9 +26,6 @@ const char* const kOpNames[] = {"openat",    "openat-dir", "pread", "write", "fs
 
 }  // namespace
 
-FaultFileSystem::FaultFileSystem() : real_(posixFileSystem()) {}
-FaultFileSystem::~FaultFileSystem() = default;
-
 void FaultFileSystem::failCall(Op op, uint32_t nth, int error, uint32_t times) {
   std::lock_guard<std::mutex> lock(mutex_);
   const uint32_t last = times == kAlways || nth > UINT32_MAX - times ? UINT32_MAX : nth + times - 1;

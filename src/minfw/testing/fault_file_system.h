@@ -23,7 +23,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -46,9 +45,6 @@ class FaultFileSystem : public FileSystem {
     kRename,
   };
   static constexpr uint32_t kAlways = UINT32_MAX;
-
-  FaultFileSystem();
-  ~FaultFileSystem() override;
 
   // Calls nth .. nth+times-1 of `op` fail with `error` (kAlways: every call from nth on).
   void failCall(Op op, uint32_t nth, int error, uint32_t times = 1);
@@ -107,8 +103,7 @@ class FaultFileSystem : public FileSystem {
   }
   struct Fault {
     Op op;
-    uint32_t first;
-    uint32_t last;
+    uint32_t first, last;
     int error;
   };
   // Counts and traces the call; false (errno set) when it fails or the power fails at it, in
@@ -122,7 +117,7 @@ class FaultFileSystem : public FileSystem {
   void commitDirectory(const std::string& directory);
   void powerCutLocked();
 
-  FileSystem& real_;
+  FileSystem& real_ = posixFileSystem();
   mutable std::mutex mutex_;  // guards everything below
   std::vector<Fault> faults_;
   std::map<uint32_t, std::size_t> shortWrites_;
