@@ -73,22 +73,19 @@ constexpr uint32_t kAlways = FaultFileSystem::kAlways;
 // and shorter than the old. After the reboot the record is the complete old one or the complete
 // new one; once the directory sync has happened it is the new one; before the rename the old.
 TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
-  struct Row {
-    const char* proves;
-    std::size_t oldSize;  // 0: no earlier record
-    std::size_t newSize;
-  };
-  const std::vector<Row> rows = {
+  // proves, size of the earlier record (0: none), size of the new one
+  const std::tuple<const char*, std::size_t, std::size_t> rows[] = {
       {"growing record", 300, 9000},
       {"shrinking record", 9000, 40},
       {"first record ever", 0, 500},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.proves);
-    const std::string oldRecord = record('o', row.oldSize), newRecord = record('n', row.newSize);
+  for (const auto& [proves, oldSize, newSize] : rows) {
+    SCOPED_TRACE(proves);
+    const bool hadOne = oldSize > 0;
+    const std::string oldRecord = record('o', oldSize), newRecord = record('n', newSize);
     // The old record (if any) written for real, then the new one through `fs`.
     auto attempt = [&](const std::string& path, FaultFileSystem& fs) {
-      EXPECT_TRUE(row.oldSize == 0 || put(path, oldRecord));
+      EXPECT_TRUE(!hadOne || put(path, oldRecord));
       ScopedFileSystem scoped(fs);
       return put(path, newRecord);
     };
@@ -97,8 +94,7 @@ TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
     ASSERT_TRUE(attempt(TempDir().file("record.json"), learn));
     const auto trace = learn.trace();
     const uint64_t totalSteps = trace.size();
-    uint64_t renameStep = 0;
-    uint64_t dirSyncStep = 0;
+    uint64_t renameStep = 0, dirSyncStep = 0;
     for (std::size_t i = 0; i < trace.size(); ++i) {
       renameStep = trace[i].find(" rename ") != std::string::npos ? i + 1 : renameStep;
       dirSyncStep = trace[i].find(" fsync-dir ") != std::string::npos ? i + 1 : dirSyncStep;
@@ -123,13 +119,13 @@ TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
       }
       // Reboot: the real file system sees what the disk kept.
       const auto after = readBack(path);
-      const std::string found = !after                                   ? "none"
-                                : *after == newRecord                    ? "new"
-                                : row.oldSize > 0 && *after == oldRecord ? "old"
-                                                                         : "torn";
+      const std::string found = !after                          ? "none"
+                                : *after == newRecord           ? "new"
+                                : hadOne && *after == oldRecord ? "old"
+                                                                : "torn";
       EXPECT_NE(found, "torn") << after->size() << " bytes";
-      EXPECT_FALSE(row.oldSize > 0 && found == "none") << "the old record was lost";
-      EXPECT_TRUE(found == "old" || step >= renameStep || row.oldSize == 0) << found;
+      EXPECT_FALSE(hadOne && found == "none") << "the old record was lost";
+      EXPECT_TRUE(found == "old" || step >= renameStep || !hadOne) << found;
       // A write that returned true survives; so does one cut after its directory sync.
       const bool durable = step > totalSteps || (dirSyncStep > 0 && step > dirSyncStep);
       EXPECT_TRUE(found == "new" || !durable) << found;

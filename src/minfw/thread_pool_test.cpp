@@ -33,9 +33,7 @@ TEST(ThreadPoolTest, SingleWorkerRunsTasksInOrderAndFollowUpsQueueBehind) {
   std::vector<int> order;
   std::atomic<int> running{0};
   std::atomic<bool> overlapped{false};
-  std::promise<void> gate;
-  std::promise<void> started;
-  std::promise<void> done;
+  std::promise<void> gate, started, done;
   ThreadPool pool(1);
   pool.enqueue([&] {
     started.set_value();
@@ -75,8 +73,7 @@ TEST(ThreadPoolTest, DrainWaitsInHalfSecondStepsAndLogsTheCount) {
   pool.drain();
   EXPECT_TRUE(log->messages().empty()) << "an idle pool drains silently";
 
-  std::promise<void> gate;
-  std::promise<void> started;
+  std::promise<void> gate, started;
   pool.enqueue([&] {
     started.set_value();
     ready(gate.get_future());
@@ -101,8 +98,7 @@ TEST(ThreadPoolTest, DrainWaitsInHalfSecondStepsAndLogsTheCount) {
 TEST(ThreadPoolTest, DestructionWaitsForRunningTaskAndDropsQueuedOnes) {
   std::atomic<bool> firstFinished{false};
   std::atomic<int> laterRan{0};
-  std::promise<void> gate;
-  std::promise<void> started;
+  std::promise<void> gate, started;
   auto pool = std::make_unique<ThreadPool>(1);
   pool->enqueue([&] {
     started.set_value();

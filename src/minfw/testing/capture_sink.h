@@ -13,9 +13,7 @@
 namespace kel::vxp3::minfw::testing {
 
 struct LogRecord {
-  std::string tag;
-  std::string location;
-  std::string message;
+  std::string tag, location, message;
   uint8_t level;
 };
 
