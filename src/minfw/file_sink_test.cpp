@@ -227,9 +227,8 @@ TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
   });
   for (int i = 0; i < 20000 && gRecorder->count("block") == 0; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  // This thread destroys the sink while the record is inside the channel. Once the destruction
-  // has begun, a late writer (at exit, a thread still logging) gets its records dropped at
-  // once, then lets the record in flight finish.
+  // This thread destroys the sink while the record is inside the channel. A writer late for the
+  // destruction (at exit, a thread still logging) is dropped at once, then lets the record go.
   std::thread late([raw] {
     pthread_setname_np(pthread_self(), "kt-late");
     for (int i = 0; i < 20000 && raw->enabled(); ++i)
@@ -242,8 +241,7 @@ TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
   writer.join();
   late.join();
 
-  // No late record, no channel made after destruction began; the channel outlived the record
-  // in flight.
+  // No late record nor channel; the channel outlived the record in flight.
   EXPECT_EQ(gRecorder->events(),
             (std::vector<std::string>{"new LUM_Orvane_GLOBAL 7 2",
                                       "log LUM_Orvane_GLOBAL 2 0 on [f(1): block here]",

@@ -41,8 +41,7 @@ std::string exact(const std::string& text) {
   return std::string(text.begin(), text.end());
 }
 
-// parse_next on one value: what it returns (its dump also tells its class), where it stops and
-// what it reports.
+// parse_next on one value: its result (the dump tells its class), where it stops, what it reports.
 TEST(JsonParse, ValuesAdvanceAndReportAsDocumented) {
   // proves, input, dump, offset after, errors
   using Case = std::tuple<const char*, std::string, std::string, std::size_t, std::string>;

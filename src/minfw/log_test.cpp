@@ -24,7 +24,6 @@
 #include "minfw/console_sink.h"
 #include "minfw/str.h"
 #include "minfw/testing/capture_sink.h"
-#include "minfw/testing/simulated_clock.h"
 
 namespace kel::vxp3::minfw {
 namespace {
@@ -32,11 +31,7 @@ namespace {
 enum class Small : uint8_t { kHundred = 100 };
 
 using std::chrono::milliseconds;
-using testing::SimulatedClock;
-using ::testing::internal::CaptureStderr;
-using ::testing::internal::CaptureStdout;
-using ::testing::internal::GetCapturedStderr;
-using ::testing::internal::GetCapturedStdout;
+namespace gi = ::testing::internal;
 
 // Puts the logger back to a known state and restores the sink afterwards.
 class LoggerTest : public ::testing::Test {
@@ -133,7 +128,7 @@ TEST(TextHelpers, HexAndPieces) {
 }
 
 TEST_F(LoggerTest, ConsoleLineHasTheExactLayout) {
-  CaptureStdout();
+  gi::CaptureStdout();
   Console console;
   std::string expected;
   auto line = [&](uint8_t level, const std::string& colour, const std::string& location,
@@ -155,7 +150,7 @@ TEST_F(LoggerTest, ConsoleLineHasTheExactLayout) {
                          120);
   // The time of day varies; everything else is exact, one line per record.
   const std::string out = std::regex_replace(
-      GetCapturedStdout(), std::regex("\\[\\d\\d:[0-5]\\d:[0-6]\\d:\\d\\d\\d\\]"), "[T]");
+      gi::GetCapturedStdout(), std::regex("\\[\\d\\d:[0-5]\\d:[0-6]\\d:\\d\\d\\d\\]"), "[T]");
   EXPECT_EQ(out, expected + "\033[36m[T]     Orvane  orv::Logic::seqStart(120) | started\033[0m\n");
 }
 
@@ -164,11 +159,9 @@ class ThrowingSink : public Sink {
  public:
   void write(const std::string&, const std::string&, const std::string&, const std::string&,
              const std::string& message, uint8_t) override {
-    if (message == "length")
-      throw std::length_error("too long");
-    if (message == "runtime")
-      throw std::runtime_error("boom");
-    throw 42;
+    message == "length"    ? throw std::length_error("too long")
+    : message == "runtime" ? throw std::runtime_error("boom")
+                           : throw 42;
   }
 };
 
@@ -179,9 +172,9 @@ TEST_F(LoggerTest, AnExceptionInARecordIsReportedAndTheLoggerKeepsWorking) {
       {"other", "Orvane: Logger unknown exception caught!\n"}};
   for (const auto& [message, report] : rows) {
     Logger::instance().setSink(std::make_shared<ThrowingSink>());
-    CaptureStderr();
+    gi::CaptureStderr();
     Logger::instance().log(message, "GLOBAL", kError, "void f()", "f", 1);
-    EXPECT_EQ(GetCapturedStderr(), report);
+    EXPECT_EQ(gi::GetCapturedStderr(), report);
     // The mutex was released: the next record gets through.
     testing::ScopedLogCapture capture;
     MLOG_INFO("GLOBAL", "after");

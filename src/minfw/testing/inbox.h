@@ -2,6 +2,7 @@
 // Inbox: what callbacks on other threads saw, as text entries, for a test to wait on.
 // Threading: thread-safe; `mutex_` guards the entries.
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -40,10 +41,7 @@ class Inbox {
 
  private:
   std::size_t countLocked(const std::string& entry) const {
-    std::size_t n = 0;
-    for (const auto& e : entries_)
-      n += e == entry ? 1 : 0;
-    return n;
+    return std::count(entries_.begin(), entries_.end(), entry);
   }
 
   mutable std::mutex mutex_;  // guards entries_

@@ -1,5 +1,6 @@
 #include "minfw/testing/simulated_clock.h"
 
+#include <iterator>
 #include <numeric>
 
 namespace kel::vxp3::minfw::testing {
@@ -49,13 +50,10 @@ void SimulatedClock::advance(Duration duration) {
 bool SimulatedClock::waitForSleepers(std::size_t count, std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(mutex_);
   // Only sleepers that have not been woken yet count.
-  auto pending = [&] {
-    std::size_t n = 0;
-    for (const Duration d : deadlines_)
-      n += d > elapsed_ ? 1 : 0;
-    return n;
-  };
-  return changed_.wait_for(lock, timeout, [&] { return pending() >= count; });
+  return changed_.wait_for(lock, timeout, [&] {
+    return std::distance(deadlines_.upper_bound(elapsed_), deadlines_.end()) >=
+           static_cast<std::ptrdiff_t>(count);
+  });
 }
 
 std::vector<Clock::Duration> SimulatedClock::sleeps() const {

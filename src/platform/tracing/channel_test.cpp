@@ -48,8 +48,7 @@ bool waitUntil(std::chrono::milliseconds bound, const std::function<bool()>& don
   return true;
 }
 
-// A started program, its output in `output`.out and .err; killed (SIGTERM) and reaped when it
-// goes out of scope.
+// A started program writing to `output`.out and .err; killed (SIGTERM) and reaped at scope end.
 class Child {
  public:
   Child(std::vector<std::string> argv, std::vector<std::string> extraEnv,
@@ -94,8 +93,7 @@ class Child {
   int status_ = 0;
 };
 
-// Port 0: binds [::1] to a free port and returns it. Otherwise connects to [::1]:port and returns
-// it when something listens there. -1 on failure.
+// Port 0: a free port of [::1]. Otherwise `port` when something listens there. -1 on failure.
 int loopback(int port) {
   const int fd = socket(AF_INET6, SOCK_STREAM, 0);
   sockaddr_in6 addr{};
@@ -111,14 +109,10 @@ int loopback(int port) {
   return ok ? ntohs(addr.sin6_port) : -1;
 }
 
-// In-process channels talk to an empty pipe directory, never to a daemon of the host.
-void useEmptyPipeDir() {
-  static TempDir dir;
-  setenv("DLT_PIPE_DIR", dir.path().c_str(), 0);
-}
-
 TEST(ChannelIds, EachNameGetsItsOwnFourCharacterIdUntilItsLastChannelGoes) {
-  useEmptyPipeDir();
+  // In-process channels talk to an empty pipe directory, never to a daemon of the host.
+  static TempDir pipes;
+  setenv("DLT_PIPE_DIR", pipes.path().c_str(), 0);
   tracing::Channel global("LUM_Orvane_GLOBAL", 7, 2);
   tracing::Channel pers("LUM_Orvane_pers", 7, 2);
   tracing::Channel sameAsFirst("LUM_Orvane_GLOBAL", 7, 2);
