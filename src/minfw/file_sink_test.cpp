@@ -101,13 +101,15 @@ using kel::vxp3::minfw::testing::readFile;
 using kel::vxp3::minfw::testing::TempDir;
 using kel::vxp3::minfw::testing::writeFile;
 
-// The console line of a record, its time text aside.
-std::string lineTail(const std::string& name, const std::string& location,
-                     const std::string& message) {
+// The file holds one line, the console line of the record (its time text aside).
+void expectOneLine(const std::string& path, const std::string& name, const std::string& location,
+                   const std::string& message) {
   char tail[512];
   std::snprintf(tail, sizeof(tail), "] %10s %25s | %s\033[0m\n", name.c_str(), location.c_str(),
                 message.c_str());
-  return tail;
+  const std::string text = readFile(path);
+  EXPECT_THAT(text, ::testing::EndsWith(tail)) << path;
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << path;
 }
 
 TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
@@ -132,9 +134,7 @@ TEST(FileSinkRotation, FirstWriteShiftsExistingGenerations) {
     File sink(dir.file(""));
     sink.write("LUM", "Orvane", "GLOBAL", "main(1)", "fresh", 2);
     EXPECT_EQ(sink.path(), path);
-    const std::string fresh = readFile(path);
-    EXPECT_THAT(fresh, ::testing::EndsWith(lineTail("Orvane", "main(1)", "fresh")));
-    EXPECT_EQ(std::count(fresh.begin(), fresh.end(), '\n'), 1) << "a fresh file";
+    expectOneLine(path, "Orvane", "main(1)", "fresh");
     for (int i = 1; i <= File::kGenerations + 1; ++i) {
       const char held = i <= File::kGenerations ? after[i - 1] : '.';
       EXPECT_EQ(readFile(generation(i)), held == '.' ? "" : content(held)) << generation(i);
@@ -156,14 +156,11 @@ TEST(FileSinkRotation, CrossingTheLimitRotatesBeforeTheNextLine) {
   const auto full = fs::file_size(path);
   EXPECT_FALSE(fs::exists(path + ".01")) << "not rotated while at most 1 MiB";
   sink.write("LUM", "Orvane", "GLOBAL", "main(2)", "next", 2);
-
   ASSERT_TRUE(fs::exists(path + ".01"));
   EXPECT_EQ(fs::file_size(path + ".01"), full) << "the full file moved whole";
   EXPECT_GT(full, 0x100000u);
   EXPECT_LT(full - 0x100000u, full / lines) << "it exceeds the limit by less than one line";
-  const std::string fresh = readFile(path);
-  EXPECT_THAT(fresh, ::testing::EndsWith(lineTail("Orvane", "main(2)", "next")));
-  EXPECT_EQ(std::count(fresh.begin(), fresh.end(), '\n'), 1);
+  expectOneLine(path, "Orvane", "main(2)", "next");
 }
 
 TEST(FileSink, NamesDirectoriesAndAnUnopenablePath) {
@@ -171,8 +168,7 @@ TEST(FileSink, NamesDirectoriesAndAnUnopenablePath) {
   File sink(dir.file(""));
   sink.write("LUM", "First", "GLOBAL", "main(1)", "one", 2);
   sink.write("LUM", "Second", "GLOBAL", "main(2)", "two", 3);
-  EXPECT_THAT(readFile(dir.file("") + "First.log"),
-              ::testing::EndsWith(lineTail("First", "main(1)", "one")));
+  expectOneLine(dir.file("") + "First.log", "First", "main(1)", "one");
   EXPECT_THAT(readFile(dir.file("") + "Second.log"), ::testing::StartsWith("\033[36m["))
       << "a new name opens its own file; the warn colour, escapes kept in the file";
   EXPECT_EQ(sink.path(), dir.file("") + "Second.log");
@@ -240,7 +236,6 @@ TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
   sink.reset();
   writer.join();
   late.join();
-
   // No late record nor channel; the channel outlived the record in flight.
   EXPECT_EQ(gRecorder->events(),
             (std::vector<std::string>{"new LUM_Orvane_GLOBAL 7 2",
@@ -269,7 +264,6 @@ TEST_F(KelTraceTest, ConcurrentWritersAndDestructionAreRaceFree) {
   sink.reset();  // the last writer to finish destroys the sink
   for (std::thread& w : writers)
     w.join();
-
   EXPECT_EQ(gRecorder->count("log "), static_cast<std::size_t>(kThreads * kRecords));
   EXPECT_EQ(gRecorder->count("new "), 4u) << "concurrent first records of a name";
   EXPECT_EQ(gRecorder->count("delete "), 4u);

@@ -100,7 +100,6 @@ TEST_F(FileWithBackupTest, PowerCutAtEveryStepLeavesOldOrNewRecord) {
       dirSyncStep = trace[i].find(" fsync-dir ") != std::string::npos ? i + 1 : dirSyncStep;
     }
     ASSERT_GT(renameStep, 0u);
-
     // One step beyond the write: the power fails right after Write returned.
     for (uint64_t step = 1; step <= totalSteps + 1; ++step) {
       SCOPED_TRACE("power cut at step " + std::to_string(step));
@@ -262,12 +261,10 @@ TEST_F(FileWithBackupTest, ReadRetriesWithTwiceTheWritePause) {
   ScopedFileSystem scoped(fs);
   EXPECT_EQ(readBack(path), "content");
   EXPECT_EQ(clock_.sleeps(), pauses(2, 2000));
-
   fs.failCall(Op::kPread, 3, EIO, kAlways);
   EXPECT_EQ(readBack(path), std::nullopt);
   EXPECT_TRUE(log_->contains("After [3] we give up!"));
   EXPECT_TRUE(log_->contains("Unable to read [" + path + "]"));
-
   fs.failCall(Op::kOpen, 1, EACCES, kAlways);
   EXPECT_EQ(readBack(path), std::nullopt);
   EXPECT_TRUE(log_->contains("Unable to open [" + path + "]"));
@@ -325,7 +322,6 @@ TEST_F(FileWithBackupTest, HandleOffsetWriteAndReadRetryAndReport) {
   fs_.failCall(Op::kWrite, 2, EIO);
   ASSERT_TRUE(handle.Write("WORLD", 5, 6));
   EXPECT_EQ(readFile(path), "hello WORLD");
-
   fs_.failCall(Op::kPread, 1, EIO);
   std::string buffer(7, '\0');
   EXPECT_TRUE(handle.Read(buffer.data(), buffer.size(), 4));

@@ -88,7 +88,6 @@ TEST_F(LoggerTest, FilteringAndCachedLocations) {
   MLOG_WARN("GLOBAL", piece());
   Logger::instance().log("direct above fatal", "hmi", 6, "void f()", "f", 2);
   Logger::instance().setMinLevel(0);
-
   // The same buffers at the same line, with other contents: no stale location from before.
   char pretty[64] = "void orv::Logic::seqStart()";
   char function[16] = "seqStart";
@@ -98,7 +97,6 @@ TEST_F(LoggerTest, FilteringAndCachedLocations) {
   std::snprintf(function, sizeof(function), "%s", "other");
   Logger::instance().log("third", "GLOBAL", kInfo, pretty, function, 5);
   Logger::instance().log("fourth", "GLOBAL", kInfo, pretty, function, 6);
-
   const auto records = capture->records();
   ASSERT_EQ(records.size(), 6u);
   EXPECT_EQ(records[0].message, "built");

@@ -88,7 +88,6 @@ TEST(ThreadPoolTest, DrainWaitsInHalfSecondStepsAndLogsTheCount) {
     std::this_thread::sleep_for(1ms);
   clock.advance(500ms);
   drainer.join();
-
   EXPECT_EQ(log->messages(),
             (std::vector<std::string>{"Waiting on threadPool, size=1", "threadPool, size=1",
                                       "threadPool, size=0", "Waiting on threadPool done"}));

@@ -133,7 +133,6 @@ TEST(ChannelIds, EachNameGetsItsOwnFourCharacterIdUntilItsLastChannelGoes) {
   // Levels the daemon test does not send.
   EXPECT_EQ(tracing::Channel::dltLevel(-1), DLT_LOG_INFO);
   EXPECT_EQ(tracing::Channel::dltLevel(7), DLT_LOG_INFO);
-
   // Filtering: disabled or below the filter level is dropped.
   EXPECT_FALSE(again.log(5, "not enabled yet")) << "a new channel is silent";
   again.enable();
@@ -172,11 +171,9 @@ TEST_F(DltDaemonTest, RecordsArriveUnderDistinctContextsWithLevelAndText) {
   ASSERT_TRUE(waitUntil(10s, [&] { return loopback(port) == port; }))
       << "dlt-daemon did not listen on [::1]:" << port << "\n"
       << readFile(run_.file("daemon.out")) << readFile(run_.file("daemon.err"));
-
   Child receiver({"stdbuf", "-oL", "dlt-receive", "-a", "::1", "-p", std::to_string(port)}, {},
                  run_.file("received"));
   ASSERT_TRUE(receiver.started());
-
   Child probe(targetCommand({CHANNEL_PROBE_PATH, "records"}), {"DLT_PIPE_DIR=" + run_.path()},
               run_.file("probe"));
   ASSERT_TRUE(probe.waitExit(8s)) << "the probe did not finish";
