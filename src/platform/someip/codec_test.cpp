@@ -90,75 +90,58 @@ struct Image {
   const char* hex;
 };
 
+// The encoder's output for values passed by copy (serialize() visits lvalues).
+template <typename... T>
+std::vector<uint8_t> image(T... values) {
+  return serialize(values...);
+}
+
 std::vector<Image> images() {
-  // Every field has bytes of its own, so a swapped or misplaced field shows in the image.
-  const Header h{
-      0x1234, 0x0421, 0, 0x0010, 0x0001, 1, 11, MessageType::kError, ReturnCode::kNotReady};
-
-  bool b = true;
-  uint8_t u8 = 0xAB;
-  uint16_t u16 = 0x1234;
-  uint32_t u32 = 0x01020304;
-  uint64_t u64 = 0x0102030405060708;
-  int8_t i8 = -1;
-  int16_t i16 = -2;
-  int32_t i32 = -3;
-  int64_t i64 = std::numeric_limits<int64_t>::min();
-  float f = 1.5f;
-  double d = -2.0;
-  double nan = std::numeric_limits<double>::quiet_NaN();
-  float inf = std::numeric_limits<float>::infinity();
-  std::string utf8 = std::string("gr\xC3\xBC\xC3\x9F") + '\0' + "x";
-  std::vector<uint16_t> shorts = {1, 0x0203};
-  std::vector<std::string> strings = {"a", ""};
-  std::vector<std::vector<uint8_t>> nested = {{}, {1, 2, 3}, {}};
-  std::string title = "ab";
-  std::vector<Part> parts = {{0x0102, "x"}};
-  std::array<uint8_t, 16> uuid = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-  Phase phase = Phase::kDone;
-
   // Entry fields: type, index1, index2, numOptions1, numOptions2, service, instance, major, ttl,
   // minor, counter, eventgroup.
   const SdEntry offer{SdEntryType::kOfferService, 0, 0, 1, 0, 0x1234, 1, 11, 3, 0, 0, 0};
   const SdEntry subscribe{SdEntryType::kSubscribeEventgroup, 0, 0, 1, 0, 0x1234, 1, 11, 3, 0, 5, 1};
-  const SdEntry find{SdEntryType::kFindService,
-                     0,
-                     0,
-                     0,
-                     0,
-                     0x1234,
-                     kAnyInstance,
-                     kAnyMajor,
-                     kTtlInfinite,
-                     kAnyMinor,
-                     0,
-                     0};
+  SdEntry find = offer;  // but with no options and every wildcard
+  std::tie(find.type, find.numOptions1, find.instanceId, find.majorVersion, find.ttl,
+           find.minorVersion) = std::make_tuple(SdEntryType::kFindService, 0, kAnyInstance,
+                                                kAnyMajor, kTtlInfinite, kAnyMinor);
   const SdEntry twoRuns{SdEntryType::kOfferService, 0, 2, 2, 1, 0, 0, 0, 0, 0, 0, 0};
   const SdOption unknown{0x77, {}, {0xDE, 0xAD}};
   const SdOption tcp{kSdOptionIpv4Endpoint, {0x7F000002, kSdProtocolTcp, 1}, {}};
   const SdOption udp{kSdOptionIpv4Endpoint, {0x7F000002, kSdProtocolUdp, 2}, {}};
   constexpr uint8_t rebootUnicast = SdMessage::kRebootFlag | SdMessage::kUnicastFlag;
-
   return {
-      {"header: every field has bytes of its own", frame, encodeMessage(h, {0xAA, 0xBB, 0xCC}),
+      {"header: every field has bytes of its own, so a swapped or misplaced one shows", frame,
+       encodeMessage(
+           {0x1234, 0x0421, 0, 0x0010, 0x0001, 1, 11, MessageType::kError, ReturnCode::kNotReady},
+           {0xAA, 0xBB, 0xCC}),
        "1234 0421 0000000b 0010 0001 01 0b 81 04 | aabbcc"},
       {"scalars are big-endian",
        payload<bool, uint8_t, uint16_t, uint32_t, uint64_t, int8_t, int16_t, int32_t, int64_t,
                float, double>,
-       serialize(b, u8, u16, u32, u64, i8, i16, i32, i64, f, d),
+       image(true, uint8_t{0xAB}, uint16_t{0x1234}, uint32_t{0x01020304},
+             uint64_t{0x0102030405060708}, int8_t{-1}, int16_t{-2}, int32_t{-3},
+             std::numeric_limits<int64_t>::min(), 1.5f, -2.0),
        "01 ab 1234 01020304 0102030405060708 ff fffe fffffffd 8000000000000000 3fc00000 "
        "c000000000000000"},
-      {"NaN and infinity keep their bit patterns", payload<double, float>, serialize(nan, inf),
+      {"NaN and infinity keep their bit patterns", payload<double, float>,
+       image(std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<float>::infinity()),
        "7ff8000000000000 7f800000"},
       {"non-ASCII and an embedded NUL survive; only the last NUL ends the string",
-       payload<std::string>, serialize(utf8), "0000000c efbbbf 6772c3bcc39f 00 78 00"},
-      {"array of scalars", payload<std::vector<uint16_t>>, serialize(shorts), "00000004 0001 0203"},
+       payload<std::string>, image(std::string("gr\xC3\xBC\xC3\x9F") + '\0' + "x"),
+       "0000000c efbbbf 6772c3bcc39f 00 78 00"},
+      {"array of scalars", payload<std::vector<uint16_t>>, image(std::vector<uint16_t>{1, 0x0203}),
+       "00000004 0001 0203"},
       {"array length counts bytes, not elements", payload<std::vector<std::string>>,
-       serialize(strings), "00000011 | 00000005 efbbbf 61 00 | 00000004 efbbbf 00"},
-      {"nested and empty arrays", payload<std::vector<std::vector<uint8_t>>>, serialize(nested),
+       image(std::vector<std::string>{"a", ""}),
+       "00000011 | 00000005 efbbbf 61 00 | 00000004 efbbbf 00"},
+      {"nested and empty arrays", payload<std::vector<std::vector<uint8_t>>>,
+       image(std::vector<std::vector<uint8_t>>{{}, {1, 2, 3}, {}}),
        "0000000f 00000000 00000003 010203 00000000"},
       {"record: string, array of structs, fixed array, enum", kRecord,
-       serialize(title, parts, uuid, phase),
+       image(std::string("ab"), std::vector<Part>{{0x0102, "x"}},
+             std::array<uint8_t, 16>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15},
+             Phase::kDone),
        "00000006 efbbbf 6162 00 | 0000000b | 0102 00000005 efbbbf 78 00 |"
        "00010203 04050607 08090a0b 0c0d0e0f | 07"},
       {"an enumerator we do not know arrives as its raw value", payload<Phase>, {}, "2a"},
@@ -236,7 +219,6 @@ TEST(Codec, EachMalformedImageGivesItsDefinedError) {
        "1234 0421 00000008 0010 0001 01 0b 40 00", "unknown message type 0x40"},
       {"TP flag: segmentation is not supported", frame, "1234 0421 00000008 0010 0001 01 0b 22 00",
        "message type 0x22 has the TP flag set; segmented messages are not supported"},
-
       // Payload: strings.
       {"string without NUL", string, "00000006 efbbbf 4869 21",
        "string at offset 0 is not terminated by NUL"},
@@ -248,7 +230,6 @@ TEST(Codec, EachMalformedImageGivesItsDefinedError) {
        "string length 3 at offset 0 cannot hold the BOM and the terminating NUL"},
       {"string length field cut short", string, "000000",
        "truncated string length field at offset 0: needs 4 bytes, 3 remain"},
-
       // Payload: arrays.
       {"array length beyond the payload", shorts, "00000008 0001",
        "array length 8 at offset 0 exceeds the 2 bytes that remain"},
@@ -261,12 +242,10 @@ TEST(Codec, EachMalformedImageGivesItsDefinedError) {
        "truncated array length field at offset 0: needs 4 bytes, 2 remain"},
       {"an array of elements that hold no bytes cannot loop forever", payload<std::vector<Nothing>>,
        "00000004 00000000", "array element at offset 4 holds no bytes"},
-
       // Payload: scalars and records.
       {"bool value 2", payload<bool>, "02", "bool value 2 at offset 0 (only 0 or 1 allowed)"},
       {"record cut inside the uuid", kRecord, "00000004 efbbbf 00 | 00000000 | 0001020304050607",
        "truncated uint8 at offset 20: needs 1 bytes, 0 remain"},
-
       // Service discovery payloads.
       {"SD payload shorter than flags and entries length", sd, "c0 000000 0000",
        "SD payload of 6 bytes is shorter than flags and entries length (8)"},
@@ -321,14 +300,12 @@ TEST(Codec, DeserializerEdges) {
   EXPECT_EQ(text, "Hi");
   EXPECT_TRUE(deserialize(fromHex("00000002 0001"), &error, shorts)) << error;
   EXPECT_EQ(shorts, std::vector<uint16_t>{1});
-
   // An error is sticky: the uint16 after the bad bool is not read though its bytes are there.
   bool flag = true;
   uint16_t after = 7;
   EXPECT_FALSE(deserialize(fromHex("02 1234"), &error, flag, after));
   EXPECT_TRUE(flag);
   EXPECT_EQ(after, 7);
-
   // 65 nested arrays, each claiming everything that follows: the depth is bounded, and the
   // error stays while the arrays are closed.
   std::vector<uint8_t> image;
@@ -351,7 +328,6 @@ TEST(Codec, DeserializerEdges) {
   for (std::size_t i = 0; i < levels; ++i)
     deep.endSequence();
   EXPECT_EQ(deep.error(), "arrays nested deeper than 64 at offset 256");
-
   Serializer s;
   s.endSequence();
   EXPECT_EQ(s.error(), "endSequence without beginSequence");
@@ -374,7 +350,6 @@ TEST(Codec, SdOptionRunsAndToleratedOddities) {
   SdEntry beyond = m.entries[0];
   beyond.index2 = 3;
   EXPECT_FALSE(endpointsOf(m, beyond, endpoints));
-
   // The counter byte with the "initial data requested" bit set; an entry of unknown type 0x05 in
   // the eventgroup layout; no options at all, so entries may carry any index.
   const auto odd = fromHex(

@@ -51,20 +51,17 @@ TEST(HostConfig, ValidFileLoads) {
       std::make_tuple(0xE0F4E0F5u, 30490, 10u, 50u, 30u, 3u, 1000u, 3u));
   EXPECT_EQ(config.processes.at("lum-sim"), 0x7F000002u);
   EXPECT_EQ(config.processes.size(), 3u);
-
   const InterfaceConfig* sample = config.findInterface("Sample_v1");
   ASSERT_NE(sample, nullptr);
   EXPECT_EQ(std::tie(sample->name, sample->serviceId, sample->instanceId, sample->majorVersion,
                      sample->server, sample->tcpPort),
             std::make_tuple("Sample_v1", 0x1234, 1, 11, "lum-sim", 30501));
-  EXPECT_EQ(sample->methods.at("stop"), 2);
-  EXPECT_EQ(sample->events.at("progress").id, 0x8001);
-  EXPECT_EQ(sample->events.at("progress").eventgroup, 1);
-  EXPECT_EQ(sample->fields.at("state").getter, 40);
-  EXPECT_FALSE(sample->fields.at("state").setter.has_value());
-  EXPECT_EQ(sample->fields.at("mode").setter, 42);
-  EXPECT_EQ(sample->fields.at("mode").notifier, 32775);
-
+  const auto& progress = sample->events.at("progress");
+  const auto &state = sample->fields.at("state"), &mode = sample->fields.at("mode");
+  EXPECT_EQ(std::tie(sample->methods.at("stop"), progress.id, progress.eventgroup, state.getter,
+                     mode.setter, mode.notifier),
+            std::make_tuple(2, 0x8001, 1, 40, 42, 32775));
+  EXPECT_FALSE(state.setter.has_value());
   const InterfaceConfig* other = config.findInterface("Other_v2");
   ASSERT_NE(other, nullptr);
   EXPECT_EQ(other->minorVersion, 7u);
@@ -130,7 +127,6 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
     EXPECT_EQ(error, path + ": " + row.error) << row.proves;
     EXPECT_EQ(config.processes.count("untouched"), 1u) << row.proves << ": out was changed";
   }
-
   HostConfig config;
   std::string error;
   EXPECT_FALSE(loadHostConfig("/nonexistent/host.json", known(), config, error));

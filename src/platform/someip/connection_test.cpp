@@ -52,7 +52,6 @@ TEST(ConnectionTest, FramesTheStreamByTheLengthField) {
   auto huge = frame(5);
   huge[4] = 0x7F;                                         // announces about 2 GiB
   auto long300 = frame(6, std::vector<uint8_t>(300, 7));  // a length field above 255
-
   struct Row {
     const char* proves;
     std::vector<uint8_t> stream;
@@ -129,9 +128,7 @@ TEST(ConnectionTest, WhatTheSocketDoesNotTakeWaitsForFlushInOrder) {
     ASSERT_TRUE(p.conn->flush());
   }
   EXPECT_FALSE(p.conn->wantsWrite());
-  std::vector<uint8_t> expected = big;
-  expected.insert(expected.end(), next.begin(), next.end());
-  EXPECT_TRUE(received == expected);
+  EXPECT_TRUE(received == concat(big, next));
 }
 
 }  // namespace

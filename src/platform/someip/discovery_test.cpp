@@ -5,11 +5,7 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "platform/middleware/proxy.h"
-#include "platform/middleware/skeleton.h"
-#include "platform/someip/runtime.h"
 #include "platform/someip/testing/fixture.h"
 #include "platform/someip/testing/test_interface.h"
 #include "process.h"
@@ -43,7 +39,6 @@ void expectEventsInOrder(mw::Proxy& proxy, uint32_t count) {
   uint32_t value = 0;
   level.GetNewSamples([&](mw::SamplePtr<uint32_t> s) { value = *s; });
   EXPECT_EQ(value, 42u);
-
   auto sent = proxy.call<Emit>(count).get();
   ASSERT_TRUE(sent) << mw::toString(sent.error());
   EXPECT_EQ(sent.value(), count);
@@ -105,7 +100,6 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   auto find = mw::Proxy::StartFindService(reports.handler(), kTestInterface,
                                           mw::InstanceSpecifier("1"), rt.get());
   ASSERT_TRUE(find);
-
   // 1. The server starts: the service appears, a proxy works, events arrive in order.
   auto peer = startPeer(path);
   auto first = reports.until(available);
@@ -116,12 +110,10 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   auto proxy = connect(*rt, (*first)[0], "hello");
   ASSERT_TRUE(proxy);
   expectEventsInOrder(*proxy, 5);
-
   // 2. Stop offer: an empty container; the old proxy's connection is gone with the offer.
   peer->kill(SIGUSR1);
   ASSERT_TRUE(reports.until(gone));
   EXPECT_FALSE(proxy->call<Echo>(Echo::Input{"late", 1}).get());
-
   // 3. Offered again: a new handle, and a proxy made from it works, events included.
   peer->kill(SIGUSR1);
   auto second = reports.until(available);
@@ -130,7 +122,6 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   proxy = connect(*rt, (*second)[0], "again");
   ASSERT_TRUE(proxy);
   expectEventsInOrder(*proxy, 3);
-
   // 4. The server freezes: its offers stop, and the service is reported gone after the TTL.
   peer->kill(SIGSTOP);
   ASSERT_TRUE(reports.until(gone));
@@ -139,7 +130,6 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   ASSERT_TRUE(third);
   proxy = connect(*rt, (*third)[0], "thawed");
   ASSERT_TRUE(proxy);
-
   // 5. The server process is replaced (it reboots): the new instance is found and served.
   peer->kill(SIGKILL);
   ASSERT_TRUE(peer->wait(kPatience));
@@ -151,7 +141,6 @@ TEST(DiscoveryTest, MistakesAreReportedAndTheServiceAppearsGoesAndComesBackAcros
   proxy = connect(*rt, (*fourth)[0], "rebooted");
   ASSERT_TRUE(proxy);
   expectEventsInOrder(*proxy, 4);
-
   mw::Proxy::StopFindService(find.value(), rt.get());
   proxy.reset();
   peer->kill(SIGTERM);

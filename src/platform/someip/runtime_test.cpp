@@ -1,4 +1,4 @@
-// The binding's runtime over loopback sockets, two runtimes in one process (testing/pair.h):
+// The binding's runtime over loopback sockets, two runtimes in one process (testing/fixture.h):
 // - calls whose answers come late, out of order or to nobody;
 // - bad frames on a service's TCP connection: logged, and skipped, answered with the right error
 //   or (when the stream is lost) the connection reset; the server serves on either way;
@@ -16,12 +16,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <future>
 #include <iomanip>
 #include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "minfw/testing/capture_sink.h"
@@ -30,7 +32,7 @@
 #include "platform/someip/header.h"
 #include "platform/someip/sd.h"
 #include "platform/someip/serializer.h"
-#include "platform/someip/testing/pair.h"
+#include "platform/someip/testing/fixture.h"
 #include "platform/someip/testing/raw_client.h"
 #include "platform/someip/testing/test_interface.h"
 
@@ -98,19 +100,11 @@ TEST(MethodTest, LateOutOfOrderAndForgottenAnswersReachOnlyTheirOwnCalls) {
   auto waited = pair.proxy->call<Slow>(3u);
   ASSERT_TRUE(slow.held.waitFor("held", kPatience, 1 + kForgotten));
   // The answer does not come within the waiting time: no answer.
-  std::atomic<bool> done{false};
-  mw::FutureStatus status = mw::FutureStatus::kReady;
-  std::thread waiter([&] {
-    status = waited.wait_for(std::chrono::milliseconds(1000));
-    done = true;
-  });
-  while (!done) {
+  auto status = std::async(std::launch::async,
+                           [&] { return waited.wait_for(std::chrono::milliseconds(1000)); });
+  while (status.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready)
     clock.advance(std::chrono::milliseconds(400));
-    std::this_thread::yield();
-  }
-  waiter.join();
-  EXPECT_EQ(status, mw::FutureStatus::kTimeout);
-
+  EXPECT_EQ(status.get(), mw::FutureStatus::kTimeout);
   // Concurrent callers; the last of their requests releases every answer.
   std::atomic<uint32_t> matched{0};
   std::vector<std::thread> threads;
@@ -163,7 +157,6 @@ TEST(MalformedFrameTest, BadFramesAreSkippedAnsweredOrResetWhileTheServerServesO
     return mw::Future<Echo::Output>::ready(Echo::Output{in.text, in.n});
   });
   ASSERT_TRUE(pair.skeleton->OfferService());
-
   struct Row {
     const char* proves;
     std::vector<uint8_t> frame;
@@ -222,20 +215,18 @@ TEST(MalformedFrameTest, BadFramesAreSkippedAnsweredOrResetWhileTheServerServesO
       if (row.error) {
         auto answer = client.receive();
         ASSERT_TRUE(answer);
-        EXPECT_EQ(answer->header.messageType,
-                  *row.error == ReturnCode::kOk ? MessageType::kResponse : MessageType::kError);
-        EXPECT_EQ(answer->header.returnCode, *row.error);
-        EXPECT_EQ(answer->header.sessionId, 1);
-        EXPECT_EQ(answer->header.clientId, 0x77);
+        const Header& h = answer->header;
+        EXPECT_EQ(std::tie(h.messageType, h.returnCode, h.sessionId, h.clientId),
+                  std::make_tuple(
+                      *row.error == ReturnCode::kOk ? MessageType::kResponse : MessageType::kError,
+                      *row.error, 1, 0x77));
       }
       auto answer = client.receive();
       ASSERT_TRUE(answer);
-      EXPECT_EQ(answer->header.messageType, MessageType::kResponse);
-      EXPECT_EQ(answer->header.sessionId, 2);
+      EXPECT_EQ(std::tie(answer->header.messageType, answer->header.sessionId),
+                std::make_tuple(MessageType::kResponse, 2));
     }
-    if (row.log) {
-      EXPECT_TRUE(logs->contains(row.log)) << "log lacks: " << row.log;
-    }
+    EXPECT_TRUE(!row.log || logs->contains(row.log)) << "log lacks: " << row.log;
     // Whatever happened, a fresh connection is served.
     RawClient next(kServerTcp);
     ASSERT_TRUE(next.connected());
@@ -270,7 +261,6 @@ class RawSdPeer {
   }
   ~RawSdPeer() { ::close(fd_); }
   bool bound() const { return bound_; }
-
   // From 127.0.0.3, whatever the socket is bound to.
   void sendRaw(const std::vector<uint8_t>& bytes, Endpoint to = Endpoint{kServer, kSdPort}) {
     sockaddr_in dest = toSockaddr(to);
@@ -354,27 +344,22 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
     auto cyclic = peer.receive(kGroup);  // the group's only sender yet: the server's offers
     ASSERT_TRUE(cyclic);
     EXPECT_EQ(cyclic->second.entries.at(0).type, SdEntryType::kOfferService);
-
     // A find (of major version 1; later any) is answered by a unicast offer naming the TCP
     // endpoint and the TTL.
     peer.send(find(1));
     auto offer = peer.receive();
     ASSERT_TRUE(offer);
-    const Header& h = offer->first;
-    EXPECT_EQ(h.clientId, 0);
-    EXPECT_EQ(h.sessionId, 1);  // first message of this unicast channel
+    // The first message of this unicast channel.
+    EXPECT_EQ(std::tie(offer->first.clientId, offer->first.sessionId), std::make_tuple(0, 1));
     EXPECT_TRUE(offer->second.flags & SdMessage::kRebootFlag);
     ASSERT_EQ(offer->second.entries.size(), 1u);
     const SdEntry& e = offer->second.entries[0];
-    EXPECT_EQ(e.type, SdEntryType::kOfferService);
-    EXPECT_EQ(e.ttl, 1u);
+    EXPECT_EQ(std::tie(e.type, e.ttl), std::make_tuple(SdEntryType::kOfferService, 1u));
     std::vector<SdIpv4Endpoint> endpoints;
     ASSERT_TRUE(endpointsOf(offer->second, e, endpoints));
     ASSERT_EQ(endpoints.size(), 1u);
-    EXPECT_EQ(endpoints[0].address, kServer);
-    EXPECT_EQ(endpoints[0].port, 30501);
-    EXPECT_EQ(endpoints[0].protocol, kSdProtocolTcp);
-
+    EXPECT_EQ(std::tie(endpoints[0].address, endpoints[0].port, endpoints[0].protocol),
+              std::make_tuple(kServer, 30501, kSdProtocolTcp));
     // Subscriptions are refused (a Nack, logged) from an endpoint with no connection to the
     // service, and for an eventgroup that the service does not have.
     const std::pair<uint16_t, const char*> refusals[] = {{1, "no TCP connection"},
@@ -392,7 +377,6 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
                 std::make_tuple(SdEntryType::kSubscribeEventgroupAck, 0u, eventgroup));
       EXPECT_TRUE(logs->contains(log)) << log;
     }
-
     // Bad datagrams are logged and dropped; the agent still answers the next find.
     ScopedLogCapture logs;
     std::vector<uint8_t> truncated = {0xFF, 0xFF, 0x81, 0x00, 0, 0, 0, 40};
@@ -405,7 +389,6 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
     EXPECT_EQ(again->second.entries.at(0).type, SdEntryType::kOfferService);
     EXPECT_TRUE(logs->contains("malformed SD datagram"));
     EXPECT_TRUE(logs->contains("malformed SD message"));
-
     // The peer's offer of instance 2 on the group reaches the runtimes.
     ASSERT_TRUE(mw::Proxy::StartFindService(pair.reports.handler(), kTestInterface,
                                             mw::InstanceSpecifier("2"), pair.client.get()));
@@ -465,7 +448,6 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
     return mw::Future<Emit::Output>::ready(n);
   });
   pair.skeleton->field<Level>().Update(7);
-
   // The client's find goes out before the server offers, so that it is part of the exchange.
   ASSERT_TRUE(pair.connect([&] { ASSERT_TRUE(inbox->waitFor("sd sent")); }));
   auto& proxy = *pair.proxy;
@@ -487,11 +469,9 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
   std::vector<uint32_t> values;
   level.GetNewSamples([&](mw::SamplePtr<uint32_t> v) { values.push_back(*v); });
   EXPECT_EQ(values, (std::vector<uint32_t>{7, 8}));
-
   auto echo = proxy.call<Echo>(Echo::Input{"Hi", 1}).get();
   ASSERT_TRUE(echo);
-  EXPECT_EQ(echo.value().text, "Hi!");
-  EXPECT_EQ(echo.value().n, 2u);
+  EXPECT_EQ(std::tie(echo.value().text, echo.value().n), std::make_tuple("Hi!", 2u));
   // Configured for the interface, but the server has no handler: an ERROR on the wire.
   EXPECT_EQ(proxy.call<Ghost>(Ghost::Input{}).get().error(), mw::ErrorCode::kUnknownMethod);
   // A getter without handler is answered with the last value.
@@ -511,7 +491,6 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
   tick.UnsetReceiveHandler();
   level.UnsetReceiveHandler();
   pair.client->setTap(nullptr);
-
   // One UDP packet per SD datagram or TCP message, all on the SD port: the dissector tells SD
   // from other messages by their ids, and judges SOME/IP alike over either transport.
   const std::string file = pair.dir.file("exchange.pcap");
@@ -562,7 +541,6 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
     if (line.rfind(sd + "0x01", 0) == 0) {
       EXPECT_EQ(line.substr(line.rfind(';')).find_first_not_of(";1,"), std::string::npos) << line;
     }
-
   // No malformed packets and no warnings or errors of any dissector.
   std::string problems =
       run(tshark + " -Y '_ws.malformed || _ws.expert.severity >= 0x00600000' 2>/dev/null",

@@ -1,13 +1,16 @@
 #pragma once
-// Helpers shared by the binding's socket tests: the test host configuration on disk and a queue
-// of discovery reports.
+// Helpers shared by the binding's socket tests: the test host configuration on disk, a queue of
+// discovery reports, and two runtimes in one process (one namespace): "server" offering
+// TestService and "client" with a proxy of it; each test sets the server's handlers.
 //
-// Threading: ReportQueue is thread-safe (its mutex guards its reports).
+// Threading: ReportQueue is thread-safe (its mutex guards its reports); a RuntimePair is owned
+// by the test thread, the objects it holds are thread-safe.
 
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -15,7 +18,10 @@
 #include "minfw/testing/inbox.h"
 #include "minfw/testing/temp_dir.h"
 #include "platform/middleware/binding.h"
+#include "platform/middleware/proxy.h"
+#include "platform/middleware/skeleton.h"
 #include "platform/someip/config.h"
+#include "platform/someip/runtime.h"
 
 namespace platform::someip::testing {
 
@@ -40,6 +46,23 @@ class ReportQueue {
   std::mutex mutex_;  // guards reports_
   std::condition_variable cv_;
   std::deque<middleware::ServiceHandleContainer> reports_;
+};
+
+struct RuntimePair {
+  // Destroyed in reverse order: the runtimes before the queue their threads report to.
+  TempDir dir;
+  HostConfig config;
+  ReportQueue reports;
+  std::unique_ptr<Runtime> server;
+  std::unique_ptr<Runtime> client;
+  std::unique_ptr<middleware::Skeleton> skeleton;
+  std::unique_ptr<middleware::Proxy> proxy;
+
+  // Starts both runtimes and makes the skeleton; false (with a test failure) when one is missing.
+  bool start();
+  // Starts looking for the service, runs `beforeOffer`, offers it, and makes the proxy once
+  // it is found.
+  bool connect(const std::function<void()>& beforeOffer = nullptr);
 };
 
 }  // namespace platform::someip::testing

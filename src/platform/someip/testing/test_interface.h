@@ -44,11 +44,9 @@ struct Emit {
 // Configured, but no server implements it.
 struct Ghost {
   static constexpr const char* kName = "ghost";
-  struct Input {};
-  struct Output {};
+  using Input = uint32_t;
+  using Output = uint32_t;
 };
-inline void marshal(FieldVisitor&, Ghost::Input&) {}
-inline void marshal(FieldVisitor&, Ghost::Output&) {}
 
 // Fire and forget: the server records the value.
 struct Note {
@@ -74,11 +72,31 @@ struct Level {
 
 // The ids of TestService: service 4660 version 1.0; echo, slow, emit, ghost, note 1..5; tick
 // 0x8001 and the level field (notifier 0x8002, getter 6), both in eventgroup 1.
-middleware::InterfaceIds testInterfaceIds();
+inline middleware::InterfaceIds testInterfaceIds() {
+  return {
+      kTestInterface,
+      4660,
+      1,
+      0,
+      {{Echo::kName, 1}, {Slow::kName, 2}, {Emit::kName, 3}, {Ghost::kName, 4}, {Note::kName, 5}},
+      {{Tick::kName, 0x8001, 1}},
+      {{Level::kName, 0x8002, 6, std::nullopt, 1}}};
+}
 
 // Host configuration of the tests: "client" at 127.0.0.1, "server" at 127.0.0.2, fast SD
 // timing, a TTL of 1 s; TestService instance 1 offered by "server". Loaded with
 // testInterfaceIds().
-std::string testConfigJson();
+inline std::string testConfigJson() {
+  return R"({
+  "sd": { "multicast": "224.244.224.245", "port": 30490,
+          "initialDelayMinMs": 0, "initialDelayMaxMs": 10, "repetitionBaseDelayMs": 10,
+          "repetitionsMax": 3, "cyclicOfferDelayMs": 100, "ttlSeconds": 1 },
+  "processes": { "client": { "unicast": "127.0.0.1" }, "server": { "unicast": "127.0.0.2" } },
+  "interfaces": {
+    "TestService": { "instanceId": 1, "server": "server", "tcpPort": 30501 }
+  }
+}
+)";
+}
 
 }  // namespace platform::someip::testing
