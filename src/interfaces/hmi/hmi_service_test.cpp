@@ -39,9 +39,8 @@ class TestableHmi : public HmiService {
 // A service with both callables recording what Logic would receive.
 struct Bound {
   explicit Bound(bool bindUsb = true, bool bindState = true) {
-    if (bindUsb) {
+    if (bindUsb)
       hmi.UsbInserted = [this](const std::string& path) { paths.push_back(path); };
-    }
     if (bindState) {
       hmi.HmiStateChanged = [this](int state) { reports.push_back(state); };
     }
@@ -76,9 +75,8 @@ TEST(HmiServiceTest, ConfirmsOnTheDriversBehalf) {
     SCOPED_TRACE(row.proves);
     ScopedLogCapture log;
     Bound b;
-    if (row.diagnostic) {
+    if (row.diagnostic)
       b.hmi.runUsbInserted("http://127.0.0.1/m");
-    }
     b.hmi.hmiSetState(9, "");
     b.hmi.hmiSetState(row.state, "Train");
     EXPECT_EQ(b.reports, row.reports);
@@ -142,11 +140,9 @@ TEST(HmiServiceTest, MediumPathsFromLaptopAndDiagnostics) {
     ASSERT_TRUE(b.hmi.init(nullptr));
     ASSERT_NE(b.hmi.notebook, nullptr);
     EXPECT_TRUE(log->contains("Failed to make socket"));
-
     EXPECT_EQ(b.hmi.notebook->startUpdateProcess("http://127.0.0.1:8080/medium\n"), "0, 0, 0");
     EXPECT_TRUE(log->contains("Sending path [http://127.0.0.1:8080/medium] from socket to logic"));
     EXPECT_FALSE(b.hmi.runByDiagnostic());
-
     EXPECT_TRUE(MediumPathRelay::instance().send("http://[fd00::1]:29214"));
     EXPECT_TRUE(log->contains("Sending path [http://[fd00::1]:29214] from diagnostic to logic"));
     EXPECT_TRUE(b.hmi.runByDiagnostic());
@@ -156,7 +152,6 @@ TEST(HmiServiceTest, MediumPathsFromLaptopAndDiagnostics) {
     // The tester starts the offer, not this service.
     b.hmi.hmiSetState(0, "");
     EXPECT_EQ(b.reports.size(), 2u);
-
     // A newer service takes the relay over; the older one's end must not unbind it.
     auto older = std::make_unique<Bound>();
     older->hmi.init(nullptr);

@@ -8,11 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "interfaces/host_interfaces.h"
@@ -58,34 +57,33 @@ class HeldAnswers {
 };
 
 void bindSlots(Client& client, Inbox& inbox) {
-  client.signalEventConnection = [&inbox](bool up) { inbox.add(cat("connection:", up)); };
+  client.signalEventConnection = [&](bool up) { inbox.add(cat("connection:", up)); };
   client.signalEventDomainReadyForDownloadNotification =
-      [&inbox](uint16_t id, const lum11::ReadyForDownloadInfo& info) {
+      [&](uint16_t id, const lum11::ReadyForDownloadInfo& info) {
         inbox.add(
             cat("readyForDownload:", id, ":", info.installationTime, ":", info.downloadDataSize));
       };
-  client.signalEventDomainReadyForUpdateNotification = [&inbox](
-                                                           uint16_t id,
+  client.signalEventDomainReadyForUpdateNotification = [&](uint16_t id,
                                                            const lum11::ReadyForUpdateInfo& info) {
     inbox.add(cat("readyForUpdate:", id, ":", info.installationTime, ":", info.downloadedDataSize));
   };
   // signalEventDomainUpdateFinishedNotification stays unbound on purpose.
-  client.signalEventDomainOffTimeNotification = [&inbox](uint16_t id, uint16_t timeout) {
+  client.signalEventDomainOffTimeNotification = [&](uint16_t id, uint16_t timeout) {
     inbox.add(cat("offTime:", id, ":", timeout));
   };
-  client.signalEventDebugMessageNotification = [&inbox](uint16_t id, const std::string& key,
-                                                        const std::string& text) {
+  client.signalEventDebugMessageNotification = [&](uint16_t id, const std::string& key,
+                                                   const std::string& text) {
     inbox.add(cat("debug:", id, ":", key, ":", text));
   };
   client.signalEventResolveUpdateURLRequest =
-      [&inbox](const lum11::resolveUpdateURLRequest_fileNames& names, lum11::CM_FileType type,
-               const lum11::DT_uuid& uuid) {
+      [&](const lum11::resolveUpdateURLRequest_fileNames& names, lum11::CM_FileType type,
+          const lum11::DT_uuid& uuid) {
         std::string joined;
         for (const auto& n : names)
           joined += n + ";";
         inbox.add(cat("resolve:", joined, ":", type, ":", uuid[0], "-", uuid[15]));
       };
-  client.signalEventDomainErrorNotification = [&inbox](uint16_t id, uint32_t code) {
+  client.signalEventDomainErrorNotification = [&](uint16_t id, uint32_t code) {
     inbox.add(cat("error:", id, ":", code));
   };
 }
@@ -146,7 +144,6 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   std::unique_ptr<mw::Skeleton> skeleton = std::move(created).value();
   HeldAnswers held;
   serve(*skeleton, held);
-
   ScopedLogCapture capture;
   Inbox inbox;
   auto client = std::make_unique<Client>(orvane.get());
@@ -154,12 +151,10 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   ASSERT_TRUE(client->init("12233"));
   EXPECT_TRUE(capture->contains("Connecting to [12233]"));
   ASSERT_TRUE(skeleton->OfferService());
-
   // Discovery.
   ASSERT_TRUE(inbox.waitFor("connection:true"));
   EXPECT_TRUE(capture->contains("DiagLocalUpdateManagerControlClient connected!"));
   EXPECT_TRUE(client->connected());
-
   // A round trip with inputs delivered and outputs copied.
   Client::CreateDomainUpdateSessionOutput session;
   lum11::DownloadSource source;
@@ -169,21 +164,18 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   ASSERT_TRUE(client->createDomainUpdateSession(
       "NODBOX-USB", 41, "order", {{"key", "manifest.mose", {}}}, {}, source, addresses,
       lum11::CM_SessionType::localUpdate, session));
-  EXPECT_EQ(session.returnStatus, lum11::CM_ReturnStatus::ok);
-  EXPECT_EQ(session.domainRepairInstructionID, 42);
+  EXPECT_EQ(std::tie(session.returnStatus, session.domainRepairInstructionID),
+            std::make_tuple(lum11::CM_ReturnStatus::ok, 42));
   EXPECT_TRUE(capture->contains("manifestType:key manifestLink:manifest.mose"));
   EXPECT_TRUE(capture->contains("diagnosticAddress=[0x1a01, 0x1a02]"));
-
   Client::getDomainUpdateResultOutput result;
   ASSERT_TRUE(client->getDomainUpdateResult("NODBOX-USB", 42, result));
-  EXPECT_EQ(result.returnStatus, lum11::CM_ReturnStatus::invalidState);
-  EXPECT_EQ(result.domainResult.sessionStatus, lum11::CM_SessionStatus::reverted);
-  EXPECT_EQ(result.domainResult.resultCode, 42000u);
-  EXPECT_EQ(result.domainResult.errorDetails, "details of NODBOX-USB");
-  EXPECT_EQ(result.domainResult.retries, 3);
-  EXPECT_EQ(result.domainResult.safetyValidationResult.status, lum11::CM_ValidationStatus::error);
+  const lum11::DomainResult& r = result.domainResult;
+  EXPECT_EQ(std::tie(result.returnStatus, r.sessionStatus, r.resultCode, r.errorDetails, r.retries,
+                     r.safetyValidationResult.status),
+            std::make_tuple(lum11::CM_ReturnStatus::invalidState, lum11::CM_SessionStatus::reverted,
+                            42000u, "details of NODBOX-USB", 3, lum11::CM_ValidationStatus::error));
   EXPECT_TRUE(capture->contains("<=="));
-
   // Without waiting: the outputs come with the answer, on the thread that receives it (or on the
   // caller's, should the answer be in before request() attached its continuation).
   client->request<methods::GetDomainUpdateResult>(
@@ -191,7 +183,6 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
         inbox.add(cat("request:", answered, ":", out.domainResult.resultCode));
       });
   EXPECT_TRUE(inbox.waitFor("request:true:43000"));
-
   // startDomainUpdateDownload gives the LUM 1000 ms; this answer comes only afterwards.
   Client::StartDomainUpdateDownloadOutput download;
   EXPECT_FALSE(client->startDomainUpdateDownload("NODBOX-USB", 42, download));
@@ -199,7 +190,6 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   EXPECT_TRUE(capture->contains("timeout"));
   EXPECT_TRUE(capture->contains("no answer!"));
   held.release();
-
   // Events reach their slots with their fields; an unbound slot is reported, the rest relay.
   ASSERT_TRUE(awaitEventFlow(*skeleton, inbox, 1));
   skeleton->send<events::DomainReadyForDownloadNotification>({{120, 5000000000}, 42});
@@ -212,16 +202,14 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   uuid[15] = 0xcd;
   skeleton->send<events::ResolveUpdateURLRequest>(
       {{"a.bin", "b.bin"}, lum11::CM_FileType::manifest, uuid});
-  EXPECT_TRUE(inbox.waitFor("readyForDownload:42:120:5000000000"));
-  EXPECT_TRUE(inbox.waitFor("readyForUpdate:42:240:6000000000"));
-  EXPECT_TRUE(inbox.waitFor("offTime:42:600"));
-  EXPECT_TRUE(inbox.waitFor("debug:42:dbg-1:flash step 3"));
-  EXPECT_TRUE(
-      inbox.waitFor(cat("resolve:a.bin;b.bin;:", lum11::CM_FileType::manifest, ":171-205")));
+  for (const std::string& relayed : std::vector<std::string>{
+           "readyForDownload:42:120:5000000000", "readyForUpdate:42:240:6000000000",
+           "offTime:42:600", "debug:42:dbg-1:flash step 3",
+           cat("resolve:a.bin;b.bin;:", lum11::CM_FileType::manifest, ":171-205")})
+    EXPECT_TRUE(inbox.waitFor(relayed)) << relayed;
   // Events of one connection are relayed in order: the off-time event came after it.
   EXPECT_EQ(capture->count("signalEventDomainUpdateFinishedNotification not bound!"), 1u);
   EXPECT_TRUE(capture->contains("<~~"));
-
   // The service goes away: false is reported and the old proxy stays (so no "invalid").
   skeleton->StopOfferService();
   ASSERT_TRUE(inbox.waitFor("connection:false"));
@@ -231,7 +219,6 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   client->startDomainUpdateDownload("NODBOX-USB", 42, download);
   EXPECT_FALSE(capture->contains("m_proxy is invalid!"));
   held.release();
-
   // It comes back: a new proxy, and events flow through it again.
   ASSERT_TRUE(skeleton->OfferService());
   ASSERT_TRUE(inbox.waitFor("connection:true", kPatience, 2));
@@ -240,12 +227,9 @@ TEST(DiagLocalUpdateManagerControlClientTest, ThreadedAgainstRealService) {
   EXPECT_TRUE(awaitEventFlow(*skeleton, inbox, 2));
   skeleton->send<events::DomainOffTimeNotification>({43, 60});
   EXPECT_TRUE(inbox.waitFor("offTime:43:60"));
-
   client.reset();
-  held.release();
+  held.release();  // before the skeleton goes, which holds its handler
   skeleton.reset();
-  orvane.reset();
-  lum.reset();
 }
 
 }  // namespace

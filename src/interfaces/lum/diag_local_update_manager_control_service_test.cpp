@@ -6,9 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <future>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,9 +39,8 @@ constexpr uint32_t kDm = ACTIVE_DM, kUsb = ACTIVE_USB, kNone = ACTIVE_NONE;
 
 // Waits in real time, bounded, until `condition` holds.
 bool eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 10000 && !condition(); ++i) {
+  for (int i = 0; i < 10000 && !condition(); ++i)
     std::this_thread::sleep_for(1ms);
-  }
   return condition();
 }
 
@@ -75,20 +72,17 @@ struct Rig : Files, Multiplexer {
     setLumClient(lum);
     setRoutineClient(std::make_unique<orv::testing::FakeRoutine>());
     setMesswertClient(std::make_unique<orv::testing::FakeMesswert>());
-    if (bind) {
+    if (bind)
       initBindings();
-    }
   }
   ~Rig() override {
     EXPECT_TRUE(runAdvancing(clock, [this] { dm->stopPoll(); }));
   }
-
   // Lets the worker sleep through one poll period; true once it has run a cycle.
   bool cycle() {
     for (int64_t t = 0; t < Service::kPollPeriodMs; t += Service::kPollStepMs) {
-      if (!clock.waitForSleepers(1, 2s)) {
+      if (!clock.waitForSleepers(1, 2s))
         return false;
-      }
       clock.advance(100ms);
     }
     return true;
@@ -175,7 +169,6 @@ TEST_F(DmServiceTest, SessionPathAndStateFollowTheSession) {
   EXPECT_EQ(rig.dm->activePath(), "T");
   EXPECT_TRUE(runAdvancing(clock_, [&] { rig.dm->closeDomainUpdateSession("T", 7); }));
   EXPECT_EQ(rig.dm->activePath(), "");
-
   lum12::DT_domainUpdateSessionState_struct state;
   state.elementId = state.domainRepairInstructionID = 7;
   state.installationTime = 11;
@@ -302,7 +295,6 @@ TEST_F(DmServiceTest, ThreadedRelayedAnswerCompletesOnTheAnsweringThread) {
   EXPECT_EQ(next.wait_for(50ms), std::future_status::timeout);
   EXPECT_EQ(rig.lum->count("startDomainUpdate") + rig.lum->count("getDomainUpdateSessionState"),
             0u);
-
   std::thread([&rig] { rig.lum->answerDeferred(); }).join();
   ASSERT_EQ(held.wait_for(10s), FutureStatus::kReady);
   EXPECT_EQ(held.get().value().configurationInformation, "cfg");

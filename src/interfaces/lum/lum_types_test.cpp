@@ -70,13 +70,6 @@ TEST(LumTypes, EveryInputOutputSampleAndValueRoundTripsAndRefusesTruncation) {
 
 // Hand-checked byte images of LUM records; the string and sequence encodings themselves are the
 // codec's and are pinned there.
-
-struct ImageRow {
-  const char* proves;
-  std::vector<uint8_t> bytes;
-  std::string image;
-};
-
 TEST(LumTypes, HandCheckedByteImages) {
   lum11::methods::GetDomainUpdateResult::Output result;
   result.domainResult.sessionStatus = lum11::CM_SessionStatus::error;
@@ -87,15 +80,12 @@ TEST(LumTypes, HandCheckedByteImages) {
   result.domainResult.integrityValidationResult = {lum11::CM_ValidationStatus::failed, 7, ""};
   result.domainResult.safetyValidationResult = {lum11::CM_ValidationStatus::error, 8, "s"};
   result.returnStatus = lum11::CM_ReturnStatus::invalidState;
-
   lum12::UpdateUrlResponseStruct url;
   for (uint8_t i = 0; i < 16; ++i)
     url.updateURLRequestID[i] = i;
   url.urlInfo = {"a"};
   url.error = lum12::CM_UpdateUrlResponseStruct_error::fileNotFound;
-
   lum12::fields::DomainErrorNotification::Value errors{{3, 0x0102, 0x0000025D}};
-
   // Outputs with two one-byte enumerations: only the image tells a swap apart.
   lum11::methods::GetDomainUpdateSessionState::Output state{
       lum11::CM_CurrentProcessingState::verifying, "d", lum11::CM_ReturnStatus::invalidState};
@@ -111,8 +101,7 @@ TEST(LumTypes, HandCheckedByteImages) {
   progress.currentProcessingState = decltype(progress.currentProcessingState)::failFinished;
   progress.currentProcessingDetails = "";
   progress.returnStatus = lum12::CM_ReturnStatus_state::busy;
-
-  const std::vector<ImageRow> rows = {
+  const std::tuple<const char*, std::vector<uint8_t>, const char*> rows[] = {
       {"processing state first, return status last", serialize(state), "03 00000005efbbbf6400 01"},
       {"cancel status before return status", serialize(cancel), "01 02"},
       {"progress: signed 64/32-bit values, then the two enumerations around the details",
@@ -128,10 +117,8 @@ TEST(LumTypes, HandCheckedByteImages) {
       {"a field entry starts with its elementId", serialize(errors),
        "00000008 | 0003 0102 0000025d"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.proves);
-    EXPECT_EQ(row.bytes, fromHex(row.image));
-  }
+  for (const auto& [proves, bytes, image] : rows)
+    EXPECT_EQ(bytes, fromHex(image)) << proves;
 }
 
 }  // namespace

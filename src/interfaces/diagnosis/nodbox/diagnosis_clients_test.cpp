@@ -173,7 +173,6 @@ TEST(DiagnosisMesswertTest, EncodingsAndAnswers) {
     return std::make_tuple(x.dtType, x.dtStartDate, x.dtStartTime, x.dtEndDate, x.dtEndTime,
                            x.dtErr, x.dtErrTxt);
   });
-
   DiagnosisMesswert messwert;
   EXPECT_EQ(messwert.answer(1, measurement::kTimestamps).status, Status::notAvailable);
   messwert.signalDiagnoseUpdateState = [&] { return state; };
@@ -240,10 +239,6 @@ struct FakeTester {
       });
     return static_cast<bool>(skeleton->OfferService());
   }
-  void stop() {
-    skeleton.reset();
-    runtime.reset();
-  }
 };
 
 bool eventually(const std::function<bool()>& condition) {
@@ -278,7 +273,6 @@ TEST(DiagnosisViRoutineWireTest, ThreadedRequestStartReconnectAndBadInput) {
   ScopedLogCapture log;
   const uint64_t relay =
       MediumPathRelay::instance().bind([&](const std::string& path) { relayed.add(path); });
-
   auto client = std::make_unique<DiagnosisViRoutineClient>(orvane.get());
   client->signalLogicDiagnoseStartUpdate = [&](const std::string& order, int override) {
     starts.add(cat(order, "/", override));
@@ -286,7 +280,6 @@ TEST(DiagnosisViRoutineWireTest, ThreadedRequestStartReconnectAndBadInput) {
   };
   client->connect();
   ASSERT_TRUE(eventually([&] { return client->connected(); }));
-
   // A request answered on the wire with 1 then 2, then the start of the update routine.
   ASSERT_TRUE(requestTaken(*tester.skeleton, log.sink(), "ORDER-7"));
   EXPECT_TRUE(replies.waitFor("7:2"));
@@ -299,9 +292,9 @@ TEST(DiagnosisViRoutineWireTest, ThreadedRequestStartReconnectAndBadInput) {
   EXPECT_EQ(std::vector<std::string>(all.end() - 2, all.end()),
             (std::vector<std::string>{"1225:1", "1225:2"}));
   EXPECT_EQ(replies.count("1225:1"), 1u);
-
   // The tester goes away and comes back as a new process, one without startRoutineReply.
-  tester.stop();
+  tester.skeleton.reset();
+  tester.runtime.reset();
   ASSERT_TRUE(eventually([&] { return log->contains("Re-connect scheduled"); }));
   EXPECT_TRUE(log->contains("DiagnosisViRoutineClient is dead!"));
   FakeTester second;
@@ -310,7 +303,6 @@ TEST(DiagnosisViRoutineWireTest, ThreadedRequestStartReconnectAndBadInput) {
   EXPECT_TRUE(log->contains("DiagnosisViRoutineClient is alive!"));
   ASSERT_TRUE(requestTaken(*second.skeleton, log.sink(), "PROBE"));
   EXPECT_TRUE(eventually([&] { return log->contains("Routine response Error: unknown method"); }));
-
   // Bad input: each is logged, and a good request afterwards is still taken.
   int probe = 0;
   auto bad = [&](const std::function<void(mw::Skeleton&)>& send, const std::string& logged) {
@@ -334,11 +326,9 @@ TEST(DiagnosisViRoutineWireTest, ThreadedRequestStartReconnectAndBadInput) {
         s.send<Request>({0x4C9, std::vector<uint8_t>(65536, '7')});
       },
       "Received data size is [65536] and not equal to [116]");
-
   client.reset();
   MediumPathRelay::instance().unbind(relay);
   EXPECT_TRUE(log->contains("Terminate DiagnosticViRoutineClient!"));
-  second.stop();
 }
 
 }  // namespace
