@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "minfw/testing/capture_sink.h"
@@ -56,17 +57,18 @@ TEST(ScenarioTest, FullFileIsReadIntoEveryField) {
   EXPECT_EQ(s.error->at.phase, Phase::updating);
   EXPECT_EQ((std::vector<int64_t>{s.error->at.afterMs, s.error->code}),
             (std::vector<int64_t>{5, 1234}));
-  EXPECT_EQ(s.result->sessionStatus, lum11::CM_SessionStatus::error);
-  EXPECT_EQ(s.result->errorCategories, 2);
-  EXPECT_EQ(s.result->integrityValidationResult.status, lum11::CM_ValidationStatus::failed);
-  EXPECT_EQ(s.result->integrityValidationResult.errorDetails, "crc");
-  EXPECT_EQ(s.result->safetyValidationResult.status, lum11::CM_ValidationStatus::successful);
-  EXPECT_EQ(s.resolveUrl->fileNames, std::vector<std::string>{"a.bin"});
-  EXPECT_EQ(s.resolveUrl->fileType, lum11::CM_FileType::manifest);
-  EXPECT_TRUE(s.resolveUrl->holdUntilAnswered);
-  EXPECT_EQ(s.stopOffer->durationMs, 2000);
-  EXPECT_EQ(s.crash->at.phase, Phase::downloadFinished);
-  EXPECT_EQ(s.crash->exitCode, 9);
+  const lum11::DomainResult& result = *s.result;
+  EXPECT_EQ(
+      std::tie(result.sessionStatus, result.errorCategories,
+               result.integrityValidationResult.status,
+               result.integrityValidationResult.errorDetails, result.safetyValidationResult.status),
+      std::make_tuple(lum11::CM_SessionStatus::error, 2, lum11::CM_ValidationStatus::failed, "crc",
+                      lum11::CM_ValidationStatus::successful));
+  EXPECT_EQ(
+      std::tie(s.resolveUrl->fileNames, s.resolveUrl->fileType, s.resolveUrl->holdUntilAnswered,
+               s.stopOffer->durationMs, s.crash->at.phase, s.crash->exitCode),
+      std::make_tuple(std::vector<std::string>{"a.bin"}, lum11::CM_FileType::manifest, true, 2000,
+                      Phase::downloadFinished, 9));
   EXPECT_EQ(s.preconditionResult, "ignition on");
   // An empty entry is the clean default; sessions past the list follow the last entry.
   EXPECT_FALSE(r.scenario->forSession(1).error);

@@ -6,9 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <functional>
-#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "interfaces/lum/lum_names.h"
@@ -30,67 +29,57 @@ constexpr const char* kClient = "NODBOX-USB";
 constexpr uint16_t kRiid = 7;
 
 // One simulator on a manual virtual clock, with every output written down as text.
-class Rig {
- public:
+struct Rig {
   explicit Rig(SessionScript script = {}, bool strict = false)
-      : scoped_(clock_), script_(script), sim_(Scenario{{script}, strict}, outputs()) {}
-
-  LumSimulator& sim() { return sim_; }
-  ScopedLogCapture& log() { return capture_; }
-  std::vector<std::string>& seen() { return seen_; }
+      : scoped_(clock_), script_(script), sim(Scenario{{script}, strict}, outputs()) {}
 
   // Moves time without polling: the next call has to play what came due.
   void advanceOnly(int64_t ms) { clock_.advance(std::chrono::milliseconds(ms)); }
   void advance(int64_t ms) {
     advanceOnly(ms);
-    sim_.poll();
+    sim.poll();
   }
   Status create(uint16_t riid = kRiid) {
     methods::CreateDomainUpdateSession::Input in;
     in.accessID = kClient;
     in.vehicleRepairInstructionID = riid;
-    return sim_.createDomainUpdateSession(in).output.returnStatus;
+    return sim.createDomainUpdateSession(in).output.returnStatus;
   }
-  State state() {
-    return sim_.getDomainUpdateSessionState(session()).output.currentProcessingState;
-  }
+  State state() { return sim.getDomainUpdateSessionState(session()).output.currentProcessingState; }
   static methods::SessionInput session() { return {kClient, kRiid}; }
-
   // Create, analyse, download: the session ends in downloadFinished.
   void toDownloadFinished() {
     ASSERT_EQ(create(), Status::ok);
     advance(script_.analyseMs);
-    ASSERT_EQ(sim_.startDomainUpdateDownload(session()).output.returnStatus, Status::ok);
+    ASSERT_EQ(sim.startDomainUpdateDownload(session()).output.returnStatus, Status::ok);
     advance(script_.downloadMs);
   }
-
- private:
   SimulatorOutputs outputs() {
     SimulatorOutputs o;
     o.readyForDownload = [this](const lum11::ReadyForDownloadInfo& i, uint16_t id) {
-      seen_.push_back(
+      seen.push_back(
           cat("readyForDownload:", id, ":", i.installationTime, ":", i.downloadDataSize));
     };
     o.readyForUpdate = [this](const lum11::ReadyForUpdateInfo& i, uint16_t id) {
-      seen_.push_back(
+      seen.push_back(
           cat("readyForUpdate:", id, ":", i.installationTime, ":", i.downloadedDataSize));
     };
-    o.updateFinished = [this](uint16_t id) { seen_.push_back(cat("updateFinished:", id)); };
-    o.error = [this](uint16_t id, uint32_t code) { seen_.push_back(cat("error:", id, ":", code)); };
+    o.updateFinished = [this](uint16_t id) { seen.push_back(cat("updateFinished:", id)); };
+    o.error = [this](uint16_t id, uint32_t code) { seen.push_back(cat("error:", id, ":", code)); };
     return o;
   }
 
-  ScopedLogCapture capture_;  // keeps the simulator's lines out of the test output
+  ScopedLogCapture log;  // keeps the simulator's lines out of the test output
   SimulatedClock clock_{SimulatedClock::Mode::kManual};
   ScopedClock scoped_;
   SessionScript script_;
-  std::vector<std::string> seen_;
-  LumSimulator sim_;
+  std::vector<std::string> seen;
+  LumSimulator sim;
 };
 
 // The operations the tables below name, reduced to their return status.
 Status callByName(Rig& rig, const std::string& op) {
-  LumSimulator& sim = rig.sim();
+  LumSimulator& sim = rig.sim;
   const methods::SessionInput in = Rig::session();
   if (op == "createDomainUpdateSession")
     return rig.create();
@@ -116,43 +105,39 @@ TEST(LumSimulatorTest, CleanSessionRunsThroughEveryState) {
   EXPECT_EQ(rig.state(), State::verifying);
   rig.advanceOnly(1);  // exactly on time, a call plays the analysis end without a poll
   EXPECT_EQ(rig.state(), State::verificationFinished);
-  EXPECT_EQ(rig.seen(), std::vector<std::string>{rfd});
+  EXPECT_EQ(rig.seen, std::vector<std::string>{rfd});
   rig.advance(5000);  // waiting does not start the download
   EXPECT_EQ(rig.state(), State::verificationFinished);
-  EXPECT_EQ(rig.sim().startDomainUpdateDownload(in).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim.startDomainUpdateDownload(in).output.returnStatus, Status::ok);
   EXPECT_EQ(rig.state(), State::downloading);
   rig.advance(1000);  // half way: half the bytes, second of two packages
-  const auto download = rig.sim().getDomainUpdateDownloadProgress(in).output;
-  EXPECT_EQ(download.processedBytes, 2097152);
-  EXPECT_EQ(download.totalBytes, 4194304);
-  EXPECT_EQ(download.currentPackageNumber, 2u);
-  EXPECT_EQ(download.totalPackageNumber, 2u);
-  EXPECT_EQ(download.packageName, "domain-boot.pkg");
-  EXPECT_EQ(download.downloadRate, 2097152);
-  EXPECT_EQ(rig.seen(), std::vector<std::string>{rfd});
+  const auto d = rig.sim.getDomainUpdateDownloadProgress(in).output;
+  EXPECT_EQ(std::tie(d.processedBytes, d.totalBytes, d.currentPackageNumber, d.totalPackageNumber,
+                     d.packageName, d.downloadRate),
+            std::make_tuple(2097152, 4194304, 2u, 2u, "domain-boot.pkg", 2097152));
+  EXPECT_EQ(rig.seen, std::vector<std::string>{rfd});
   rig.advance(1000);  // the download ends and announces the update
   EXPECT_EQ(rig.state(), State::downloadFinished);
-  EXPECT_EQ(rig.seen(), (std::vector<std::string>{rfd, rfu}));
-  EXPECT_EQ(rig.sim().startDomainUpdate(in).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.seen, (std::vector<std::string>{rfd, rfu}));
+  EXPECT_EQ(rig.sim.startDomainUpdate(in).output.returnStatus, Status::ok);
   EXPECT_EQ(rig.state(), State::updating);
   rig.advance(500);  // a quarter of the installation
-  const auto install = rig.sim().getDomainUpdateProgress(in).output;
-  EXPECT_EQ(install.processedBytes, 1048576);
-  EXPECT_EQ(install.currentPackageNumber, 1u);
-  EXPECT_EQ(install.packageName, "domain-app.pkg");
+  const auto i = rig.sim.getDomainUpdateProgress(in).output;
+  EXPECT_EQ(std::tie(i.processedBytes, i.currentPackageNumber, i.packageName),
+            std::make_tuple(1048576, 1u, "domain-app.pkg"));
   EXPECT_EQ(rig.state(), State::updating);
   // One late poll plays the end at its own time and announces it.
   rig.advance(10000);
-  const auto r = rig.sim().getDomainUpdateResult(in).output;
-  EXPECT_EQ(r.returnStatus, Status::ok);
-  EXPECT_EQ(r.domainResult.sessionStatus, lum11::CM_SessionStatus::successful);
-  EXPECT_EQ(r.domainResult.integrityValidationResult.status,
-            lum11::CM_ValidationStatus::successful);
+  const auto r = rig.sim.getDomainUpdateResult(in).output;
+  EXPECT_EQ(std::tie(r.returnStatus, r.domainResult.sessionStatus,
+                     r.domainResult.integrityValidationResult.status),
+            std::make_tuple(Status::ok, lum11::CM_SessionStatus::successful,
+                            lum11::CM_ValidationStatus::successful));
   EXPECT_EQ(rig.state(), State::successfulFinished);
-  EXPECT_EQ(rig.seen(), (std::vector<std::string>{rfd, rfu, "updateFinished:7"}));
-  EXPECT_EQ(rig.sim().closeDomainUpdateSession(in).output.returnStatus, Status::ok);
-  EXPECT_EQ(rig.sim().getDomainUpdateSessionState(in).output.returnStatus, Status::invalidState);
-  EXPECT_TRUE(rig.log()->contains("session 7: successfulFinished"));
+  EXPECT_EQ(rig.seen, (std::vector<std::string>{rfd, rfu, "updateFinished:7"}));
+  EXPECT_EQ(rig.sim.closeDomainUpdateSession(in).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim.getDomainUpdateSessionState(in).output.returnStatus, Status::invalidState);
+  EXPECT_TRUE(rig.log->contains("session 7: successfulFinished"));
   // A new session may follow the closed one.
   EXPECT_EQ(rig.create(8), Status::ok);
 }
@@ -202,12 +187,12 @@ TEST(LumSimulatorTest, WithheldEventsAreNotSentButTheSessionGoesOn) {
     script.events[event] = false;
     Rig rig(script);
     rig.toDownloadFinished();
-    ASSERT_EQ(rig.sim().startDomainUpdate(Rig::session()).output.returnStatus, Status::ok);
+    ASSERT_EQ(rig.sim.startDomainUpdate(Rig::session()).output.returnStatus, Status::ok);
     rig.advance(2000);
     EXPECT_EQ(rig.state(), State::successfulFinished);
     auto expected = all;
     expected.erase(expected.begin() + static_cast<std::ptrdiff_t>(index));
-    EXPECT_EQ(rig.seen(), expected);
+    EXPECT_EQ(rig.seen, expected);
   }
 }
 
@@ -240,22 +225,22 @@ TEST(LumSimulatorTest, ScriptedErrorInEachPhase) {
     for (int i = 0; i < 100; ++i) {
       rig.advance(100);
       if (row.phase != Phase::verificationFinished)
-        rig.sim().startDomainUpdateDownload(Rig::session());
+        rig.sim.startDomainUpdateDownload(Rig::session());
       if (row.phase != Phase::downloadFinished)
-        rig.sim().startDomainUpdate(Rig::session());
+        rig.sim.startDomainUpdate(Rig::session());
     }
     EXPECT_EQ(rig.state(), State::failFinished);
-    EXPECT_EQ(rig.seen(), row.seen);
-    const auto r = rig.sim().getDomainUpdateResult(Rig::session()).output;
-    EXPECT_EQ(r.returnStatus, Status::ok);
-    EXPECT_EQ(r.domainResult.sessionStatus, lum11::CM_SessionStatus::error);
-    EXPECT_EQ(r.domainResult.resultCode, 4711u);
-    EXPECT_EQ(r.domainResult.errorDetails, cat("error 4711 in ", phaseName(row.phase)));
+    EXPECT_EQ(rig.seen, row.seen);
+    const auto r = rig.sim.getDomainUpdateResult(Rig::session()).output;
+    EXPECT_EQ(std::tie(r.returnStatus, r.domainResult.sessionStatus, r.domainResult.resultCode,
+                       r.domainResult.errorDetails),
+              std::make_tuple(Status::ok, lum11::CM_SessionStatus::error, 4711u,
+                              cat("error 4711 in ", phaseName(row.phase))));
     if (row.downloaded >= 0) {
-      EXPECT_EQ(rig.sim().getDomainUpdateDownloadProgress(Rig::session()).output.processedBytes,
+      EXPECT_EQ(rig.sim.getDomainUpdateDownloadProgress(Rig::session()).output.processedBytes,
                 row.downloaded);
     }
-    EXPECT_EQ(rig.sim().closeDomainUpdateSession(Rig::session()).output.returnStatus, Status::ok);
+    EXPECT_EQ(rig.sim.closeDomainUpdateSession(Rig::session()).output.returnStatus, Status::ok);
   }
   // A scripted result replaces the one the session would give.
   SessionScript script;
@@ -267,11 +252,11 @@ TEST(LumSimulatorTest, ScriptedErrorInEachPhase) {
   Rig rig(script);
   ASSERT_EQ(rig.create(), Status::ok);
   rig.advance(0);
-  EXPECT_EQ(rig.sim().getDomainUpdateResult(Rig::session()).output.domainResult.resultCode, 77u);
+  EXPECT_EQ(rig.sim.getDomainUpdateResult(Rig::session()).output.domainResult.resultCode, 77u);
   // A failed session need not be closed: the next create replaces it.
   EXPECT_EQ(rig.create(8), Status::ok);
-  EXPECT_EQ(rig.sim().getDomainUpdateSessionState({kClient, 8}).output.returnStatus, Status::ok);
-  EXPECT_EQ(rig.sim().getDomainUpdateSessionState(Rig::session()).output.returnStatus,
+  EXPECT_EQ(rig.sim.getDomainUpdateSessionState({kClient, 8}).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim.getDomainUpdateSessionState(Rig::session()).output.returnStatus,
             Status::invalidParameters);
 }
 
@@ -309,25 +294,25 @@ TEST(LumSimulatorTest, CallsOutOfOrderAreInvalidState) {
   // Another client or another session id is refused as a wrong parameter.
   Rig rig;
   ASSERT_EQ(rig.create(), Status::ok);
-  EXPECT_EQ(rig.sim().getDomainUpdateSessionState({"OTHER", kRiid}).output.returnStatus,
+  EXPECT_EQ(rig.sim.getDomainUpdateSessionState({"OTHER", kRiid}).output.returnStatus,
             Status::invalidParameters);
-  EXPECT_EQ(rig.sim().getDomainUpdateSessionState({kClient, 8}).output.returnStatus,
+  EXPECT_EQ(rig.sim.getDomainUpdateSessionState({kClient, 8}).output.returnStatus,
             Status::invalidParameters);
   // Session id 0 names the current session in the reads a poller makes, whoever asks; every
   // other operation, and a strict scenario, refuse it like any other id.
   const methods::SessionInput current{"OTHER", LumSimulator::kCurrentSession};
   rig.advance(1000);
-  EXPECT_EQ(rig.sim().getDomainUpdateSessionState(current).output.currentProcessingState,
+  EXPECT_EQ(rig.sim.getDomainUpdateSessionState(current).output.currentProcessingState,
             State::verificationFinished);
-  EXPECT_EQ(rig.sim().getDomainDownloadInfo(current).output.returnStatus, Status::ok);
-  EXPECT_EQ(rig.sim().getDomainUpdateInfo(current).output.returnStatus, Status::ok);
-  EXPECT_EQ(rig.sim().startDomainUpdateDownload(current).output.returnStatus,
+  EXPECT_EQ(rig.sim.getDomainDownloadInfo(current).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim.getDomainUpdateInfo(current).output.returnStatus, Status::ok);
+  EXPECT_EQ(rig.sim.startDomainUpdateDownload(current).output.returnStatus,
             Status::invalidParameters);
   Rig strict({}, true);
-  EXPECT_EQ(strict.sim().getDomainUpdateSessionState(current).output.returnStatus,
+  EXPECT_EQ(strict.sim.getDomainUpdateSessionState(current).output.returnStatus,
             Status::invalidState);
   ASSERT_EQ(strict.create(), Status::ok);
-  EXPECT_EQ(strict.sim().getDomainUpdateSessionState(current).output.returnStatus,
+  EXPECT_EQ(strict.sim.getDomainUpdateSessionState(current).output.returnStatus,
             Status::invalidParameters);
 }
 
@@ -361,20 +346,20 @@ TEST(LumSimulatorTest, CancelInEachState) {
     };
     if (row.startDownload) {
       to(1000);
-      rig.sim().startDomainUpdateDownload(Rig::session());
+      rig.sim.startDomainUpdateDownload(Rig::session());
     }
     if (row.startUpdate) {
       to(3000);
-      rig.sim().startDomainUpdate(Rig::session());
+      rig.sim.startDomainUpdate(Rig::session());
     }
     to(row.advanceMs);
-    const auto out = rig.sim().cancelDomainUpdate(Rig::session()).output;
-    EXPECT_EQ(out.returnStatus, Status::ok);
-    EXPECT_EQ(out.cancelStatus, row.status);
+    const auto out = rig.sim.cancelDomainUpdate(Rig::session()).output;
+    EXPECT_EQ(std::tie(out.returnStatus, out.cancelStatus),
+              std::make_tuple(Status::ok, row.status));
     rig.advance(500);
     EXPECT_EQ(rig.state(), row.after) << toString(rig.state());
     if (row.after == State::revertFinished) {
-      EXPECT_EQ(rig.sim().getDomainUpdateResult(Rig::session()).output.domainResult.sessionStatus,
+      EXPECT_EQ(rig.sim.getDomainUpdateResult(Rig::session()).output.domainResult.sessionStatus,
                 lum11::CM_SessionStatus::reverted);
     }
   }

@@ -41,7 +41,6 @@ class OrvaneMediumTest : public ::testing::Test {
  protected:
   std::string medium() const { return dir_.file("medium"); }
   JSON description() const { return JSON::Load(readFile(medium() + "/NodboxUpdateMedium.json")); }
-
   // The payload of the medium's key manifest; Null if it does not extract.
   JSON keyManifestPayload(const std::string& name) const {
     ScopedLogCapture quiet;
@@ -62,7 +61,6 @@ TEST_F(OrvaneMediumTest, WritesAFolderThatParses) {
   ASSERT_EQ(run.status, 0) << run.err;
   for (const char* name : {"NodboxUpdateMedium.json", "KeyManifest.mose", "a.bin", "b.json"})
     EXPECT_NE(run.out.find(name), std::string::npos) << run.out;
-
   const char* expected = R"({"train":"T-2026","order":"ORD1","keyManifest":"KeyManifest.mose",)"
                          R"("manifests":["a.bin","b.json"],"diagAddresses":["10","4660","65535"]})";
   EXPECT_EQ(description().dump(), JSON::Load(expected).dump());
@@ -70,7 +68,6 @@ TEST_F(OrvaneMediumTest, WritesAFolderThatParses) {
   EXPECT_EQ(readFile(medium() + "/a.bin"), std::string("update\0manifest\xff", 16));
   EXPECT_EQ(JSON::Load(readFile(medium() + "/b.json")).dump(),
             JSON::Load(R"({"file":"b.json","train":"T-2026"})").dump());
-
   const JSON payload = keyManifestPayload("KeyManifest.mose");
   const JSON* files = payload.find("EncryptedFiles");
   ASSERT_NE(files, nullptr);
