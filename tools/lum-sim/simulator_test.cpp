@@ -32,7 +32,6 @@ constexpr uint16_t kRiid = 7;
 struct Rig {
   explicit Rig(SessionScript script = {}, bool strict = false)
       : scoped_(clock_), script_(script), sim(Scenario{{script}, strict}, outputs()) {}
-
   // Moves time without polling: the next call has to play what came due.
   void advanceOnly(int64_t ms) { clock_.advance(std::chrono::milliseconds(ms)); }
   void advance(int64_t ms) {
@@ -68,7 +67,6 @@ struct Rig {
     o.error = [this](uint16_t id, uint32_t code) { seen.push_back(cat("error:", id, ":", code)); };
     return o;
   }
-
   ScopedLogCapture log;  // keeps the simulator's lines out of the test output
   SimulatedClock clock_{SimulatedClock::Mode::kManual};
   ScopedClock scoped_;

@@ -91,7 +91,6 @@ class LaptopServiceTest : public ::testing::Test {
     service_->mUpdateErrorCode = [this] { return current_.errorCode; };
     ASSERT_TRUE(service_->start());
   }
-
   SimulatedClock clock_{SimulatedClock::Mode::kAutoAdvance};
   ScopedClock scopedClock_{clock_};
   ScopedLogCapture log_;

@@ -48,7 +48,6 @@ class OrvaneMediumTest : public ::testing::Test {
     orv::KeyManifest manifest;
     return manifest.Extract(raw) ? manifest.payload() : JSON();
   }
-
   TempDir dir_;
 };
 

@@ -40,7 +40,6 @@ class ScriptedClient : public Client {
     std::lock_guard<std::mutex> lock(mutex_);
     return attempts_;
   }
-
   bool updateURLResponse(const lum11::UpdateUrlResponseStruct& r) override {
     return attempt("updateURLResponse", std::to_string(r.urlInfo.size()), 0);
   }
@@ -100,7 +99,6 @@ class ScriptedClient : public Client {
     }
     return true;
   }
-
   mutable std::mutex mutex_;  // guards failures_ and attempts_
   std::map<std::string, int> failures_;
   std::vector<std::string> attempts_;

@@ -126,7 +126,6 @@ class Service final : public lum12::skeleton::DiagLocalUpdateManagerControl {
   Service(mw::Binding* binding, Inbox& inbox)
       : DiagLocalUpdateManagerControl(mw::InstanceSpecifier("1"), binding), inbox_(inbox) {}
   ~Service() override { StopOfferService(); }
-
   void updateUrlResponse(const lum12::UpdateUrlResponseStruct& x) override {
     answer<m::UpdateUrlResponse>(inbox_, {x});
   }

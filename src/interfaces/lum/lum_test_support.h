@@ -8,7 +8,6 @@
 //    the visitor as a copy of their underlying value.
 //
 // Threading: a visitor is used by one thread.
-
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,7 +19,6 @@ namespace orv::lum::testing {
 class Filler final : public platform::middleware::FieldVisitor {
  public:
   explicit Filler(int elementsPerSequence) : elements_(elementsPerSequence) {}
-
   bool writing() const override { return false; }
   void value(bool& v) override { v = true; }
   void value(uint8_t& v) override { v = static_cast<uint8_t>(next()); }
@@ -43,7 +41,6 @@ class Filler final : public platform::middleware::FieldVisitor {
  private:
   // 1..126: never zero (the default) and small enough for any width.
   uint32_t next() { return counter_++ % 126 + 1; }
-
   int elements_;
   uint32_t counter_ = 0;
   std::vector<int> remaining_;
@@ -56,11 +53,9 @@ class Recorder final : public platform::middleware::FieldVisitor {
   template <typename T>
   explicit Recorder(const T& object)
       : begin_(reinterpret_cast<const char*>(&object)), end_(begin_ + sizeof(T)) {}
-
   const std::string& text() const { return text_; }
   // Empty when every field of the object was visited after the one declared before it.
   const std::string& orderError() const { return orderError_; }
-
   bool writing() const override { return true; }
   void value(bool& v) override { add(v ? "true" : "false", &v); }
   void value(uint8_t& v) override { add(std::to_string(v), &v); }
@@ -94,7 +89,6 @@ class Recorder final : public platform::middleware::FieldVisitor {
       orderError_ = "value " + std::to_string(count_) + " is visited out of order";
     last_ = at;
   }
-
   const char* begin_ = nullptr;
   const char* end_ = nullptr;
   const char* last_ = nullptr;

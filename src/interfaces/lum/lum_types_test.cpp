@@ -1,6 +1,5 @@
 // Wire shape of the LUM types of both versions: a round trip of every type through the SOME/IP
 // serializer with a value in every field, truncated payloads, and hand-checked byte images.
-
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,7 +1,6 @@
 // The wire codecs (message header, payload serializer, SD payload) against hand-checked images,
 // and bad input at every layer: hand-made malformed images and every truncation of the valid
 // ones. Codecs read exact-size heap copies, so AddressSanitizer reports any read past the end.
-
 #include <gtest/gtest.h>
 
 #include <array>
@@ -344,9 +343,8 @@ TEST(Codec, SdOptionRunsAndToleratedOddities) {
   std::vector<SdIpv4Endpoint> endpoints = {SdIpv4Endpoint{}};  // replaced, not appended to
   ASSERT_TRUE(endpointsOf(m, m.entries[0], endpoints));
   ASSERT_EQ(endpoints.size(), 2u);
-  EXPECT_EQ(endpoints[0].port, 1);
-  EXPECT_EQ(endpoints[0].protocol, kSdProtocolTcp);
-  EXPECT_EQ(endpoints[1].port, 2);
+  EXPECT_EQ(std::tie(endpoints[0].port, endpoints[0].protocol, endpoints[1].port),
+            std::make_tuple(1, kSdProtocolTcp, 2));
   SdEntry beyond = m.entries[0];
   beyond.index2 = 3;
   EXPECT_FALSE(endpointsOf(m, beyond, endpoints));
@@ -359,9 +357,8 @@ TEST(Codec, SdOptionRunsAndToleratedOddities) {
       "00000000");
   ASSERT_TRUE(decodeSd(odd.data(), odd.size(), m, error)) << error;
   ASSERT_EQ(m.entries.size(), 2u);
-  EXPECT_EQ(m.entries[0].counter, 3);
-  EXPECT_EQ(m.entries[0].ttl, kTtlInfinite);
-  EXPECT_EQ(m.entries[0].eventgroupId, 2);
+  EXPECT_EQ(std::tie(m.entries[0].counter, m.entries[0].ttl, m.entries[0].eventgroupId),
+            std::make_tuple(3, kTtlInfinite, 2));
   EXPECT_FALSE(m.entries[1].isServiceEntry());
   EXPECT_EQ(static_cast<uint8_t>(m.entries[1].type), 0x05);
   EXPECT_TRUE(m.options.empty());

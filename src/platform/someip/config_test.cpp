@@ -17,13 +17,10 @@ using middleware::InterfaceIds;
 
 // The descriptions that the test file deploys, and one that it leaves out.
 std::vector<InterfaceIds> known() {
-  return {{"Sample_v1",
-           0x1234,
-           11,
-           0,
-           {{"start", 1}, {"stop", 2}},
-           {{"progress", 0x8001, 1}},
-           {{"state", 32774, 40, std::nullopt, 2}, {"mode", 32775, 41, 42, 2}}},
+  InterfaceIds sample{
+      "Sample_v1", 0x1234, 11, 0, {{"start", 1}, {"stop", 2}}, {{"progress", 0x8001, 1}}, {}};
+  sample.fields = {{"state", 32774, 40, std::nullopt, 2}, {"mode", 32775, 41, 42, 2}};
+  return {sample,
           {"Other_v2", 4661, 2, 7, {{"ping", 1}}, {}, {}},
           {"Unused_v1", 4662, 1, 0, {}, {}, {}}};
 }

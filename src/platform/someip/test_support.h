@@ -1,6 +1,5 @@
 #pragma once
 // Hex images for the wire tests.
-
 #include <cctype>
 #include <cstdint>
 #include <string>

@@ -143,13 +143,13 @@ TEST(DiagnosisViRoutineClientTest, StartOfTheUpdateRoutine) {
   }
 }
 
-// Decodes `data` into a value of the type of `original` and compares the fields; one byte less
-// or more is refused.
-template <typename T, typename Fields>
-void expectRoundTrip(const std::vector<uint8_t>& data, const T& original, Fields fields) {
+// Decodes `data` and encodes it again to the same bytes (the encoder is pinned by the images);
+// one byte less or more is refused.
+template <typename T>
+void expectRoundTrip(const std::vector<uint8_t>& data) {
   T back;
   ASSERT_TRUE(measurement::decode(data, back));
-  EXPECT_EQ(fields(back), fields(original));
+  EXPECT_EQ(measurement::encode(back), data);
   std::vector<uint8_t> shorter(data.begin(), data.end() - 1), longer = data;
   longer.push_back(0);
   EXPECT_FALSE(measurement::decode(shorter, back) || measurement::decode(longer, back));
@@ -165,14 +165,8 @@ TEST(DiagnosisMesswertTest, EncodingsAndAnswers) {
   const diagNewStatusType state{ORV_USB_UPDATETYPE_DIAG, ACTIVE_USB, 9, 5, 42, -619};
   const diagTimestampType stamps{1,   "01.01.2026", "", "--.--.----", std::string(300, 't'),
                                  619, "\xc3\xbc"};
-  expectRoundTrip(measurement::encode(state), state, [](const diagNewStatusType& x) {
-    return std::make_tuple(x.updateType, x.channel, x.stateHmi, x.stateLum, x.progress,
-                           x.errorCode);
-  });
-  expectRoundTrip(measurement::encode(stamps), stamps, [](const diagTimestampType& x) {
-    return std::make_tuple(x.dtType, x.dtStartDate, x.dtStartTime, x.dtEndDate, x.dtEndTime,
-                           x.dtErr, x.dtErrTxt);
-  });
+  expectRoundTrip<diagNewStatusType>(measurement::encode(state));
+  expectRoundTrip<diagTimestampType>(measurement::encode(stamps));
   DiagnosisMesswert messwert;
   EXPECT_EQ(messwert.answer(1, measurement::kTimestamps).status, Status::notAvailable);
   messwert.signalDiagnoseUpdateState = [&] { return state; };
@@ -222,7 +216,6 @@ platform::someip::HostConfig load(bool tester) {
 struct FakeTester {
   std::unique_ptr<platform::someip::Runtime> runtime;
   std::unique_ptr<mw::Skeleton> skeleton;
-
   bool start(Inbox* replies) {
     std::string error;
     runtime = platform::someip::Runtime::start(load(true), "diag-tester", error);

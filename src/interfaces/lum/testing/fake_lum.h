@@ -9,7 +9,6 @@
 //
 // Threading: calls, count(), calls() and answerDeferred() are thread-safe; the public members
 // are set while no call runs.
-
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -29,16 +28,13 @@ class FakeLum : public DiagLUMControlClient {
   using Client = DiagLUMControlClient::Client;
   using PS = lum11::CM_CurrentProcessingState;
   static constexpr uint32_t kNoAnswer = 0xFF;
-
   FakeLum() : DiagLUMControlClient(std::make_unique<Client>()) {}
-
   std::map<std::string, std::deque<uint32_t>> script;
   PS state = PS::verifying;
   std::string configuration;
   std::vector<lum11::UpdateUrlResponseStruct> urlResponses;
   std::function<void(const std::string& op)> onCall;
   std::set<std::string> deferred;
-
   std::vector<std::string> calls() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return calls_;
@@ -59,7 +55,6 @@ class FakeLum : public DiagLUMControlClient {
     for (auto& answer : answers)
       answer();
   }
-
   void _internal(int value) override { log("_internal:" + std::to_string(value)); }
   void updateURLResponse(const lum11::UpdateUrlResponseStruct& response, bool) override {
     log("updateURLResponse");
@@ -151,7 +146,6 @@ class FakeLum : public DiagLUMControlClient {
     }
     done(answered, out);
   }
-
   mutable std::mutex mutex_;  // guards calls_, deferred_, and the script in calls
   std::vector<std::string> calls_;
   std::vector<std::function<void()>> deferred_;

@@ -5,7 +5,6 @@
 //
 // Threading: ReportQueue is thread-safe (its mutex guards its reports); a RuntimePair is owned
 // by the test thread, the objects it holds are thread-safe.
-
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -57,7 +56,6 @@ struct RuntimePair {
   std::unique_ptr<Runtime> client;
   std::unique_ptr<middleware::Skeleton> skeleton;
   std::unique_ptr<middleware::Proxy> proxy;
-
   // Starts both runtimes and makes the skeleton; false (with a test failure) when one is missing.
   bool start();
   // Starts looking for the service, runs `beforeOffer`, offers it, and makes the proxy once

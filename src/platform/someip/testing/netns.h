@@ -5,7 +5,6 @@
 // never collide. There is no fallback: if no namespace can be made, the program fails.
 //
 // Threading: call first thing in main(), before any thread starts.
-
 #include <errno.h>
 #include <stdlib.h>
 #include <unistd.h>

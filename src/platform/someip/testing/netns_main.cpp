@@ -1,6 +1,5 @@
 // main() of the binding's socket tests: runs the tests inside a private network namespace (see
 // netns.h).
-
 #include <gtest/gtest.h>
 
 #include "platform/someip/testing/netns.h"

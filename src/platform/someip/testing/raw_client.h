@@ -4,7 +4,6 @@
 // against hangs.
 //
 // Threading: owned by one test thread.
-
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -33,7 +32,6 @@ class RawClient {
   ~RawClient() { ::close(fd_); }
   RawClient(const RawClient&) = delete;
   RawClient& operator=(const RawClient&) = delete;
-
   bool connected() const { return connected_; }
   void send(const std::vector<uint8_t>& bytes) {
     ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),

@@ -2,7 +2,6 @@
 // A small service interface for the binding's own tests and benchmark, described the way
 // interface code describes its members (see platform/middleware/proxy.h) and its ids (see
 // platform/middleware/interface_ids.h); written by hand, as platform code has no generator.
-
 #include <cstdint>
 #include <string>
 

@@ -1,7 +1,6 @@
 // someip_test_peer CONFIG: the "server" process of the discovery tests. Offers TestService
 // (echo, emit, note; tick events; the level field, 42). SIGUSR1 toggles the offer (stop offer /
 // offer again); SIGTERM ends it.
-
 #include <signal.h>
 
 #include <cstdio>
@@ -28,7 +27,6 @@ int main(int argc, char** argv) {
   sigaddset(&signals, SIGUSR1);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
   kel::vxp3::minfw::Logger::instance().init("someip_test_peer", "PEER", kel::vxp3::minfw::kInfo);
   HostConfig config;
   std::string error;
