@@ -160,6 +160,8 @@ TEST(JoseTest, TamperedContainersAndKeyStoreFaultsAreRefused) {
       {"epk swapped for a point off the curve",
        header(ec, [](JSON& h) { h["epk"]["y"] = base64UrlEncode(std::string(32, 'A')); }),
        "\"epk\" is not a P-256 public key"},
+      {"dir with an encrypted key part", edited(dir, [](Parts& p) { p[1] = "AAAA"; }),
+       "must be empty for \"dir\""},
       {"iv truncated", cut(dir, 2, 10), "Truncated part: iv has 7 bytes"},
       {"tag truncated", cut(rsa, 4, 20), "tag 15 bytes"},
       {"encrypted key truncated", cut(rsa, 1, 300), "Truncated part: encrypted key"},
@@ -202,7 +204,24 @@ TEST(JoseTest, TamperedContainersAndKeyStoreFaultsAreRefused) {
     EXPECT_FALSE(manifest.Extract(raw));
     EXPECT_EQ(manifest.payloadText(), "");
     EXPECT_TRUE(log.sink().contains(row.logged)) << ::testing::PrintToString(log.sink().messages());
+    // Refused before anything is decrypted, unless the tag check is the refusal.
+    EXPECT_TRUE(std::string(row.logged) == kTag || !log.sink().contains(kTag));
   }
+  {  // A failed tag check gives nothing out; the caller must not go on as if it had a plaintext.
+    KeyDir keys(kDecryptKeys);
+    const Parts p = split(flip(rsa, 4, 15)());
+    const auto part = [&](int i) { return base64UrlDecode(p[i]); };
+    const auto h = part(0);
+    std::string out = "untouched";
+    EXPECT_FALSE(jose::decrypt(KeyStore(), p[0], JSON::Load(std::string(h.begin(), h.end())),
+                               part(1), part(2), part(3), part(4), out));
+    EXPECT_EQ(out, "untouched");
+  }
+  // Without ORVANE_KEY_DIR, or with it empty, keys come from the built-in directory.
+  ::setenv("ORVANE_KEY_DIR", "", 1);
+  EXPECT_EQ(KeyStore::defaultDirectory(), KeyStore::kDefaultDirectory);
+  ::unsetenv("ORVANE_KEY_DIR");
+  EXPECT_EQ(KeyStore::defaultDirectory(), KeyStore::kDefaultDirectory);
 }
 
 // Containers written to each kind of recipient, signed by each kind of signer or not, read back;
