@@ -11,11 +11,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <iomanip>
 #include <mutex>
@@ -495,6 +497,7 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
   // from other messages by their ids, and judges SOME/IP alike over either transport.
   const std::string file = pair.dir.file("exchange.pcap");
   std::size_t packets = 0;
+  std::vector<int> notifications;  // session ids of the test service's events, in wire order
   {
     std::ofstream dump(file + ".txt");
     std::lock_guard<std::mutex> lock(mutex);
@@ -502,12 +505,19 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
       if (r.bytes.empty())
         continue;  // a TCP connection was opened
       ++packets;
+      if (r.bytes.size() >= 16 && r.bytes[0] == 0x12 && r.bytes[1] == 0x34 && r.bytes[14] == 0x02)
+        notifications.push_back(r.bytes[10] << 8 | r.bytes[11]);
       dump << "0000" << std::hex << std::setfill('0');
       for (uint8_t byte : r.bytes)
         dump << ' ' << std::setw(2) << int{byte};
       dump << '\n';
     }
   }
+  // The service's notifications count their session ids up, ticks and field updates alike.
+  EXPECT_GE(notifications.size(), 3u);
+  EXPECT_EQ(std::adjacent_find(notifications.begin(), notifications.end(), std::greater_equal<>()),
+            notifications.end())
+      << ::testing::PrintToString(notifications);
   run("text2pcap -q -u 30490,30490 " + file + ".txt " + file, file + ".log");
   const std::string tshark = "tshark -r " + file + " -d udp.port==30490,someip";
   // One line per SOME/IP message (a packet holds one): service;method;type;return code;SD entry
