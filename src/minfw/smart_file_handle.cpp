@@ -160,36 +160,6 @@ bool SmartFileHandle::Write(const void* buffer, std::size_t length, off_t offset
   return true;
 }
 
-off_t SmartFileHandle::Seek(off_t offset, int whence) {
-  if (fd_ < 0) {
-    MLOG_ERROR(kTag, "No file opened!");
-    return -1;
-  }
-  const off_t result = fs_.lseek(fd_, offset, whence);
-  if (result < 0)
-    MLOG_ERROR(kTag, "Unable to seek.");
-  return result;
-}
-
-bool SmartFileHandle::Truncate(off_t length) {
-  if (fd_ < 0) {
-    MLOG_ERROR(kTag, "No file opened!");
-    return false;
-  }
-  const uint32_t tries = atLeastOnce(writeTries_);
-  for (uint32_t n = 1; n <= tries; ++n) {
-    if (fs_.truncate(path_.c_str(), length) == 0)
-      return true;
-    const int error = errno;
-    MLOG_WARN(kTag, "truncate(", path_, ") try [", n, "], errno[", error, "] ", errnoText(error));
-    if (n < tries)
-      pause();
-  }
-  MLOG_ERROR(kTag, "After [", tries, "] we give up!");
-  return false;
-}
-
-// Size and BlockSize repeat the same loop so that their failures carry their own names.
 uint64_t SmartFileHandle::Size() {
   if (fd_ < 0) {
     MLOG_ERROR(kTag, "No file opened!");
@@ -200,25 +170,6 @@ uint64_t SmartFileHandle::Size() {
   for (uint32_t n = 1; n <= tries; ++n) {
     if (fs_.fstat(fd_, &status) == 0)
       return static_cast<uint64_t>(status.st_size);
-    const int error = errno;
-    MLOG_WARN(kTag, "stat(", path_, ") try [", n, "], errno[", error, "] ", errnoText(error));
-    if (n < tries)
-      pause();
-  }
-  MLOG_ERROR(kTag, "After [", tries, "] we give up!");
-  return 0;
-}
-
-uint64_t SmartFileHandle::BlockSize() {
-  if (fd_ < 0) {
-    MLOG_ERROR(kTag, "No file opened!");
-    return 0;
-  }
-  const uint32_t tries = atLeastOnce(readTries_);
-  struct stat status {};
-  for (uint32_t n = 1; n <= tries; ++n) {
-    if (fs_.fstat(fd_, &status) == 0)
-      return static_cast<uint64_t>(status.st_blksize);
     const int error = errno;
     MLOG_WARN(kTag, "stat(", path_, ") try [", n, "], errno[", error, "] ", errnoText(error));
     if (n < tries)

@@ -51,15 +51,8 @@ class SmartFileHandle {
   // Writes all `length` bytes at `offset`, then fsyncs.
   bool Write(const void* buffer, std::size_t length, off_t offset);
 
-  // lseek(); the new offset, or -1.
-  off_t Seek(off_t offset, int whence = SEEK_SET);
-
-  // Sets the size of the open file.
-  bool Truncate(off_t length);
-
-  // Size / preferred I/O block size of the open file; 0 on failure.
+  // Size of the open file; 0 on failure.
   uint64_t Size();
-  uint64_t BlockSize();
 
   // Page-cache advice for the open file (POSIX_FADV_*).
   bool posix_fadvise(off_t offset, off_t length, int advice);
