@@ -153,7 +153,7 @@ class Logic : public ILumChannel {
   void seqUpdateProgress(uint32_t percent);
   void seqGetDomainUpdateResult();
   void seqCloseDomainUpdate();
-  bool seqCancelDomainUpdate();
+  void seqCancelDomainUpdate();
   void seqInstallationFinished();
   void seqInstallationFailed(int errorCode);
   void seqResolveUpdateURLRequest(const ResolveUpdateURLRequest& request);

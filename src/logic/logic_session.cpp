@@ -477,23 +477,22 @@ void Logic::seqCloseDomainUpdate() {
   }
 }
 
-bool Logic::seqCancelDomainUpdate() {
+void Logic::seqCancelDomainUpdate() {
   MLOG_INFO(kTag, "Cancel update in progress");
   setStateLUM(7);
   std::shared_ptr<DiagLUMControlClient> lum =
       signalRequestInterface ? signalRequestInterface(ACTIVE_USB) : nullptr;
   if (!lum) {
     MLOG_ERROR(kTag, "Unable to retrieve LUM interface!");
-    return false;
+    return;
   }
   Client::CancelDomainUpdateOutput out;
   if (!lum->cancelDomainUpdate(kClientId, riid_, out, true)) {
     MLOG_ERROR(kTag, "CancelDomainUpdate failed!");
-    return false;
+    return;
   }
   MLOG_INFO(kTag, "CancelDomainUpdate, LUM returnStatus=[",
             lum::sequenceReturnStatusName(status(out.returnStatus)), "]");
-  return true;
 }
 
 void Logic::seqInstallationFinished() {
