@@ -416,6 +416,32 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
   }
 }
 
+// An offer goes out, then repetitionsMax repetitions, then only the cyclic offers: here a minute
+// apart, so that whatever the machine's load the repetitions are the only offers soon after.
+TEST(SdPeerTest, OfferIsRepeatedRepetitionsMaxTimes) {
+  RawSdPeer peer;
+  ASSERT_TRUE(peer.bound()) << std::strerror(errno);
+  TempDir dir;
+  std::string json = testConfigJson();
+  json.replace(json.find("\"cyclicOfferDelayMs\": 100"), 25, "\"cyclicOfferDelayMs\": 60000");
+  kel::vxp3::minfw::testing::writeFile(dir.file("host.json"), json);
+  HostConfig config;
+  std::string error;
+  ASSERT_TRUE(loadHostConfig(dir.file("host.json"), {testInterfaceIds()}, config, error)) << error;
+  auto server = Runtime::start(config, "server", error);
+  ASSERT_TRUE(server) << error;
+  auto skeleton = mw::Skeleton::Create(kTestInterface, mw::InstanceSpecifier("1"), server.get());
+  ASSERT_TRUE(skeleton && skeleton.value()->OfferService());
+  int offers = 0;
+  while (offers < 4) {
+    auto sd = peer.receive(kGroup);
+    if (!sd)
+      break;
+    offers += sd->second.entries.at(0).type == SdEntryType::kOfferService;
+  }
+  EXPECT_EQ(offers, 4) << "the first offer and repetitionsMax (3) repetitions";
+}
+
 // The output of a shell command that must succeed.
 std::string run(const std::string& command, const std::string& output) {
   EXPECT_EQ(std::system((command + " >" + output).c_str()), 0) << command;
