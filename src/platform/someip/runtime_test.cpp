@@ -442,6 +442,46 @@ TEST(SdPeerTest, OfferIsRepeatedRepetitionsMaxTimes) {
   EXPECT_EQ(offers, 4) << "the first offer and repetitionsMax (3) repetitions";
 }
 
+// Has `skeleton` answer "emit n" by sending ticks 1 to n.
+void handleEmit(mw::Skeleton& skeleton) {
+  skeleton.handle<Emit>([s = &skeleton](const Emit::Input& n) {
+    for (uint32_t i = 1; i <= n; ++i)
+      s->send<Tick>(Tick::Sample{i, "t"});
+    return mw::Future<Emit::Output>::ready(n);
+  });
+}
+
+// With two clients connected, each subscriber gets the events on its own connection.
+TEST(EventTest, EachOfTwoSubscribersGetsTicksOnItsOwnConnection) {
+  RuntimePair pair;
+  ASSERT_TRUE(pair.start());
+  handleEmit(*pair.skeleton);
+  ASSERT_TRUE(pair.connect());
+  ReportQueue reports;  // outlives the runtime that reports to it
+  std::string error;
+  auto other = Runtime::start(pair.config, "other", error);
+  ASSERT_TRUE(other) << error;
+  ASSERT_TRUE(mw::Proxy::StartFindService(reports.handler(), kTestInterface,
+                                          mw::InstanceSpecifier("1"), other.get()));
+  std::unique_ptr<mw::Proxy> second = proxyOnceFound(*other, reports);
+  ASSERT_TRUE(second);
+  // The first client subscribes last, when the server holds both connections.
+  auto inbox = std::make_shared<Inbox>();
+  const std::pair<mw::Proxy*, std::string> subscribers[] = {{second.get(), "second"},
+                                                            {pair.proxy.get(), "first"}};
+  for (const auto& [proxy, name] : subscribers) {
+    proxy->event<Tick>().SetReceiveHandler([inbox, name = name] { inbox->add(name); });
+    ASSERT_TRUE(proxy->event<Tick>().Subscribe(10));
+  }
+  for (auto end = std::chrono::steady_clock::now() + kPatience;
+       inbox->count("first") == 0 || inbox->count("second") == 0;) {
+    ASSERT_LT(std::chrono::steady_clock::now(), end) << "a subscriber gets no tick";
+    ASSERT_TRUE(pair.proxy->call<Emit>(1u).get());
+  }
+  for (const auto& [proxy, _] : subscribers)
+    proxy->event<Tick>().UnsetReceiveHandler();
+}
+
 // The output of a shell command that must succeed.
 std::string run(const std::string& command, const std::string& output) {
   EXPECT_EQ(std::system((command + " >" + output).c_str()), 0) << command;
@@ -469,12 +509,7 @@ TEST(WireCaptureTest, RecordedExchangeAnswersAsIntendedAndDecodesWithWireshark) 
     return mw::Future<Echo::Output>::ready(Echo::Output{in.text + "!", in.n + 1});
   });
   pair.skeleton->handleFireAndForget<Note>([&](const Note::Input& in) { noted = in; });
-  mw::Skeleton* s = pair.skeleton.get();
-  pair.skeleton->handle<Emit>([s](const Emit::Input& n) {
-    for (uint32_t i = 1; i <= n; ++i)
-      s->send<Tick>(Tick::Sample{i, "t"});
-    return mw::Future<Emit::Output>::ready(n);
-  });
+  handleEmit(*pair.skeleton);
   pair.skeleton->field<Level>().Update(7);
   // The client's find goes out before the server offers, so that it is part of the exchange.
   ASSERT_TRUE(pair.connect([&] { ASSERT_TRUE(inbox->waitFor("sd sent")); }));

@@ -59,6 +59,17 @@ bool RuntimePair::start() {
   return true;
 }
 
+std::unique_ptr<mw::Proxy> proxyOnceFound(Runtime& client, ReportQueue& reports) {
+  auto found = reports.until([](const mw::ServiceHandleContainer& c) { return !c.empty(); });
+  EXPECT_TRUE(found) << "service not found";
+  if (!found)
+    return nullptr;
+  EXPECT_TRUE(mw::Proxy::Preconstruct((*found)[0], &client).get());
+  auto p = mw::Proxy::Create((*found)[0], &client);
+  EXPECT_TRUE(p);
+  return p ? std::move(p).value() : nullptr;
+}
+
 bool RuntimePair::connect(const std::function<void()>& beforeOffer) {
   auto find = mw::Proxy::StartFindService(reports.handler(), kTestInterface,
                                           mw::InstanceSpecifier("1"), client.get());
@@ -66,17 +77,8 @@ bool RuntimePair::connect(const std::function<void()>& beforeOffer) {
   if (beforeOffer)
     beforeOffer();
   EXPECT_TRUE(skeleton->OfferService());
-  auto found = reports.until([](const mw::ServiceHandleContainer& c) { return !c.empty(); });
-  EXPECT_TRUE(found) << "service not found";
-  if (!found)
-    return false;
-  EXPECT_TRUE(mw::Proxy::Preconstruct((*found)[0], client.get()).get());
-  auto p = mw::Proxy::Create((*found)[0], client.get());
-  EXPECT_TRUE(p);
-  if (!p)
-    return false;
-  proxy = std::move(p).value();
-  return true;
+  proxy = proxyOnceFound(*client, reports);
+  return proxy != nullptr;
 }
 
 }  // namespace platform::someip::testing

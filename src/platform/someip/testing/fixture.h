@@ -47,6 +47,10 @@ class ReportQueue {
   std::deque<middleware::ServiceHandleContainer> reports_;
 };
 
+// A proxy of TestService instance 1 in `client`, once the find that feeds `reports` has found it
+// and it is reachable; null (with a test failure) otherwise.
+std::unique_ptr<middleware::Proxy> proxyOnceFound(Runtime& client, ReportQueue& reports);
+
 struct RuntimePair {
   // Destroyed in reverse order: the runtimes before the queue their threads report to.
   TempDir dir;

@@ -82,7 +82,8 @@ inline middleware::InterfaceIds testInterfaceIds() {
       {{Level::kName, 0x8002, 6, std::nullopt, 1}}};
 }
 
-// Host configuration of the tests: "client" at 127.0.0.1, "server" at 127.0.0.2, fast SD
+// Host configuration of the tests: "client" at 127.0.0.1, "server" at 127.0.0.2, a second client
+// "other" at 127.0.0.4, fast SD
 // timing, a TTL of 1 s; TestService instance 1 offered by "server". Loaded with
 // testInterfaceIds().
 inline std::string testConfigJson() {
@@ -90,7 +91,8 @@ inline std::string testConfigJson() {
   "sd": { "multicast": "224.244.224.245", "port": 30490,
           "initialDelayMinMs": 0, "initialDelayMaxMs": 10, "repetitionBaseDelayMs": 10,
           "repetitionsMax": 3, "cyclicOfferDelayMs": 100, "ttlSeconds": 1 },
-  "processes": { "client": { "unicast": "127.0.0.1" }, "server": { "unicast": "127.0.0.2" } },
+  "processes": { "client": { "unicast": "127.0.0.1" }, "server": { "unicast": "127.0.0.2" },
+                 "other": { "unicast": "127.0.0.4" } },
   "interfaces": {
     "TestService": { "instanceId": 1, "server": "server", "tcpPort": 30501 }
   }
