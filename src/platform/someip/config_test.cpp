@@ -84,6 +84,8 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
       {"unknown top-level key", edited("\"sd\":", "\"extra\": 1, \"sd\":"), "extra: unknown key"},
       {"port out of range", edited("30490", "70000"), "sd.port: expected an integer 1..65535"},
       {"port as text", edited("30490", "\"30490\""), "sd.port: expected an integer 1..65535"},
+      {"negative port", edited("30490", "-1"), "sd.port: expected an integer 1..65535"},
+      {"unknown key in sd", edited("\"port\":", "\"x\": 1, \"port\":"), "sd.x: unknown key"},
       {"multicast outside 224/4", edited("224.244.224.245", "10.0.0.1"),
        "sd.multicast: expected an IPv4 address in 224.0.0.0/4"},
       {"initial delay min above max",
