@@ -661,6 +661,18 @@ TEST_F(LogicTest, LateAndDuplicateInputsLeaveARunningUpdateAlone) {
   }
 }
 
+// The LUM's ready events start the download, then the installation.
+TEST_F(LogicTest, ReadyEventsStartTheNextStep) {
+  std::unique_ptr<TestLogic> logic = installed(1);
+  logic->eventDomainReadyForDownloadNotification(1, lum11::ReadyForDownloadInfo{});
+  logic->run(1);
+  EXPECT_EQ(arbiter_.lum->count("startDomainUpdateDownload"), 1u);
+  logic->tasks.clear();  // the status poll that follows
+  logic->eventDomainReadyForUpdateNotification(1, lum11::ReadyForUpdateInfo{});
+  logic->run(1);
+  EXPECT_EQ(arbiter_.lum->count("startDomainUpdate"), 1u);
+}
+
 // The real pool: destruction ends even though the LUM never appeared and a poll chain runs.
 TEST_F(LogicTest, ThreadedDestructionEndsWithoutALum) {
   TempDir dir;
