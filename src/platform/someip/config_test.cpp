@@ -67,6 +67,10 @@ TEST(HostConfig, ValidFileLoads) {
   EXPECT_EQ(config.findInterface("Unused_v1"), nullptr) << "described, but not deployed";
 }
 
+std::string nested(std::size_t depth) {
+  return std::string(depth, '[') + std::string(depth, ']');
+}
+
 TEST(HostConfig, BadFilesNameFileAndKey) {
   struct Row {
     const char* proves;
@@ -82,6 +86,10 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
       {"document is not an object", "[1, 2]", "(document): expected an object"},
       {"missing section", "{\"processes\": {}, \"interfaces\": {}}", "sd: missing"},
       {"unknown top-level key", edited("\"sd\":", "\"extra\": 1, \"sd\":"), "extra: unknown key"},
+      {"arrays nested 64 deep are read",
+       edited("\"sd\":", "\"extra\": " + nested(64) + ", \"sd\":"), "extra: unknown key"},
+      {"65 deep are not", edited("\"sd\":", "\"extra\": " + nested(65) + ", \"sd\":"),
+       "line 2 column 76: nested deeper than 64"},
       {"port out of range", edited("30490", "70000"), "sd.port: expected an integer 1..65535"},
       {"port as text", edited("30490", "\"30490\""), "sd.port: expected an integer 1..65535"},
       {"negative port", edited("30490", "-1"), "sd.port: expected an integer 1..65535"},
