@@ -233,6 +233,11 @@ TEST_F(DmServiceTest, PollCycle) {
 
 // A LUM that came back without channel 0's session would keep the LUM locked to it for good;
 // an ordinary refusal keeps control.
+TEST_F(DmServiceTest, WithoutABindingTheServiceIsNotOffered) {
+  EXPECT_FALSE(Service("1").init());
+  EXPECT_TRUE(log_->contains("Cannot offer service v12 on [1]"));
+}
+
 TEST_F(DmServiceTest, AReconnectedLumWithoutTheSessionGetsControlBack) {
   for (const bool reconnected : {true, false}) {
     SCOPED_TRACE(reconnected ? "after a reconnect" : "an ordinary poll");
