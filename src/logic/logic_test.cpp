@@ -417,8 +417,16 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
     arbiter_.lum->script["createDomainUpdateSession"] = row.answers;
     arbiter_.lum->script["getDomainUpdateSessionState"] = {4};  // keeps the poll quiet
     logic->setStateHMI(eINSTALLATIONCONFIRMED);
+    std::vector<SimulatedClock::Duration> created, polled;  // virtual times of these calls
+    arbiter_.lum->onCall = [&](const std::string& op) {
+      if (op == "createDomainUpdateSession" || op == "getDomainUpdateSessionState")
+        (op[0] == 'c' ? created : polled).push_back(clock_.elapsed());
+    };
     const auto before = clock_.sleeps().size();
     logic->seqInstallationStart();
+    if (row.errorCode == 0) {  // a created session is first polled a second later
+      EXPECT_EQ(polled.at(0) - created.back(), std::chrono::seconds(1));
+    }
     const auto sleeps = clock_.sleeps();
     EXPECT_EQ(std::count(sleeps.begin() + before, sleeps.end(), std::chrono::seconds(10)),
               static_cast<std::ptrdiff_t>(row.busyPauses));
