@@ -528,11 +528,15 @@ TEST_F(LogicTest, EndEventsCloseReleaseAndStampTheEnd) {
   logic->eventDomainErrorNotification(1, 99);  // no session: nothing to end
   EXPECT_TRUE(logic->tasks.empty());
   installing(*logic, 5);
+  std::vector<SimulatedClock::Duration> asked;  // a busy result is asked again a second later
+  arbiter_.lum->onCall = [&](const std::string&) { asked.push_back(clock_.elapsed()); };
+  arbiter_.lum->script["getDomainUpdateResult"] = {4, 0};
   logic->eventDomainErrorNotification(1, 1234);
   EXPECT_EQ(record_->getErrorCode(0), 1234);
   ASSERT_EQ(logic->tasks.size(), 3u);
   logic->run();
-  ended({"getDomainUpdateResult", "closeDomainUpdateSession"});
+  ended({"getDomainUpdateResult", "getDomainUpdateResult", "closeDomainUpdateSession"});
+  EXPECT_EQ(asked.at(1) - asked.at(0), std::chrono::seconds(1));
   EXPECT_EQ(logic->hmi->seen, "state:3: error:1234 ");
   EXPECT_EQ(logic->getStateHMI(), eINSTALLATIONFAILED);
   EXPECT_EQ(record_->getStateLum(9), 0u);
