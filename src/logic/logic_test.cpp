@@ -556,10 +556,12 @@ TEST_F(LogicTest, EndEventsCloseReleaseAndStampTheEnd) {
   EXPECT_EQ(record_->getTrainName(), "");
   EXPECT_EQ(arbiter_.updateType, ORV_USB_UPDATETYPE_NONE);
   // With a tester in charge nobody acknowledges: the service does it for the driver.
-  arbiter_.updateType = ORV_USB_UPDATETYPE_DIAG;
-  logic->setStateHMI(eINSTALLATIONFINISHED);
-  logic->run();
-  EXPECT_EQ(logic->getStateHMI(), eINVALID);
+  for (const uint32_t end : {eINSTALLATIONFINISHED, eINSTALLATIONFAILED}) {
+    arbiter_.updateType = ORV_USB_UPDATETYPE_DIAG;
+    logic->setStateHMI(end);
+    logic->run();
+    EXPECT_EQ(logic->getStateHMI(), eINVALID);
+  }
 }
 
 // The LUM fails its session as a start call goes out: its event comes before, during or after it.
