@@ -474,6 +474,21 @@ TEST_F(LogicTest, StatusPollMakesUpForAMissingEventAfterTheThirdFurtherPoll) {
   }
 }
 
+TEST_F(LogicTest, AFailureFoundByPollingCarriesTheLumsResultCode) {
+  std::unique_ptr<TestLogic> logic = make();
+  installing(*logic, 3);
+  arbiter_.lum->state = PS::failFinished;
+  arbiter_.lum->resultCode = 4242;
+  int32_t atClose = 0;  // recorded before the close: a restart during it still knows the code
+  arbiter_.lum->onCall = [&](const std::string& op) {
+    atClose = op == "closeDomainUpdateSession" ? record_->getErrorCode(0) : atClose;
+  };
+  logic->enqueue([&] { logic->seqGetStatus(); });
+  logic->run(20);
+  EXPECT_EQ(atClose, 4242);
+  EXPECT_EQ(record_->getErrorCode(0), 4242);
+}
+
 TEST_F(LogicTest, EveryErrorPathEndsFailedIdleAndReleased) {
   struct Row {
     const char* proves;

@@ -31,6 +31,7 @@ class FakeLum : public DiagLUMControlClient {
   FakeLum() : DiagLUMControlClient(std::make_unique<Client>()) {}
   std::map<std::string, std::deque<uint32_t>> script;
   PS state = PS::verifying;
+  uint32_t resultCode = 0;  // of getDomainUpdateResult
   std::string configuration;
   std::vector<lum11::UpdateUrlResponseStruct> urlResponses;
   std::function<void(const std::string& op)> onCall;
@@ -92,7 +93,8 @@ class FakeLum : public DiagLUMControlClient {
                      (out.readyForDownloadInfo = {11, 1000}));
   FAKE_LUM_OPERATION(getDomainUpdateInfo, GetDomainUpdateInfoOutput,
                      (out.readyForUpdateInfo = {22, 2000}));
-  FAKE_LUM_OPERATION(getDomainUpdateResult, getDomainUpdateResultOutput, );
+  FAKE_LUM_OPERATION(getDomainUpdateResult, getDomainUpdateResultOutput,
+                     out.domainResult.resultCode = resultCode);
   FAKE_LUM_OPERATION(closeDomainUpdateSession, CloseDomainUpdateSessionOutput, );
   FAKE_LUM_OPERATION(checkProgrammingPreconditions, CheckProgrammingPreconditionsOutput, );
 #undef FAKE_LUM_OPERATION
