@@ -22,6 +22,7 @@ using kel::vxp3::minfw::json::JSON;
 using kel::vxp3::minfw::testing::readFile;
 using kel::vxp3::minfw::testing::ScopedLogCapture;
 using kel::vxp3::minfw::testing::TempDir;
+using kel::vxp3::minfw::testing::writeFile;
 using Parts = std::vector<std::string>;
 
 const std::string kVectors = ORVANE_SOURCE_DIR "/tests/jose_vectors";
@@ -182,6 +183,8 @@ TEST(JoseTest, TamperedContainersAndKeyStoreFaultsAreRefused) {
       {"private key readable by others", [=] { return vector(rsa); },
        "open to group or others (mode 644)",
        [](KeyDir& k) { ::chmod(k.path("enc-rsa.pem").c_str(), 0644); }},
+      {"an empty \"oct\" key", [=] { return vector(dir); }, "is not an \"oct\" JSON Web Key",
+       [](KeyDir& k) { writeFile(k.path("enc-oct256.jwk"), R"({"kty": "oct", "k": ""})"); }},
       {"signature bit", flip(es, 2, 5), "Signature check failed", nullptr, true},
       {"signature truncated", cut(es, 2, 80), "Signature has 60 bytes", nullptr, true},
       {"signed payload changed", flip(es, 1, 40), "Signature check failed", nullptr, true},
