@@ -1,6 +1,7 @@
 #include "minfw/thread_pool.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
@@ -34,8 +35,10 @@ TEST(ThreadPoolTest, SingleWorkerRunsTasksInOrderAndFollowUpsQueueBehind) {
   std::atomic<int> running{0};
   std::atomic<bool> overlapped{false};
   std::promise<void> gate, started, done;
-  ThreadPool pool(1);
+  ThreadPool pool(1, "orvane-worker-pool");
+  char name[16] = {};  // a thread's name has at most 15 characters
   pool.enqueue([&] {
+    pthread_getname_np(pthread_self(), name, sizeof name);
     started.set_value();
     ready(gate.get_future());
     // Runs after the 200 tasks queued while this one was blocked.
@@ -45,6 +48,7 @@ TEST(ThreadPoolTest, SingleWorkerRunsTasksInOrderAndFollowUpsQueueBehind) {
     });
   });
   ASSERT_TRUE(ready(started.get_future()));
+  EXPECT_STREQ(name, "orvane-worker-p");
   pool.enqueue([] { throw std::runtime_error("init:: no signalQueryAlive!"); });
   for (int i = 0; i < 200; ++i) {
     pool.enqueue([&, i] {
