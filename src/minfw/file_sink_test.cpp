@@ -155,7 +155,10 @@ TEST(FileSinkRotation, CrossingTheLimitRotatesBeforeTheNextLine) {
   }
   const auto full = fs::file_size(path);
   EXPECT_FALSE(fs::exists(path + ".01")) << "not rotated while at most 1 MiB";
+  const auto openFiles = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+  const auto open = openFiles();
   sink.write("LUM", "Orvane", "GLOBAL", "main(2)", "next", 2);
+  EXPECT_EQ(openFiles(), open) << "the rotated file is closed";
   ASSERT_TRUE(fs::exists(path + ".01"));
   EXPECT_EQ(fs::file_size(path + ".01"), full) << "the full file moved whole";
   EXPECT_GT(full, 0x100000u);
