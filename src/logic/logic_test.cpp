@@ -513,7 +513,17 @@ TEST_F(LogicTest, EveryErrorPathEndsFailedIdleAndReleased) {
       {"update progress lost", 5, "getDomainUpdateProgress", {kNoAnswer}, pollStatus, 615},
       {"result never arrives", 5, "getDomainUpdateResult", std::deque<uint32_t>(3, kNoAnswer),
        errorEvent, 4711},
-      {"the channel lost its grant: no facade", 1, nullptr, {}, pollStatus, 601}};
+      {"the channel lost its grant: no facade", 1, nullptr, {}, pollStatus, 601},
+      {"a refused start's code outlasts a lost result",
+       1,
+       "startDomainUpdateDownload",
+       {1},
+       [this](TestLogic& l) {
+         arbiter_.lum->state = PS::failFinished;
+         arbiter_.lum->script["getDomainUpdateResult"] = std::deque<uint32_t>(3, kNoAnswer);
+         startDownload(l);
+       },
+       603}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.proves);
     std::unique_ptr<TestLogic> logic = installed(row.lumState);
