@@ -327,6 +327,9 @@ TEST_F(FileWithBackupTest, HandleOffsetWriteAndReadRetryAndReport) {
   EXPECT_TRUE(handle.Read(buffer.data(), buffer.size(), 4));
   EXPECT_EQ(buffer, "o WORLD");
   EXPECT_EQ(clock_.sleeps(), pauses(2, 2000)) << "one pause for the write, one for the read";
+  handle.setReadTries(0);  // still one try, and only one
+  fs_.failCall(Op::kPread, fs_.calls(Op::kPread) + 1, EIO);
+  EXPECT_FALSE(handle.Read(buffer.data(), buffer.size(), 4));
   std::string tooLong(20, '\0');
   EXPECT_FALSE(handle.Read(tooLong.data(), tooLong.size(), 0));
   EXPECT_TRUE(log_->contains("end of file after [11] bytes out of [20]"));
