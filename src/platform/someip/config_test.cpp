@@ -84,6 +84,7 @@ TEST(HostConfig, BadFilesNameFileAndKey) {
       {"syntax error with line and column", edited("\"port\": 30490,", "\"port\": 30490,,"),
        "line 4 column 19: expected a key in double quotes"},
       {"document is not an object", "[1, 2]", "(document): expected an object"},
+      {"cut after a key", "{\"sd\":", "line 1 column 7: unexpected end of file"},
       {"missing section", "{\"processes\": {}, \"interfaces\": {}}", "sd: missing"},
       {"unknown top-level key", edited("\"sd\":", "\"extra\": 1, \"sd\":"), "extra: unknown key"},
       {"arrays nested 64 deep are read",
