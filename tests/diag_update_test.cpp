@@ -1,10 +1,5 @@
-// The diagnostic-master channel end to end, with real processes in one private network
-// namespace: diag-tester drives domain updates through orvane's v12 service while the workshop
-// laptop starts USB updates, lum-sim plays the LUM. Whoever holds the LUM keeps it, the other
-// is refused and disturbs nothing; the poll worker follows the LUM's connection; a tester's
-// routine starts an update once orvane has reconnected to it; orvane finds a restarted LUM again;
-// bad frames on the v12 port never bring orvane down. Real time: every wait is a bounded hang
-// guard.
+// The diagnostic-master channel end to end with real processes: diag-tester on the v12 service,
+// the laptop's USB updates, lum-sim as the LUM. Real time: every wait is a bounded hang guard.
 
 #include <signal.h>
 
@@ -48,7 +43,6 @@ TEST(DiagUpdateTest, TesterAndLaptopTakeTurnsForTheLum) {
       {"analyseMs": 800, "downloadMs": 3000, "installMs": 2000,
       "resolveUrl": {"phase": "downloading", "fileNames": ["m1.json"], "holdUntilAnswered": true}}]})");
   run.startOrvane();
-
   // A USB update holds the LUM: a tester's create meanwhile is refused and reaches no LUM.
   run.handOver();
   ASSERT_TRUE(
@@ -61,7 +55,6 @@ TEST(DiagUpdateTest, TesterAndLaptopTakeTurnsForTheLum) {
   const auto record = run.waitForRest();
   EXPECT_EQ(member(record, "errorcode"), 0);
   EXPECT_EQ(member(record, "progress"), 100);
-
   // A tester's update holds the LUM for channel 0: a medium from the laptop meanwhile is
   // refused by the USB channel (which then waits for an HMI that never acknowledges; last).
   auto tester = dmUpdate("100");
@@ -95,7 +88,6 @@ TEST(DiagUpdateTest, BadFramesALumRestartAndARoutineStart) {
   run.startOrvane();
   ChildProcess& orvane = run.orvane();
   EXPECT_TRUE(count(orvane.output(), "Connecting to [12233]"));
-
   // Bad frames on the v12 port are answered or dropped, and orvane serves on.
   using RC = someip::ReturnCode;
   auto frame = [](uint16_t method, std::vector<uint8_t> payload, uint8_t version = 12) {
@@ -109,7 +101,6 @@ TEST(DiagUpdateTest, BadFramesALumRestartAndARoutineStart) {
   lum12::methods::SessionInput huge{std::string(900 * 1024, 'x'), 1};
   std::vector<uint8_t> claims{0xFF, 0xFF, 0xFF, 0xF0, 0xEF, 0xBB, 0xBF};  // a 4 GiB string
   claims.resize(12);
-
   struct Row {
     std::string proves;
     std::vector<uint8_t> bytes;
@@ -144,13 +135,11 @@ TEST(DiagUpdateTest, BadFramesALumRestartAndARoutineStart) {
   EXPECT_FALSE(count(run.calls(), "createDomainUpdateSession"));
   EXPECT_TRUE(count(orvane.output(), "not readable"));
   EXPECT_TRUE(count(orvane.output(), "resetting the connection"));
-
   // The start-up report follows the diagnosis clients, which wait up to 1 s for a tester.
   EXPECT_TRUE(orvane.waitForOutput("LUM init [True]", kPatience)) << orvane.output();
   auto tester = dmUpdate("200");
   ASSERT_TRUE(tester->waitForOutput("startDomainUpdateDownload: ok", kPatience))
       << tester->output() << tester->errorOutput();
-
   // The LUM crashes and comes back without the session.
   ASSERT_EQ(run.lum().wait(kPatience), 7);
   // Each of these lines comes only from the loss or the return of the LUM here; a LUM that dies
@@ -162,14 +151,12 @@ TEST(DiagUpdateTest, BadFramesALumRestartAndARoutineStart) {
   ASSERT_TRUE(orvane.waitForOutput("LUM connected.", kPatience));
   ASSERT_TRUE(orvane.waitForOutput("DiagLocalUpdateManagerControlClient connected!", kPatience, 2));
   ASSERT_TRUE(orvane.waitForOutput("Starting polling thread", kPatience, 2)) << orvane.output();
-
   // The tester learns that its session is gone; its next update runs to the end and gives
   // control back.
   EXPECT_EQ(exitOf(*tester), 1) << tester->output();
   auto next = dmUpdate("201");
   EXPECT_EQ(exitOf(*next), 0) << next->output() << next->errorOutput();
   EXPECT_EQ(member(readRecord(run.recordPath()), "channel"), 2);
-
   // The routine service comes with a tester and goes with it ...
   const std::size_t routines = count(orvane.output(), "DiagnosticViRoutineProxy connected!");
   const std::size_t gone = count(orvane.output(), "DiagnosisViRoutineClient is dead!");
@@ -178,7 +165,6 @@ TEST(DiagUpdateTest, BadFramesALumRestartAndARoutineStart) {
   EXPECT_EQ(exitOf(measure), 0) << measure.errorOutput();
   EXPECT_TRUE(count(measure.output(), "update type 0, channel ACTIVE_NONE")) << measure.output();
   ASSERT_TRUE(orvane.waitForOutput("DiagnosisViRoutineClient is dead!", kPatience, gone + 1));
-
   // ... and is reconnected when the next one comes: its routine starts an update of the medium
   // at the update endpoint, which runs to the end without anybody confirming it.
   ChildProcess routine;
@@ -195,7 +181,6 @@ TEST(DiagUpdateTest, BadFramesALumRestartAndARoutineStart) {
     EXPECT_TRUE(count(orvane.output(), line)) << line;
   }
   EXPECT_EQ(member(run.waitForRest(), "errorcode"), 0);
-
   // orvane itself never ended; lum-sim ends cleanly on SIGTERM.
   EXPECT_FALSE(orvane.wait(std::chrono::milliseconds(0)));
   run.lum().kill(SIGTERM);

@@ -42,7 +42,6 @@ bool ChildProcess::start(const std::string& path, const std::vector<std::string>
   for (auto& a : argStrings)
     argv.push_back(a.data());
   argv.push_back(nullptr);
-
   std::map<std::string, std::string> merged;
   for (char** e = environ; *e; ++e) {
     const char* eq = std::strchr(*e, '=');
@@ -58,7 +57,6 @@ bool ChildProcess::start(const std::string& path, const std::vector<std::string>
   for (auto& e : envStrings)
     envp.push_back(e.data());
   envp.push_back(nullptr);
-
   const pid_t pid = out >= 0 && err >= 0 ? fork() : -1;
   if (pid == 0) {
     // A test that crashes must not leave its peers running.

@@ -1,8 +1,6 @@
 #pragma once
-// ChildProcess: runs a real program for an integration test, with its standard output and error
-// written to files of its own, and ends it by PID.
-//
-// Threading: owned by one test thread.
+// ChildProcess: a real program with its output and error in files of its own, ended by PID.
+// Owned by one test thread.
 
 #include <sys/types.h>
 
@@ -26,22 +24,17 @@ class ChildProcess {
   ~ChildProcess();  // kills (SIGKILL) and reaps a child that still runs
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
-
   // Starts `path` with `args` and the current environment plus `env` (which overrides).
   bool start(const std::string& path, const std::vector<std::string>& args,
              const std::map<std::string, std::string>& env = {});
-
   // Waits until standard output contains `text` at least `count` times; false after `timeout`
   // or when the child ended first.
   bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout,
                      std::size_t count = 1);
-
   // Waits for the child to exit; its exit status (or 128 + signal) or nothing after `timeout`.
   std::optional<int> wait(std::chrono::milliseconds timeout);
-
   // Sends `signal` to the child (by PID, only while it has not been reaped).
   void kill(int signal);
-
   std::string output() const;
   std::string errorOutput() const;
 

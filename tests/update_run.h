@@ -1,11 +1,6 @@
 #pragma once
-// UpdateRun: one host constellation for whole-update tests, in the test's private network
-// namespace: a medium folder served over HTTP (medium-server), lum-sim playing a scenario with
-// its call log, and orvane with its record in a temporary folder and the medium server as its
-// update endpoint. Real time: every wait is a
-// bounded hang guard. The test target defines the programs' paths.
-//
-// Threading: owned by one test thread.
+// UpdateRun: medium-server, lum-sim with its call log, and orvane with its record in a temporary
+// folder, in the test's network namespace. Real time, bounded waits; owned by one test thread.
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -61,7 +56,6 @@ inline std::map<std::string, std::string> mediumFiles() {
 class UpdateRun {
  public:
   static constexpr const char* kMediumUrl = "http://127.0.0.1:29214/medium";
-
   explicit UpdateRun(const std::string& scenario) {
     const std::string medium = dir_.path() + "/medium";
     mkdirOrFail(medium);
@@ -72,7 +66,6 @@ class UpdateRun {
     startLum(scenario);
     EXPECT_TRUE(server_.waitForOutput("serving", kShort)) << server_.errorOutput();
   }
-
   std::string mediumDir() const { return dir_.path() + "/medium"; }
   std::string recordDir() const { return dir_.path() + "/record"; }
   std::string recordPath() const { return recordDir() + "/persistence.json"; }
@@ -80,7 +73,6 @@ class UpdateRun {
   ChildProcess& orvane() { return *orvane_; }
   ChildProcess& lum() { return *lum_; }
   ChildProcess& mediumServer() { return server_; }
-
   // (Re)starts lum-sim, with `scenario` when given, else the last one; a fresh call log.
   void startLum(const std::string& scenario = {}) {
     if (!scenario.empty())
@@ -89,7 +81,6 @@ class UpdateRun {
     EXPECT_TRUE(lum_->start(LUM_SIM_PATH, {"--scenario", dir_.path() + "/scenario.json",
                                            "--call-log", dir_.path() + "/calls.log"}));
   }
-
   // (Re)starts orvane, with `env` added to its environment, and waits until it has found the LUM.
   void startOrvane(std::map<std::string, std::string> env = {}) {
     orvane_ = std::make_unique<ChildProcess>();
@@ -99,32 +90,27 @@ class UpdateRun {
         << orvane_->output();
     ASSERT_TRUE(orvane_->waitForOutput("Server created with FD", kLong)) << orvane_->output();
   }
-
   // Hands the medium's location over as the workshop laptop does.
   void handOver() {
     ChildProcess laptop;
     ASSERT_TRUE(laptop.start(ORVANE_LAPTOP_PATH, {"start", kMediumUrl}));
     ASSERT_EQ(laptop.wait(kShort), 0) << laptop.output() << laptop.errorOutput();
   }
-
   void killOrvane() {
     orvane_->kill(SIGKILL);
     ASSERT_TRUE(orvane_->wait(std::chrono::seconds(10)));
   }
-
   // Polls the record until `ready` holds; false after `limit`.
   bool waitForRecord(const std::function<bool(const JSON&)>& ready,
                      std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < deadline) {
-      if (ready(readRecord(recordPath()))) {
+      if (ready(readRecord(recordPath())))
         return true;
-      }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
   }
-
   // Waits until the record shows the update at rest: no LUM step, HMI back at eINVALID.
   JSON waitForRest() {
     JSON record;
@@ -141,17 +127,13 @@ class UpdateRun {
   }
 
  private:
-  static constexpr std::chrono::seconds kShort{20};
-  static constexpr std::chrono::seconds kLong{30};
-
+  static constexpr std::chrono::seconds kShort{20}, kLong{30};
   static void mkdirOrFail(const std::string& path) {
     ASSERT_EQ(::mkdir(path.c_str(), 0755), 0) << path;
   }
-
   TempDir dir_;
   ChildProcess server_;
-  std::unique_ptr<ChildProcess> lum_;
-  std::unique_ptr<ChildProcess> orvane_;
+  std::unique_ptr<ChildProcess> lum_, orvane_;
 };
 
 }  // namespace orvane::testing

@@ -1,8 +1,5 @@
-// Whole updates with real processes in one private network namespace: orvane, lum-sim and a
-// medium server, the update started through the workshop-laptop socket as a laptop does. Each
-// run ends in a defined HMI state with control released and the expected record; orvane killed
-// at every step of the session resumes after its restart and still reaches a defined end, and
-// its record is never torn. Real time: every wait is a bounded hang guard.
+// Whole updates with real processes: each run, and orvane killed at every step of a session,
+// ends in a defined HMI state with control released and an untorn record.
 
 #include <gtest/gtest.h>
 
@@ -110,7 +107,6 @@ TEST(UpdateRunTest, ThreadedKilledAtEveryStepResumesToADefinedEnd) {
     const JSON before = readRecord(run.recordPath());
     ASSERT_EQ(before.JSONType(), JSON::Class::Object) << readFile(run.recordPath());
     EXPECT_EQ(member(before, "channel"), 1);
-
     run.startOrvane();
     const JSON record = run.waitForRest();
     const int64_t code = member(record, "errorcode");
@@ -145,7 +141,6 @@ TEST(UpdateRunTest, ThreadedAnAcknowledgedHandOverSurvivesAKillAndACrashingResum
   run.killOrvane();
   run.mediumServer().kill(SIGCONT);
   restartToRest(run, 0, "interrupted by the restart, starting it again");
-
   run.handOver();
   ASSERT_TRUE(
       run.waitForRecord([](const JSON& r) { return member(r, "statelum") == 5; }, kPatience));

@@ -1,7 +1,5 @@
-// A whole USB update in one process against the real lum-sim process, inside a private network
-// namespace: the service's own wiring (Multiplexer, Logic, the host's HMI stand-in that confirms
-// as a driver would, the real LUM client over SOME/IP), the medium served over HTTP. Real time:
-// every wait is a bounded hang guard, never a timing assertion.
+// A whole USB update through the service's own wiring in this process, against a real lum-sim
+// over SOME/IP. Real time: every wait is a bounded hang guard.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -86,14 +84,12 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
   orvane::testing::ChildProcess lumSim;
   ASSERT_TRUE(lumSim.start(LUM_SIM_PATH,
                            {"--scenario", scenario, "--call-log", callLog, "--config", config}));
-
   platform::someip::HostConfig hostConfig;
   std::string error;
   ASSERT_TRUE(platform::someip::loadHostConfig(config, orv::hostInterfaces(), hostConfig, error))
       << error;
   auto runtime = platform::someip::Runtime::start(hostConfig, "orvane", error);
   ASSERT_TRUE(runtime) << error;
-
   orv::testing::HttpServer server;
   for (const auto& [name, text] : orvane::testing::mediumFiles())
     server.put("/medium/" + name, text);
@@ -107,7 +103,6 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
     mux.initBindings();
     mux.initInterfaces();
     Logic& logic = mux.logic();
-
     // A clean update.
     logic.inputUsbInserted(location);
     ASSERT_TRUE(waitForRest(logic, *record, [&] { return record->getProgress(0) == 100; }));
@@ -124,7 +119,6 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
     // the preconditions name the medium's address, the progress names the packages.
     for (const char* line : {"LUM back in time", "diagnosticAddress=0x1a01", "packageName=[p"})
       EXPECT_TRUE(log->contains(line)) << line;
-
     // The next session fails in the LUM: its code reaches the record, control goes back.
     logic.inputUsbInserted(location);
     ASSERT_TRUE(waitForRest(logic, *record, [&] { return record->getErrorCode(0) == 4711; }));
@@ -135,7 +129,6 @@ TEST(UsbUpdateTest, ThreadedUpdateRunsToTheEndThenAnErrorEventFailsTheNext) {
     EXPECT_EQ(log->count("InstallationFailed, errorCode ["), 1u);
   }
   platform::middleware::setDefaultBinding(nullptr);
-
   const std::string calls = readFile(callLog);
   EXPECT_EQ(sessionCalls(calls),
             (std::vector<std::string>{"createDomainUpdateSession", "startDomainUpdateDownload",

@@ -28,9 +28,8 @@
 
 namespace {
 
-// Everything the fake channels did, one text per event. Its mutex is taken inside the sink's,
-// never the other way round. A record whose text contains "block" holds its writer inside the
-// channel (and so inside the sink's mutex) until `release` is set, or a bound.
+// Everything the fake channels did, one text per event. A record containing "block" holds its
+// writer inside the channel (so inside the sink's mutex) until `release` is set, or a bound.
 class Recorder {
  public:
   void add(const std::string& event) {
@@ -51,7 +50,6 @@ class Recorder {
       n += e.find(text) != std::string::npos ? 1 : 0;
     return n;
   }
-
   std::promise<void> release;
 
  private:
@@ -80,7 +78,6 @@ Channel::~Channel() {
 void Channel::setFilterLevel(int16_t level) {
   filterLevel_ = level;
 }
-
 void Channel::enable() {
   enabled_ = true;
 }
@@ -175,7 +172,6 @@ TEST(FileSink, NamesDirectoriesAndAnUnopenablePath) {
   EXPECT_THAT(readFile(dir.file("") + "Second.log"), ::testing::StartsWith("\033[36m["))
       << "a new name opens its own file; the warn colour, escapes kept in the file";
   EXPECT_EQ(sink.path(), dir.file("") + "Second.log");
-
   const std::string missing = dir.file("") + "no/such/dir/";
   ::testing::internal::CaptureStderr();
   {
@@ -247,8 +243,7 @@ TEST_F(KelTraceTest, DestructionWaitsForTheRecordInFlightAndDropsLaterOnes) {
 }
 
 TEST_F(KelTraceTest, ConcurrentWritersAndDestructionAreRaceFree) {
-  constexpr int kThreads = 6;
-  constexpr int kRecords = 300;
+  constexpr int kThreads = 6, kRecords = 300;
   auto sink = std::make_shared<KelTrace>();
   std::vector<std::thread> writers;
   std::atomic<int> started{0};

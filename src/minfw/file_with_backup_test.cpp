@@ -191,7 +191,6 @@ TEST_F(FileWithBackupTest, ShortWritesStoreTheWholeRecordWithModeAndOwner) {
   EXPECT_EQ(status.st_mode & 07777, 0640u);
   EXPECT_EQ(status.st_uid, getuid());
   EXPECT_FALSE(exists(path + ".new"));
-
   // A first record that fails after a short write leaves no torn sibling to be read back.
   const std::string first = dir_.file("first.json");
   FaultFileSystem failing;

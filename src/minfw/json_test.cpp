@@ -263,7 +263,6 @@ TEST(JsonValue, ContainersConvertGrowAndCopyDeeply) {
   ASSERT_NE(record.find("progress"), nullptr);
   EXPECT_EQ(record.find("progress")->ToInt(), 50);
   EXPECT_EQ(record.find("Progress"), nullptr) << "exact keys";
-
   JSON list = 5;
   list[2] = "c";  // an Integral becomes an Array padded with Nulls
   list.append(int64_t{-3});

@@ -76,7 +76,6 @@ TEST(ThreadPoolTest, DrainWaitsInHalfSecondStepsAndLogsTheCount) {
   ThreadPool pool(1);
   pool.drain();
   EXPECT_TRUE(log->messages().empty()) << "an idle pool drains silently";
-
   std::promise<void> gate, started;
   pool.enqueue([&] {
     started.set_value();

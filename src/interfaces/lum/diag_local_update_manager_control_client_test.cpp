@@ -1,7 +1,5 @@
-// The client against a real version-11 service: two SOME/IP runtimes in one process ("lum-sim"
-// offering through a Skeleton, "orvane" with the client), inside a private network namespace.
-// Discovery, calls with their outputs, the answer limit of startDomainUpdateDownload, event relay,
-// loss and return of the service. Real time: every wait is a bounded hang guard, never a measure.
+// The client against a real v11 service, two SOME/IP runtimes ("lum-sim", "orvane") in one
+// process. Real time: every wait is a bounded hang guard, never a measure.
 #include "interfaces/lum/diag_local_update_manager_control_client.h"
 #include "minfw/testing/inbox.h"
 

@@ -284,8 +284,8 @@ TEST_F(DmServiceTest, AWorkerHangingInTheLumIsLeftRunningWithThePanicLine) {
   EXPECT_TRUE(eventually([&] { return log_->contains("V12 Polling Loop stopped"); }));
 }
 
-// A relayed answer is completed by the thread that receives the LUM's answer, not the method
-// thread; until then the service's LUM calls wait, the tester's and the poll worker's alike.
+// The thread receiving the LUM's answer completes a relayed answer; until then the service's LUM
+// calls wait, the tester's and the poll worker's alike.
 TEST_F(DmServiceTest, ThreadedRelayedAnswerCompletesOnTheAnsweringThread) {
   Rig rig(clock_);
   rig.lum->deferred = {"getDomainConfiguration"};

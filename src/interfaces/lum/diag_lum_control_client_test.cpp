@@ -182,10 +182,8 @@ std::vector<std::string> retryMessages(ScopedLogCapture& capture) {
   return out;
 }
 
-// Every operation forwards its arguments and is retried: a LUM that answers only the fifth and
-// last attempt is still heard, each retry announced as a warning after a pause of 5 s. A client
-// that never found the LUM fails every call at once; the facade then spends its five attempts
-// and four pauses before giving up, or gives up silently after one without retry.
+// A LUM answering only the fifth attempt is heard, each retry a warning after 5 s. Against a
+// client that never found the LUM: five attempts and four pauses, or one silent one without retry.
 TEST(DiagLUMControlClientTest, EveryOperationForwardsItsArgumentsAndRetries) {
   const std::vector<std::string> retries = {"Retry 2/5", "Retry 3/5", "Retry 4/5", "Retry 5/5"};
   for (const auto& op : allOperations()) {

@@ -1,8 +1,5 @@
-// The typed bindings of version 12 end to end over SOME/IP, inside a private network namespace,
-// between "orvane" (skeleton) and "diag-tester" (proxy). Each operation shape carries distinct
-// filled inputs and answers distinct filled outputs, compared field by field as text; fields arrive
-// with their entries. Version 11 reaches orvane through the untyped proxy, whose test
-// covers its wire. Real time: every wait is a bounded hang guard, never a measure.
+// The typed v12 bindings over SOME/IP, skeleton "orvane" to proxy "diag-tester": every operation
+// shape's filled inputs and outputs cross field-exact. Real time: waits are bounded hang guards.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -28,13 +25,10 @@ namespace orv {
 namespace {
 
 using kel::vxp3::minfw::testing::Inbox;
-
 namespace mw = platform::middleware;
 using namespace std::chrono_literals;
 using kel::vxp3::minfw::testing::ScopedLogCapture;
-
 constexpr auto kPatience = 20s;
-
 using lum::testing::dump;
 namespace m = lum12::methods;
 namespace f = lum12::fields;
@@ -220,10 +214,8 @@ typename F::Value fieldValue(int seed, int entries) {
   return value;
 }
 
-// Updates of a field before and after a subscription: the subscriber is greeted with the value
-// it missed, then sees every later update in order; Get answers the last one. As for events, the
-// receive handler only signals. Every field shares its generated code; this one's entries carry a
-// sequence of their own.
+// A subscriber is greeted with the value it missed, then sees every later update in order; Get
+// answers the last one. Fields share generated code; this one's entries nest a sequence.
 std::string fieldTrip(Service& service, Proxy& proxy, const std::shared_ptr<Inbox>& inbox) {
   using F = f::ResolveUpdateURLRequest;
   auto& skeleton = service.resolveUpdateURLRequest;

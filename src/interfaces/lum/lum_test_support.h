@@ -1,13 +1,8 @@
 #pragma once
-// Test visitors for the LUM interface types:
-//  - Filler puts a distinct, non-default value into every field that marshal() visits and
-//    gives every sequence a chosen number of elements, so a round trip exercises every field;
-//  - Recorder writes down the values that marshal() visits ("{ 7 \"x\" [ 1 ] }") and whether
-//    the fields of one object are visited in declaration order (their addresses rise).
-//    Only fields inside that object count: sequence elements live elsewhere, and enums reach
-//    the visitor as a copy of their underlying value.
-//
-// Threading: a visitor is used by one thread.
+// Filler puts a distinct non-default value into every field marshal() visits, with a chosen
+// number of elements per sequence. Recorder writes the visited values down ("{ 7 \"x\" [ 1 ] }")
+// and checks the fields of one object rise in address (sequence elements and enum copies live
+// elsewhere, so only in-object fields count). One thread per visitor.
 #include <cstdint>
 #include <string>
 #include <vector>

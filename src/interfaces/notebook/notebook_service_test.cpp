@@ -29,8 +29,7 @@ using ::kel::vxp3::minfw::testing::SimulatedClock;
 constexpr const char* kIp = "127.0.0.7";
 constexpr uint16_t kPort = 5002;
 
-// A laptop: a real TCP client. Reads give up after a generous limit so that a broken service
-// fails the test instead of hanging it.
+// A laptop: a real TCP client whose reads are bounded, so a broken service cannot hang the test.
 class Laptop {
  public:
   Laptop() {

@@ -1,14 +1,8 @@
 #pragma once
-// FakeLum: a LUM facade for the tests of what calls the LUM. Every call is logged by name and
-// answered from `script`: per operation a queue of return statuses (kNoAnswer: no answer at
-// all), ok once the queue is empty. Session-state answers report `state`; progress is half
-// done; the download and update infos carry installation times 11 and 22. `onCall` runs inside
-// every call, outside the fake's lock, so it may hold the caller. Calls without waiting are
-// answered at once on the caller's thread, except those of the operations in `deferred`, whose
-// answers wait for answerDeferred().
-//
-// Threading: calls, count(), calls() and answerDeferred() are thread-safe; the public members
-// are set while no call runs.
+// FakeLum: logs every call by name and answers from `script`, per operation a queue of statuses
+// (kNoAnswer: none), then ok. Download/update infos carry installation times 11 and 22. `onCall`
+// runs outside the lock, so it may hold the caller; `deferred` operations wait for
+// answerDeferred(). Calls are thread-safe; public members are set while no call runs.
 #include <cstdint>
 #include <deque>
 #include <functional>
