@@ -31,7 +31,6 @@ using testing::TempDir;
 using testing::writeFile;
 using Op = FaultFileSystem::Op;
 using std::chrono::milliseconds;
-
 using std::filesystem::exists;
 
 // A record whose every byte depends on its seed and position, so any tear or mix shows.
@@ -174,8 +173,7 @@ TEST_F(FileWithBackupTest, FailuresAreRetriedInVirtualTimeOrTolerated) {
 }
 
 TEST_F(FileWithBackupTest, ShortWritesStoreTheWholeRecordWithModeAndOwner) {
-  const std::string path = dir_.file("short.json");
-  const std::string data = record('s', 5000);
+  const std::string path = dir_.file("short.json"), data = record('s', 5000);
   FaultFileSystem fs;
   fs.shortWrite(1, 1);
   fs.shortWrite(2, 4095);

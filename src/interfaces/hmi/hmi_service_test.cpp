@@ -41,9 +41,8 @@ struct Bound {
   explicit Bound(bool bindUsb = true, bool bindState = true) {
     if (bindUsb)
       hmi.UsbInserted = [this](const std::string& path) { paths.push_back(path); };
-    if (bindState) {
+    if (bindState)
       hmi.HmiStateChanged = [this](int state) { reports.push_back(state); };
-    }
   }
   TestableHmi hmi;
   std::vector<std::string> paths;
@@ -95,8 +94,7 @@ TEST(HmiServiceTest, UnboundCallablesEndWithoutEffect) {
     bool bindUsb, bindState;
     bool diagnosticEntry;  // runUsbInserted instead of foundUsbPath
     bool result;
-    std::size_t paths;    // how many paths reached Logic
-    std::size_t reports;  // how many state reports reached Logic
+    std::size_t paths, reports;  // how many paths and state reports reached Logic
     const char* log;
   };
   const Row rows[] = {
@@ -114,14 +112,9 @@ TEST(HmiServiceTest, UnboundCallablesEndWithoutEffect) {
     SCOPED_TRACE(row.proves);
     ScopedLogCapture log;
     Bound b(row.bindUsb, row.bindState);
-    bool result = true;
-    if (row.diagnosticEntry) {
+    if (row.diagnosticEntry)
       b.hmi.runUsbInserted("p");
-      EXPECT_EQ(b.hmi.runByDiagnostic(), row.result);
-    } else {
-      result = b.hmi.foundUsbPath("p");
-      EXPECT_EQ(result, row.result);
-    }
+    EXPECT_EQ(row.diagnosticEntry ? b.hmi.runByDiagnostic() : b.hmi.foundUsbPath("p"), row.result);
     EXPECT_EQ(b.paths.size(), row.paths);
     EXPECT_EQ(b.reports, std::vector<int>(row.reports, 0));
     EXPECT_TRUE(log->contains(row.log));

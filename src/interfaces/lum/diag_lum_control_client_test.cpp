@@ -215,8 +215,7 @@ TEST(DiagLUMControlClientTest, EveryOperationForwardsItsArgumentsAndRetries) {
   }
 }
 
-// Without waiting, a client that never found the LUM answers at once, and the facade is free for
-// the next call.
+// Without waiting, a client that never found the LUM answers at once; the facade stays free.
 TEST(DiagLUMControlClientTest, WithoutDiscoveryACallWithoutWaitingFailsAtOnce) {
   ScopedLogCapture capture;
   DiagLUMControlClient facade(std::make_unique<Client>());
@@ -253,8 +252,7 @@ TEST(DiagLUMControlClientTest, UnboundSlotsAreReported) {
   EXPECT_FALSE(client.connected());
 }
 
-// The facade's mutex covers the retry pauses: a second caller waits until the first one has
-// used up all its attempts, even while the first one merely sleeps.
+// The facade's mutex covers the retry pauses: a second caller waits out all the first's attempts.
 TEST(DiagLUMControlClientTest, ThreadedSecondCallerWaitsForFirstCallersRetries) {
   SimulatedClock clock;  // manual: sleeps end only when the test advances time
   ScopedClock useClock(clock);

@@ -67,8 +67,7 @@ mw::Future<typename M::Output> answer(Inbox& inbox, const typename M::Input& in)
   return mw::Future<typename M::Output>::ready(filled<typename M::Output>(seed<M>(1, 5)));
 }
 
-// Calls an operation (or sends a one-way one) with filled inputs; empty when inputs and outputs
-// crossed field-exact.
+// Calls (or sends) an operation with filled inputs; empty when both ways crossed field-exact.
 template <typename M, typename Call>
 std::function<std::string(Proxy&, Inbox&)> trip(Call call) {
   return [call](Proxy& proxy, Inbox& inbox) -> std::string {

@@ -67,8 +67,7 @@ TEST(LumTypes, EveryInputOutputSampleAndValueRoundTripsAndRefusesTruncation) {
       [](auto d) { check<typename decltype(d)::Value>(decltype(d)::kName); });
 }
 
-// Hand-checked byte images of LUM records; the string and sequence encodings themselves are the
-// codec's and are pinned there.
+// Hand-checked byte images of LUM records (string and sequence encodings are the codec's).
 TEST(LumTypes, HandCheckedByteImages) {
   lum11::methods::GetDomainUpdateResult::Output result;
   result.domainResult.sessionStatus = lum11::CM_SessionStatus::error;
