@@ -42,8 +42,7 @@ TEST(StartupTest, ConsoleOptionAndMissingRecordFolder) {
   struct Row {
     const char* proves;
     std::vector<std::string> args;
-    bool console;
-    bool missingDir;  // then orvane ends with status 1
+    bool console, missingDir;  // with missingDir orvane ends with status 1
   } rows[] = {
       {"-console among other arguments, any position", {"x", "-console", "--y"}, true, false},
       {"double dash or capitals are not the option", {"--console", "-Console"}, false, false},

@@ -90,18 +90,16 @@ TEST(UpdateRunTest, ThreadedKilledAtEveryStepResumesToADefinedEnd) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.step);
     std::string session = R"({"analyseMs": 2000, "downloadMs": 2500, "installMs": 2500)";
-    if (row.delay != nullptr) {
+    if (row.delay != nullptr)
       session += std::string(R"(, "delay": {")") + row.delay + R"(": {"ms": 900, "calls": 1}})";
-    }
     UpdateRun run(R"({"sessions": [)" + session + "}]}");
     run.startOrvane();
     run.handOver();
     ASSERT_TRUE(run.orvane().waitForOutput(row.step, kPatience)) << run.orvane().output();
     // The step is logged before it is written: kill once the record holds it (or at once).
-    if (row.stateLum >= 0) {
+    if (row.stateLum >= 0)
       ASSERT_TRUE(run.waitForRecord(
           [&](const JSON& r) { return member(r, "statelum") == row.stateLum; }, seconds(5)));
-    }
     run.killOrvane();
     // Whatever write the kill interrupted, the record is whole.
     const JSON before = readRecord(run.recordPath());
