@@ -66,10 +66,9 @@ bool ChildProcess::start(const std::string& path, const std::vector<std::string>
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
-  for (const int fd : {out, err}) {
+  for (const int fd : {out, err})
     if (fd >= 0)
       close(fd);
-  }
   pid_ = pid;
   return pid > 0;
 }
