@@ -97,9 +97,10 @@ TEST(UpdateRunTest, ThreadedKilledAtEveryStepResumesToADefinedEnd) {
     run.handOver();
     ASSERT_TRUE(run.orvane().waitForOutput(row.step, kPatience)) << run.orvane().output();
     // The step is logged before it is written: kill once the record holds it (or at once).
-    if (row.stateLum >= 0)
+    if (row.stateLum >= 0) {
       ASSERT_TRUE(run.waitForRecord(
           [&](const JSON& r) { return member(r, "statelum") == row.stateLum; }, seconds(5)));
+    }
     run.killOrvane();
     // Whatever write the kill interrupted, the record is whole.
     const JSON before = readRecord(run.recordPath());
