@@ -27,8 +27,9 @@ std::string logOf(ScopedLogCapture& cap, bool errorsOnly = false) {
   std::string out;
   for (const testing::LogRecord& r : cap->records()) {
     EXPECT_EQ(r.tag, "json");
-    if (r.message.find(": Load:") == std::string::npos)
+    if (r.message.find(": Load:") == std::string::npos) {
       EXPECT_TRUE(std::regex_match(r.location, parseError)) << r.location;
+    }
     if (!errorsOnly || r.level >= kError)
       out += (out.empty() ? "" : " | ") + r.message;
   }
