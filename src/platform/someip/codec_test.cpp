@@ -248,6 +248,8 @@ TEST(Codec, EachMalformedImageGivesItsDefinedError) {
       // Service discovery payloads.
       {"SD payload shorter than flags and entries length", sd, "c0 000000 0000",
        "SD payload of 6 bytes is shorter than flags and entries length (8)"},
+      {"SD payload of flags and entries length only", sd, "c0 000000 | 00000000",
+       "SD payload ends at offset 8 without the options length"},
       {"truncated SD entry", sd, "c0 000000 | 00000010 | 01 00 00 10 1234 0001 0b",
        "SD entries length 16 exceeds the 9 bytes that remain"},
       {"entries length not a multiple of 16", sd,
