@@ -412,7 +412,12 @@ TEST(SdPeerTest, SharesThePortInEitherStartOrderAnswersFindsRefusesBadSubscripti
     peer.send(offerOf(3, 30602), Endpoint{kGroup, kSdPort});
     EXPECT_EQ(findsHeard(0), 0) << "another instance's offer does not start the search again";
     peer.send(offerOf(2, 30601), Endpoint{kGroup, kSdPort});
-    EXPECT_TRUE(pair.reports.until([](auto& found) { return !found.empty(); }));
+    auto found = pair.reports.until([](auto& found) { return !found.empty(); });
+    ASSERT_TRUE(found);
+    // Nobody listens on the port that offer names: the refused connection ends the wait.
+    auto reachable = mw::Proxy::Preconstruct((*found)[0], pair.client.get());
+    ASSERT_EQ(reachable.wait_for(kPatience), mw::FutureStatus::kReady);
+    EXPECT_FALSE(reachable.get());
   }
 }
 
