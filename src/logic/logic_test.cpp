@@ -504,6 +504,7 @@ TEST_F(LogicTest, EveryErrorPathEndsFailedIdleAndReleased) {
       {"update start without answer", 3, "startDomainUpdate", {kNoAnswer}, startUpdate, 605},
       {"poll: invalid state", 3, "getDomainUpdateSessionState", {1}, pollStatus, 608},
       {"poll: status outside the table", 3, "getDomainUpdateSessionState", {9}, pollStatus, 609},
+      {"poll in the cancel step refused", 7, "getDomainUpdateSessionState", {1}, pollStatus, 602},
       {"download progress lost",
        3,
        "getDomainUpdateDownloadProgress",
