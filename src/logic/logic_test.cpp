@@ -419,8 +419,10 @@ TEST_F(LogicTest, SessionIsTriedFourTimesWithCancelBetweenFailures) {
     logic->setStateHMI(eINSTALLATIONCONFIRMED);
     std::vector<SimulatedClock::Duration> created, polled;  // virtual times of these calls
     arbiter_.lum->onCall = [&](const std::string& op) {
-      if (op == "createDomainUpdateSession" || op == "getDomainUpdateSessionState")
-        (op[0] == 'c' ? created : polled).push_back(clock_.elapsed());
+      if (op == "createDomainUpdateSession")
+        created.push_back(clock_.elapsed());
+      else if (op == "getDomainUpdateSessionState")
+        polled.push_back(clock_.elapsed());
     };
     const auto before = clock_.sleeps().size();
     logic->seqInstallationStart();
@@ -481,7 +483,8 @@ TEST_F(LogicTest, AFailureFoundByPollingCarriesTheLumsResultCode) {
   arbiter_.lum->resultCode = 4242;
   int32_t atClose = 0;  // recorded before the close: a restart during it still knows the code
   arbiter_.lum->onCall = [&](const std::string& op) {
-    atClose = op == "closeDomainUpdateSession" ? record_->getErrorCode(0) : atClose;
+    if (op == "closeDomainUpdateSession")
+      atClose = record_->getErrorCode(0);
   };
   logic->enqueue([&] { logic->seqGetStatus(); });
   logic->run(20);

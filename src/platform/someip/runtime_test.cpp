@@ -428,11 +428,10 @@ TEST(SdPeerTest, OfferIsRepeatedRepetitionsMaxTimes) {
   ASSERT_TRUE(peer.bound()) << std::strerror(errno);
   TempDir dir;
   std::string json = testConfigJson();
-  json.replace(json.find("\"cyclicOfferDelayMs\": 100"), 25, "\"cyclicOfferDelayMs\": 60000");
-  kel::vxp3::minfw::testing::writeFile(dir.file("host.json"), json);
-  HostConfig config;
+  const std::string cyclic = "\"cyclicOfferDelayMs\": 100";
+  json.replace(json.find(cyclic), cyclic.size(), "\"cyclicOfferDelayMs\": 60000");
+  const HostConfig config = loadTestConfig(dir, nullptr, json);
   std::string error;
-  ASSERT_TRUE(loadHostConfig(dir.file("host.json"), {testInterfaceIds()}, config, error)) << error;
   auto server = Runtime::start(config, "server", error);
   ASSERT_TRUE(server) << error;
   auto skeleton = mw::Skeleton::Create(kTestInterface, mw::InstanceSpecifier("1"), server.get());

@@ -6,10 +6,10 @@
 
 namespace platform::someip::testing {
 
-HostConfig loadTestConfig(const TempDir& dir, std::string* pathOut) {
+HostConfig loadTestConfig(const TempDir& dir, std::string* pathOut, const std::string& json) {
   HostConfig config;
   const std::string path = dir.file("host.json");
-  kel::vxp3::minfw::testing::writeFile(path, testConfigJson());
+  kel::vxp3::minfw::testing::writeFile(path, json);
   std::string error;
   EXPECT_TRUE(loadHostConfig(path, {testInterfaceIds()}, config, error)) << error;
   if (pathOut)

@@ -21,6 +21,7 @@
 #include "platform/middleware/skeleton.h"
 #include "platform/someip/config.h"
 #include "platform/someip/runtime.h"
+#include "platform/someip/testing/test_interface.h"
 
 namespace platform::someip::testing {
 
@@ -30,8 +31,10 @@ constexpr std::chrono::seconds kPatience{20};
 using kel::vxp3::minfw::testing::Inbox;
 using kel::vxp3::minfw::testing::TempDir;
 
-// Writes the test configuration into `dir` and loads it; fails the calling test when it cannot.
-HostConfig loadTestConfig(const TempDir& dir, std::string* pathOut = nullptr);
+// Writes `json` (the test configuration unless given) into `dir` and loads it; fails the calling
+// test when it cannot.
+HostConfig loadTestConfig(const TempDir& dir, std::string* pathOut = nullptr,
+                          const std::string& json = testConfigJson());
 
 // Discovery reports, in order.
 class ReportQueue {
